@@ -1,0 +1,177 @@
+#include "interfaces/asyncq.h"
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Body = std::function<void(int stopping)>;
+using Names = std::vector<std::string>;
+
+void RunBody(void* context, int stopping) {
+  const std::unique_ptr<Body> body(static_cast<Body*>(context));
+  (*body)(stopping);
+}
+
+AERROR Push(IAsyncQ* queue, ASYNCQ_LANE lane, Body body) {
+  auto context = std::make_unique<Body>(std::move(body));
+  const AERROR error = queue->Push(&RunBody, context.get(), lane);
+  if (error == SUCCESS) {
+    (void)context.release();  // RunBody has it
+  }
+  return error;
+}
+
+IAsyncQ* MakeQueue(int workers) {
+  IAsyncQ* queue = nullptr;
+  EXPECT_TRUE(InitAsyncQ(workers, &queue));
+  return queue;
+}
+
+// Occupies workers with background tasks until it is opened.
+struct Gate {
+  void Occupy(IAsyncQ* queue, int workers) {
+    for (int i = 0; i < workers; ++i) {
+      auto entered = std::make_shared<std::promise<void>>();
+      Push(queue, ASYNCQ_BACKGROUND, [this, entered](int) {
+        entered->set_value();
+        opened.wait();
+      });
+      entered->get_future().wait();
+    }
+  }
+  void Open() { open.set_value(); }
+
+  std::promise<void> open;
+  std::shared_future<void> opened = open.get_future().share();
+};
+
+TEST(AsyncQueueTest, UrgentLaneGoesFirstAndEachLaneKeepsItsOrder) {
+  IAsyncQ* queue = MakeQueue(1);
+  Gate gate;
+  gate.Occupy(queue, 1);
+  Names ran;
+  for (const auto& [lane, name] : {std::pair{ASYNCQ_BACKGROUND, "b1"},
+                                   {ASYNCQ_URGENT, "u1"},
+                                   {ASYNCQ_BACKGROUND, "b2"},
+                                   {ASYNCQ_URGENT, "u2"}}) {
+    Push(queue, lane, [&ran, text = name](int) { ran.emplace_back(text); });
+  }
+  std::promise<void> all;
+  Push(queue, ASYNCQ_BACKGROUND, [&](int) { all.set_value(); });
+  gate.Open();
+  all.get_future().wait();
+  EXPECT_EQ(ran, (Names{"u1", "u2", "b1", "b2"}));
+  queue->Release();
+}
+
+TEST(AsyncQueueTest, BackgroundWorkLeavesAQuarterOfTheWorkersFree) {
+  IAsyncQ* queue = MakeQueue(4);
+  Gate gate;
+  gate.Occupy(queue, 3);
+  std::atomic<int> background_runs = 0;
+  for (int i = 0; i < 100; ++i) {
+    Push(queue, ASYNCQ_BACKGROUND, [&](int) { ++background_runs; });
+  }
+  std::promise<void> urgent;
+  Push(queue, ASYNCQ_URGENT, [&](int) { urgent.set_value(); });
+  urgent.get_future().wait();
+  EXPECT_EQ(background_runs.load(), 0);
+  gate.Open();
+  queue->Release();
+  EXPECT_EQ(background_runs.load(), 100);
+}
+
+TEST(AsyncQueueTest, ReleaseCallsEachAcceptedTaskOnceAndTellsWaitingOnesToStop) {
+  IAsyncQ* queue = MakeQueue(2);
+  Gate gate;
+  gate.Occupy(queue, 2);
+  std::vector<std::atomic<int>> calls(200);
+  std::atomic<int> late_push = SUCCESS;
+  for (std::atomic<int>& call : calls) {
+    Push(queue, ASYNCQ_BACKGROUND, [&](int stopping) {
+      call += stopping == 1 ? 1 : 100;
+      late_push = Push(queue, ASYNCQ_URGENT, [](int) {});
+    });
+  }
+  std::thread releasing([&] { queue->Release(); });
+  while (Push(queue, ASYNCQ_URGENT, [](int) {}) == SUCCESS) {
+    std::this_thread::yield();  // until Release has begun
+  }
+  gate.Open();
+  releasing.join();
+  EXPECT_EQ(late_push.load(), ASYNCQ_STOPPED);
+  for (const std::atomic<int>& call : calls) {
+    EXPECT_EQ(call.load(), 1);
+  }
+}
+
+TEST(AsyncQueueTest, TasksPushTasksFromManyThreads) {
+  IAsyncQ* queue = MakeQueue(16);
+  std::atomic<int> left = 8000;
+  std::promise<void> all;
+  std::vector<std::thread> pushers;
+  for (int pusher = 0; pusher < 4; ++pusher) {
+    pushers.emplace_back([&, lane = pusher % 2 == 0 ? ASYNCQ_URGENT : ASYNCQ_BACKGROUND] {
+      const auto count_down = [&] {
+        if (--left == 0) {
+          all.set_value();
+        }
+      };
+      for (int i = 0; i < 1000; ++i) {
+        Push(queue, lane, [=](int) {
+          Push(queue, lane, [=](int) { count_down(); });
+          count_down();
+        });
+      }
+    });
+  }
+  for (std::thread& pusher : pushers) {
+    pusher.join();
+  }
+  all.get_future().wait();
+  EXPECT_EQ(queue->Push(nullptr, nullptr, ASYNCQ_URGENT), ASYNCQ_NULLOBJECT);
+  queue->Release();
+}
+
+TEST(AsyncQueueTest, WorkerCountsOutOfRangeFail) {
+  for (const int workers : {0, -1, 1025, 1 << 30}) {
+    IAsyncQ* queue = nullptr;
+    EXPECT_FALSE(InitAsyncQ(workers, &queue)) << workers;
+    EXPECT_EQ(queue, nullptr);
+  }
+}
+
+TEST(AsyncQueueTest, FailsAndLeavesNoThreadWhenThreadsRunOut) {
+#if defined(TARN_SANITIZED)
+  GTEST_SKIP() << "sanitizers abort when memory for a thread is short";
+#endif
+  const pid_t child = ::fork();
+  if (child == 0) {  // limits stay in the child
+    rlim_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlim_t few_stacks = pages * static_cast<rlim_t>(::getpagesize()) + (rlim_t{100} << 20);
+    const rlimit limit{few_stacks, few_stacks};
+    ::setrlimit(RLIMIT_AS, &limit);
+    IAsyncQ* queue = nullptr;
+    const bool first = InitAsyncQ(500, &queue);
+    const auto threads = std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    ::_exit(!first && queue == nullptr && threads == 1 ? 0 : 1);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace

@@ -1,0 +1,271 @@
+#include "modules/local/local_protocol.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <pwd.h>
+#include <string_view>
+#include <sys/statvfs.h>
+
+#include "modules/local/changes.h"
+#include "modules/local/connection_id.h"
+#include "modules/local/errors.h"
+#include "modules/local/upload.h"
+
+namespace tarn::local {
+
+namespace {
+
+// Copies a text with its terminating zero; *length is the buffer's capacity, then the text's bytes.
+AERROR HandOut(std::string_view text, char* buffer, int* length) {
+  if (buffer == nullptr || length == nullptr || *length <= 0) {
+    return INVALID_PARAMETER;
+  }
+  if (text.size() >= static_cast<size_t>(*length)) {
+    return INSUFFICIENT_BUFFER;
+  }
+  std::memcpy(buffer, text.data(), text.size());
+  buffer[text.size()] = '\0';
+  *length = static_cast<int>(text.size());
+  return SUCCESS;
+}
+
+std::string AccountName() {
+  std::array<char, 16384> strings{};
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(::geteuid(), &entry, strings.data(), strings.size(), &found) != 0 ||
+      found == nullptr) {
+    return std::to_string(::geteuid());
+  }
+  return found->pw_name;
+}
+
+AERROR ReadParts(const Place& place, unsigned long long offset, char* buffer,
+                 unsigned long long length, Throttle& throttle, unsigned long long& received) {
+  const UniqueFd file = OpenFileAt(place);
+  if (!file.valid()) {
+    return ErrorOf(errno);
+  }
+  const Throttle::Ticket ticket = throttle.Begin();
+  while (received < length) {
+    const auto wanted = std::min<unsigned long long>(
+        length - received, static_cast<unsigned long long>(throttle.PartBytes()));
+    if (!throttle.Pass(ticket, static_cast<long long>(wanted))) {
+      return READ_CANCELED;
+    }
+    const ssize_t count = ::pread(file.get(), buffer + received, static_cast<size_t>(wanted),
+                                  static_cast<off_t>(offset + received));
+    if (count == 0) {
+      return SUCCESS;
+    }
+    if (count < 0 && errno != EINTR) {
+      return FILE_READ_FAILED;
+    }
+    received += static_cast<unsigned long long>(std::max<ssize_t>(count, 0));
+  }
+  return SUCCESS;
+}
+
+AERROR SizeOfFileSystem(const Folder& folder, unsigned long long& total, unsigned long long& free) {
+  struct statvfs status {};
+  if (::fstatvfs(folder.GetRoot(), &status) != 0) {
+    return ErrorOf(errno);
+  }
+  total = static_cast<unsigned long long>(status.f_blocks) * status.f_frsize;
+  free = static_cast<unsigned long long>(status.f_bavail) * status.f_frsize;
+  return SUCCESS;
+}
+
+}  // namespace
+
+LocalProtocol::LocalProtocol(std::string_view connection_id)
+    : folder_path(FolderOfConnectionId(connection_id)) {}
+
+void LocalProtocol::Release() {
+  (void)Disconnect();
+  const std::unique_ptr<LocalProtocol> self(this);  // the other end of GetProtocol
+}
+
+std::shared_ptr<const Folder> LocalProtocol::GetFolder() {
+  const MutexLock hold(folder_lock);
+  return folder;
+}
+
+// Runs an operation on the connected folder. Exceptions end here: the caller may have been built
+// by another compiler.
+template <typename Operation>
+AERROR LocalProtocol::WithFolder(Operation operation) {
+  try {
+    const std::shared_ptr<const Folder> connected = GetFolder();
+    return connected == nullptr ? DEVICE_NOT_READY : operation(*connected);
+  } catch (...) {
+    return FAILED;
+  }
+}
+
+int LocalProtocol::GetUserName(char* buffer, int* length) {
+  try {
+    return HandOut(AccountName(), buffer, length);
+  } catch (...) {
+    return FAILED;
+  }
+}
+
+AERROR LocalProtocol::GetSize(unsigned long long* total, unsigned long long* free) {
+  DriveSize::Bytes size{};
+  if (drive_size.Get(size)) {
+    *total = size.total;
+    *free = size.free;
+    return SUCCESS;
+  }
+  return WithFolder(
+      [&](const Folder& connected) { return SizeOfFileSystem(connected, *total, *free); });
+}
+
+int LocalProtocol::SetSize(unsigned long long total, unsigned long long used) {
+  drive_size.Set({total, total - std::min(used, total)});
+  return SUCCESS;
+}
+
+AERROR LocalProtocol::List(const char* path, FS_LIST_SINK sink, void* context) {
+  return WithFolder([&](const Folder& connected) { return connected.List(path, sink, context); });
+}
+
+AERROR LocalProtocol::GetInfo(const char* path, FS_INFO* info) {
+  return WithFolder([&](const Folder& connected) {
+    Place place;
+    const AERROR error = connected.FindExisting(path, place);
+    if (error == SUCCESS) {
+      *info = InfoOf(place.status);
+    }
+    return error;
+  });
+}
+
+AERROR LocalProtocol::Read(const char* path, unsigned long long offset, void* buffer,
+                           unsigned long long length, unsigned long long* received) {
+  *received = 0;
+  return WithFolder([&](const Folder& connected) {
+    Place place;
+    const AERROR error = connected.FindExisting(path, place);
+    if (error != SUCCESS) {
+      return error;
+    }
+    if (place.kind != Kind::kFile) {
+      return ACCESS_DENIED;
+    }
+    return ReadParts(place, offset, static_cast<char*>(buffer), length, throttle, *received);
+  });
+}
+
+AERROR LocalProtocol::Upload(const char* path, FS_SOURCE* source, unsigned long long size,
+                             FS_PROGRESS progress, void* context) {
+  source->version[0] = '\0';
+  return WithFolder([&](const Folder& connected) {
+    return StoreFile(connected, path, *source, size, throttle, {progress, context}, commit_lock);
+  });
+}
+
+AERROR LocalProtocol::CreateFolder(const char* path) {
+  return WithFolder([&](const Folder& connected) { return MakeFolder(connected, path); });
+}
+
+AERROR LocalProtocol::DeleteFile(const char* path) {
+  return WithFolder([&](const Folder& connected) { return RemoveFile(connected, path); });
+}
+
+AERROR LocalProtocol::DeleteFolder(const char* path) {
+  return WithFolder([&](const Folder& connected) { return RemoveFolder(connected, path); });
+}
+
+AERROR LocalProtocol::Move(const char* from, const char* to) {
+  return WithFolder(
+      [&](const Folder& connected) { return MoveEntry(connected, from, to, may_move_folders); });
+}
+
+AERROR LocalProtocol::SetModifiedTime(const char* path, const FS_TIME* time) {
+  return WithFolder([&](const Folder& connected) { return SetTime(connected, path, *time); });
+}
+
+AERROR LocalProtocol::GetIdentity(char* buffer, int* length) {
+  return WithFolder([&](const Folder& connected) {
+    return HandOut("local:" + AccountName() + ":" + connected.GetPath(), buffer, length);
+  });
+}
+
+AERROR LocalProtocol::Cancel() {
+  throttle.CancelAll();
+  return SUCCESS;
+}
+
+unsigned long long LocalProtocol::GetCapabilities() {
+  return FS_CAN_SET_TIME | FS_CAN_REPLACE_VERSION | FS_HAS_SIZE;
+}
+
+// "ex_info", the whole mount request as JSON text, is not needed here: the connection id says it
+// all. A module with settings of its own finds them there.
+int LocalProtocol::SetOption(const char* key, const char* value) {
+  if (key == nullptr || value == nullptr) {
+    return INVALID_PARAMETER;
+  }
+  const std::string_view name = key;
+  if (name == "speedlimit") {
+    throttle.SetLimit(std::strtoll(value, nullptr, 10));
+    return SUCCESS;
+  }
+  if (name == "allow_move") {
+    may_move_folders = std::string_view(value) != "false";
+    return SUCCESS;
+  }
+  return name == "ex_info" ? SUCCESS : NOT_SUPPORTED;
+}
+
+int LocalProtocol::GetCredential(char* buffer, int* length) {
+  (void)HandOut("", buffer, length);
+  return NOT_SUPPORTED;
+}
+
+void LocalProtocol::SetKeyFile(const char* /*path*/) {}
+
+AERROR LocalProtocol::Connect(char** message) {
+  try {
+    auto opened = std::make_shared<Folder>();
+    const AERROR error = folder_path.empty() ? PATH_NOT_FOUND : opened->Open(folder_path);
+    if (error != SUCCESS) {
+      const std::string text = "The folder \"" + folder_path + "\" " +
+                               (error == PATH_NOT_FOUND ? "does not exist." : "cannot be read.");
+      *message = ::strdup(text.c_str());
+      return error;
+    }
+    {
+      const MutexLock hold(folder_lock);
+      folder = std::move(opened);
+    }
+    drive_size.Start();
+    return SUCCESS;
+  } catch (...) {
+    return FAILED;
+  }
+}
+
+AERROR LocalProtocol::Disconnect() {
+  throttle.CancelAll();
+  drive_size.Stop();
+  const MutexLock hold(folder_lock);
+  folder.reset();
+  return SUCCESS;
+}
+
+void LocalProtocol::SetQuotaCallback(void* context, QUOTA_CALLBACK callback) {
+  drive_size.SetCallback(context, callback);
+}
+
+void LocalProtocol::FreeString(char* text) {
+  std::free(text);
+}
+
+}  // namespace tarn::local

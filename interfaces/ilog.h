@@ -4,7 +4,7 @@
 
 #include "interfaces/loglevel.h"
 
-// A logger, made by GetLogger of interfaces/logger.h, valid until ReleaseLogger. Any thread.
+// A logger, made by GetLogger of interfaces/logger.h. Valid until the process ends. Any thread.
 struct ILog {
   virtual void SetLevel(LOGLEVEL threshold) = 0;  // 0
   virtual LOGLEVEL GetLevel() = 0;                // 1

@@ -13,6 +13,7 @@ int InitLogger(const char* path);
 // InitLogger, and for a name that a live process uses.
 int GetLogger(int kind, const char* name, LOGLEVEL threshold, ILog** logger);
 
-// Gives the name free and ends the logger object. Returns 0; non-zero for a name not in use here.
+// Gives the name free. The object stays valid, because threads and modules may still hold it, but
+// drops its messages. Returns 0; non-zero for a name not in use here.
 int ReleaseLogger(const char* name);
 }

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "common/sync.h"
 #include "interfaces/aerror.h"
@@ -22,6 +23,8 @@ namespace {
 
 constexpr std::uint32_t kSeverities = 0xFF;
 constexpr std::uint32_t kChannels = LOGLEVEL_ALL;
+
+constexpr auto kNothingPasses = static_cast<LOGLEVEL>(kSeverities);
 
 constexpr bool Passes(LOGLEVEL level, LOGLEVEL threshold) {
   const std::uint32_t channel = level & kChannels;
@@ -53,9 +56,15 @@ class FileLog final : public ILog {
     errno = callers_errno;
   }
 
+  // Gives the name free. Messages are dropped from now on.
+  void Silence() {
+    SetLevel(kNothingPasses);
+    claim.reset();
+  }
+
  private:
   std::shared_ptr<const LogFile> file;
-  NameClaim claim;
+  std::optional<NameClaim> claim;
   std::string name_field;
   std::atomic<LOGLEVEL> threshold;
 };
@@ -66,6 +75,8 @@ struct Loggers {
   Mutex mutex;
   std::shared_ptr<const LogFile> file TARN_GUARDED_BY(mutex);  // empty before InitLogger
   std::map<std::string, std::unique_ptr<FileLog>, std::less<>> by_name TARN_GUARDED_BY(mutex);
+  // Ended ones: a thread may still be writing, and modules keep the pointer that they were lent.
+  std::vector<std::unique_ptr<FileLog>> released TARN_GUARDED_BY(mutex);
 };
 
 Loggers& ProcessLoggers() {
@@ -122,6 +133,8 @@ int ReleaseLogger(const char* name) {
   if (found == loggers.by_name.end()) {
     return FILE_NOT_FOUND;
   }
+  found->second->Silence();
+  loggers.released.push_back(std::move(found->second));
   loggers.by_name.erase(found);
   return SUCCESS;
 }

@@ -1,0 +1,204 @@
+#include <atomic>
+#include <list>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "common/log.h"
+#include "common/utils.h"
+#include "tarnsvc/DriveList.h"
+#include "tarnsvc/NSession.h"
+#include "tarnsvc/ParentPipe.h"
+#include "tarnsvc/Result.h"
+#include "tarnsvc/TCPServer.h"
+
+namespace {
+
+constexpr LOGLEVEL kDebug = LOGLEVEL_DEBUG | LOGLEVEL_SERVICE;
+constexpr LOGLEVEL kError = LOGLEVEL_ERROR | LOGLEVEL_SERVICE;
+constexpr auto kUnmountAllPause = std::chrono::seconds(1);
+
+std::atomic<int> g_CountID{0};
+
+// Every character cut to its low 8 bits. A zero among them would end the label early.
+std::string NarrowLabel(const std::wstring& wide) {
+  std::string label = tarn::NarrowName(wide);
+  for (char& character : label) {
+    character = character == '\0' ? '_' : character;
+  }
+  return label;
+}
+
+// {"cmd":"fs_event","data":{"drive":drive,"method":method}}; without a drive when that is null.
+std::string DriveEvent(const std::string* drive, const char* method) {
+  JsonObject data;
+  if (drive != nullptr) {
+    data.Insert("drive", *drive);
+  }
+  data.Insert("method", std::string(method));
+  Json event;
+  event.Insert("cmd", std::string("fs_event"));
+  event.Insert("data", data);
+  return event.ToText();
+}
+
+// The first character of UTF-8 text; half a character would make no JSON text.
+std::string FirstCharacter(const std::string& text) {
+  size_t length = text.empty() ? 0 : 1;
+  while (length < text.size() && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) {
+    ++length;
+  }
+  return text.substr(0, length);
+}
+
+// Starts the drive process and has it mount. Returns the result code of the mount.
+int StartDrive(CParentPipe& drive, const std::wstring& id, const std::string& label) {
+  const std::wstring name = tarn::PipeName(id);
+  const std::string name_text = ws2s(name);
+  if (!drive.execute_child(id, label)) {
+    __LOG__A(logger, kError, "%s:: failed to execute child, label: %s, pipe: %s [%s:%d]", "mount",
+             label.c_str(), ws2s(id).c_str(), TARN_SOURCE);
+    return kDriveUnreachable;
+  }
+  if (!drive.create(name, nullptr)) {
+    __LOG__A(logger, kError, "%s:: failed to create pipe: %s [%s:%d]", "mount", name_text.c_str(),
+             TARN_SOURCE);
+    return kDriveUnreachable;
+  }
+  __LOG__A(logger, kDebug, "%s:: pipe %s is created [%s:%d]", "mount", name_text.c_str(),
+           TARN_SOURCE);
+  if (!drive.connect(name, nullptr)) {
+    __LOG__A(logger, kError, "%s:: failed to connect pipe: %s [%s:%d]", "mount", name_text.c_str(),
+             TARN_SOURCE);
+    return kDriveUnreachable;
+  }
+  __LOG__A(logger, kDebug, "%s:: pipe %s is connected [%s:%d]", "mount", name_text.c_str(),
+           TARN_SOURCE);
+  int result = kDriveUnreachable;
+  try {
+    result = drive.mount();
+  } catch (AERROR) {
+    // What the drive process said makes no sense: as if it could not be reached.
+  }
+  __LOG__A(logger, result == kOk ? kDebug : kError,
+           result == kOk ? "%s:: mounted. label :%s, pipe: %s [%s:%d]"
+                         : "%s:: failed to mount. label: %s, pipe: %s [%s:%d]",
+           "mount", label.c_str(), name_text.c_str(), TARN_SOURCE);
+  return result;
+}
+
+void ListDrive(const std::shared_ptr<CParentPipe>& drive) {
+  tarn::MutexLock lock(childlist_lock);
+  child_list.push_back(drive);
+  drive->state = CParentPipe::kMounted;
+}
+
+void UnmountForGood(const std::shared_ptr<CParentPipe>& drive, const Json& message) {
+  drive->state = CParentPipe::kUnmounting;
+  (void)drive->send_json_int(message);  // whatever it answers, it leaves the list
+  drive->close();
+  drive->state = CParentPipe::kClosed;
+}
+
+void UnlistDrive(const std::shared_ptr<CParentPipe>& drive) {
+  tarn::MutexLock lock(childlist_lock);
+  child_list.remove(drive);
+}
+
+}  // namespace
+
+std::wstring CNSession::GenRandomString() {
+  return L"_" + std::to_wstring(g_CountID++);
+}
+
+int CNSession::mount(Json message) {
+  const auto drive = std::make_shared<CParentPipe>();
+  message.Insert("callback", callback_mode != 0 ? 1 : 0);
+  drive->set_request(message, self.lock());
+  (void)drive->mount_info.GetObject("/data");
+  const std::wstring id = GenRandomString();
+  __LOG__A(logger, kDebug, " pipe id %s, [%s:%d]", ws2s(id).c_str(), TARN_SOURCE);
+  const std::string label =
+      NarrowLabel(static_cast<std::wstring>(message.GetObject("/data/label")));
+  const std::wstring name = tarn::PipeName(id);
+  tarn::RemoveFifos(tarn::RequestChannel(name));
+  tarn::RemoveFifos(tarn::EventChannel(name));
+  drive->state = CParentPipe::kStarting;
+
+  int result = kDriveUnreachable;
+  try {
+    result = StartDrive(*drive, id, label);
+  } catch (const std::system_error&) {
+    __LOG__A(logger, kError, "%s:: failed to execute child, label: %s, pipe: %s [%s:%d]", "mount",
+             label.c_str(), ws2s(id).c_str(), TARN_SOURCE);
+  }
+  if (result == kOk) {
+    ListDrive(drive);
+  }
+  send_result(result);
+  if (result == kOk) {
+    api_server.send_fsevent(this, DriveEvent(&drive->drive(), "connected"));
+    if (drive->has_ended()) {
+      drive->clean_up_after_end();  // it ended before it was listed, when nobody looked for it
+    }
+  }
+  if (drivesize_callback) {
+    Json announcement;
+    announcement.Insert("cmd", std::string("set_drivesize_callback"));
+    (void)send_json_toall_n_wait_int(announcement);
+  }
+  if (result != kOk) {
+    drive->abandon();
+  }
+  return result;
+}
+
+int CNSession::unmount(Json message) {
+  const std::string name = message.GetObject("/data/drive");
+  __LOG__A(logger, kDebug, "%s %s [%s:%d]", "unmount", name.c_str(), TARN_SOURCE);
+  const std::shared_ptr<CParentPipe> drive = tarn::FindDrive(name);
+  int result = kNoDrive;
+  if (drive) {
+    drive->state = CParentPipe::kUnmounting;
+    result = drive->send_json_int(message);
+  }
+  send_result(result);
+  if (drive && result == kOk) {
+    drive->state = CParentPipe::kClosed;
+    api_server.send_fsevent(this, DriveEvent(&name, "disconnected"));
+    UnlistDrive(drive);
+    drive->close();
+  }
+  return result;
+}
+
+void CNSession::unmount_all(Json message) {
+  __LOG__A(logger, kDebug, "%s disconnect all [%s:%d]", "unmount_all", TARN_SOURCE);
+  std::string letters;
+  std::list<std::shared_ptr<CParentPipe>> unmounted;  // dropped after the lock: that may wait
+  {
+    tarn::MutexLock lock(childlist_lock);
+    std::vector<std::thread> threads;
+    for (const auto& drive : child_list) {
+      letters += FirstCharacter(drive->drive());
+      try {
+        threads.emplace_back([drive, message] { UnmountForGood(drive, message); });
+      } catch (const std::system_error&) {
+        UnmountForGood(drive, message);  // no thread to be had: one after the other then
+      }
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    unmounted.swap(child_list);
+  }
+  unmounted.clear();
+  std::this_thread::sleep_for(kUnmountAllPause);
+  Json answer;
+  answer.Insert("cmd", std::string("disconnect_all"));
+  answer.Insert("result", letters);
+  (void)allsend(answer.ToText());  // a client that is gone needs no answer
+  __LOG__A(logger, kDebug, "unmount all drive for %s [%s:%d]", answer.ToText().c_str(),
+           TARN_SOURCE);
+  api_server.send_fsevent(this, DriveEvent(nullptr, "disconnected_all"));
+}

@@ -5,11 +5,11 @@
 #include <string>
 #include <string_view>
 
+#include "common/drive_size.h"
 #include "common/sync.h"
+#include "common/throttle.h"
 #include "interfaces/iprotocol_v2.h"
-#include "modules/local/drive_size.h"
 #include "modules/local/folder.h"
-#include "modules/local/throttle.h"
 
 namespace tarn::local {
 

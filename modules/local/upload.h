@@ -1,10 +1,10 @@
 #pragma once
 
 #include "common/sync.h"
+#include "common/throttle.h"
 #include "interfaces/aerror.h"
 #include "interfaces/fs_types.h"
 #include "modules/local/folder.h"
-#include "modules/local/throttle.h"
 
 namespace tarn::local {
 

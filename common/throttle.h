@@ -5,7 +5,7 @@
 
 #include "common/sync.h"
 
-namespace tarn::local {
+namespace tarn {
 
 // Holds back transfers to a common speed and ends them on request. One per protocol object; every
 // transfer of it shares the one speed. Any thread.
@@ -37,4 +37,4 @@ class Throttle {
   Clock::time_point free_at TARN_GUARDED_BY(lock){};  // when all bytes let through so far have gone
 };
 
-}  // namespace tarn::local
+}  // namespace tarn

@@ -1,8 +1,8 @@
-#include "modules/local/throttle.h"
+#include "common/throttle.h"
 
 #include <algorithm>
 
-namespace tarn::local {
+namespace tarn {
 
 namespace {
 
@@ -53,4 +53,4 @@ bool Throttle::Pass(Ticket ticket, long long bytes) {
   return ticket == cancelled;
 }
 
-}  // namespace tarn::local
+}  // namespace tarn

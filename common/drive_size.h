@@ -6,7 +6,7 @@
 #include "common/sync.h"
 #include "interfaces/iprotocol_v2.h"
 
-namespace tarn::local {
+namespace tarn {
 
 // The size that the drive is to report: the one that was set; else the last answer of the quota
 // callback. A thread of its own asks the callback, which may take a minute; whoever wants the size
@@ -55,4 +55,4 @@ class DriveSize {
   Clock::time_point next_question TARN_GUARDED_BY(lock){};
 };
 
-}  // namespace tarn::local
+}  // namespace tarn

@@ -1,8 +1,8 @@
-#include "modules/local/drive_size.h"
+#include "common/drive_size.h"
 
 #include <algorithm>
 
-namespace tarn::local {
+namespace tarn {
 
 namespace {
 
@@ -89,4 +89,4 @@ void DriveSize::AskWhenWanted() {
   }
 }
 
-}  // namespace tarn::local
+}  // namespace tarn

@@ -1,55 +1,21 @@
 #include "modules/local/drive_path.h"
 
+#include <algorithm>
+#include <stdexcept>
+
+#include "common/utils.h"
+
 namespace tarn::local {
 
 namespace {
 
-// How many bytes follow the first one of a character; -1 for a byte that begins none.
-int FollowingBytes(unsigned char first) {
-  if (first < 0x80) {
-    return 0;
-  }
-  if (first >= 0xC2 && first < 0xE0) {
-    return 1;
-  }
-  if (first >= 0xE0 && first < 0xF0) {
-    return 2;
-  }
-  return first >= 0xF0 && first < 0xF5 ? 3 : -1;
-}
-
-// Over-long forms, surrogates and values past the last character have a second byte out of range.
-bool IsSecondByte(unsigned char first, unsigned char second) {
-  switch (first) {
-    case 0xE0:
-      return second >= 0xA0;
-    case 0xED:
-      return second < 0xA0;
-    case 0xF0:
-      return second >= 0x90;
-    case 0xF4:
-      return second < 0x90;
-    default:
-      return true;
-  }
-}
-
 bool IsUtf8(std::string_view text) {
-  for (size_t i = 0; i < text.size();) {
-    const auto first = static_cast<unsigned char>(text[i]);
-    const int following = FollowingBytes(first);
-    if (following < 0 || text.size() - i <= static_cast<size_t>(following)) {
-      return false;
-    }
-    for (size_t k = 1; k <= static_cast<size_t>(following); ++k) {
-      const auto byte = static_cast<unsigned char>(text[i + k]);
-      if ((byte & 0xC0) != 0x80 || (k == 1 && !IsSecondByte(first, byte))) {
-        return false;
-      }
-    }
-    i += 1 + static_cast<size_t>(following);
+  try {
+    (void)s2ws(std::string(text));
+    return true;
+  } catch (const std::range_error&) {
+    return false;
   }
-  return true;
 }
 
 }  // namespace

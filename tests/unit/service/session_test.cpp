@@ -1,0 +1,264 @@
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <thread>
+
+#include "common/frame.h"
+#include "common/posix.h"
+#include "tarnsvc/NSession.h"
+#include "tarnsvc/TCPServer.h"
+#include "tarnsvc/main.h"
+#include "tests/support/temp_folder.h"
+
+namespace tarn {
+namespace {
+
+using std::chrono::steady_clock;
+
+// A client of the server under test.
+class Client {
+ public:
+  explicit Client(int port) : socket(OpenSocket(AF_INET, SOCK_STREAM)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const timeval limit = {10, 0};
+    (void)::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    EXPECT_EQ(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+
+  void SendRaw(const std::string& bytes) {
+    EXPECT_TRUE(WriteAll(socket.get(), bytes.data(), bytes.size()));
+  }
+  void Send(const std::string& body) { SendRaw(Frame(body)); }
+
+  static std::string Frame(const std::string& body) {
+    const FrameHeader header = EncodeFrameHeader(static_cast<int>(body.size()));
+    return std::string(header.begin(), header.end()) + body;
+  }
+
+  // The next body; "(closed)" at the end of the connection.
+  std::string Receive() {
+    FrameHeader header = {};
+    if (::recv(socket.get(), header.data(), header.size(), MSG_WAITALL) !=
+        static_cast<ssize_t>(header.size())) {
+      return "(closed)";
+    }
+    std::string body(static_cast<size_t>(DecodeFrameHeader(header)), '\0');
+    if (!body.empty()) {
+      EXPECT_EQ(::recv(socket.get(), body.data(), body.size(), MSG_WAITALL),
+                static_cast<ssize_t>(body.size()));
+    }
+    return body;
+  }
+
+  std::string Ask(const std::string& body) {
+    Send(body);
+    return Receive();
+  }
+
+  // Returns once everything sent before has been handled.
+  void Settle() {
+    EXPECT_EQ(Ask(R"({"cmd":"get_drive_list"})"), R"({"cmd":"get_drive_list", "drives": []})");
+  }
+
+  UniqueFd socket;
+};
+
+class ServerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string executable = folder.Write("tarnsvc", "");
+    std::strncpy(lpCmdLineData[0], executable.c_str(), kPathBytes - 1);
+    folder.Write("tarnapi.ini", "[SDK]\r\nNAME=svc");
+    port = server.start(41000 + ::getpid() % 20000);
+    ASSERT_GT(port, 0);
+  }
+  void TearDown() override { server.stop(); }
+
+  const test::TempFolder folder;
+  CTCPServer server;
+  int port = -1;
+};
+
+constexpr char kAccepted[] = R"({"cmd":"result","error":1})";
+constexpr char kRefused[] = R"({"cmd":"result","error":0})";
+constexpr char kIncomplete[] = R"({"cmd":"result","error":-1})";
+
+TEST_F(ServerTest, FramesAreFoundHoweverTheyArrive) {
+  Client client(port);
+  const std::string init = Client::Frame(R"({"cmd":"init","data":{"key":"svc"}})");
+  client.SendRaw(init.substr(0, 2));
+  std::this_thread::yield();
+  client.SendRaw(init.substr(2, 7));
+  client.SendRaw(init.substr(9) + Client::Frame(R"({"cmd":"get_drive_list"})"));
+  EXPECT_EQ(client.Receive(), kAccepted);
+  EXPECT_EQ(client.Receive(), R"({"cmd":"get_drive_list", "drives": []})");
+  client.Send(std::string(R"({"cmd":"get_drive_list"})") + '\0' + "rest");
+  EXPECT_EQ(client.Receive(), R"({"cmd":"get_drive_list", "drives": []})");
+}
+
+TEST_F(ServerTest, MessagesThatMakeNoSenseAreIgnoredAndIncompleteOnesAnswered) {
+  Client client(port);
+  for (const char* body :
+       {"", "5", "not json", "{}", "[]", R"({"cmd":5})", R"({"cmd":"GET_DRIVE_LIST"})",
+        R"({"cmd":"result_quota"})", R"({"cmd":"result_quota","error":1,"data":{"total":1}})"}) {
+    client.Send(body);
+  }
+  client.Send(std::string(200000, '['));
+  client.Settle();
+  for (const char* command : {"connect", "spindle_mount", "disconnect", "set_size",
+                              "set_move_folder", "get_credential", "get_username", "set_speedlimit",
+                              "set_callback", "spindle_add_protocol", "spindle_remove_protocol"}) {
+    EXPECT_EQ(client.Ask(std::string(R"({"cmd":")") + command + "\"}"), kIncomplete) << command;
+  }
+  EXPECT_EQ(client.Ask(R"({"cmd":"connect","data":{"drive":"/x"}})"), kIncomplete);
+  EXPECT_EQ(client.Ask(R"({"cmd":"disconnect","data":{"drive":"/x"}})"), kIncomplete);
+  EXPECT_EQ(client.Ask(R"({"cmd":"set_size","data":{"drive":"/x"}})"), kIncomplete);
+  EXPECT_EQ(client.Ask(R"({"cmd":"get_username","data":{"drive":"/x"}})"), "");
+  for (const char* command : {"set_drivesize_callback", "set_speedlimit_all", "set_loglevel"}) {
+    EXPECT_EQ(client.Ask(std::string(R"({"cmd":")") + command + "\"}"), kRefused) << command;
+  }
+}
+
+TEST_F(ServerTest, AWrongKeyEndsTheConnection) {
+  for (const char* init :
+       {R"({"cmd":"init","data":{"key":"sv"}})", R"({"cmd":"init","data":{"key":1}})",
+        R"({"cmd":"init"})", R"({"cmd":"init","data":{"key":"svc","set_callback":{}}})"}) {
+    Client client(port);
+    EXPECT_EQ(client.Ask(init), kRefused) << init;
+    EXPECT_EQ(client.Receive(), "(closed)") << init;
+  }
+}
+
+TEST_F(ServerTest, LengthsThatMakeNoSenseEndTheConnectionOnly) {
+  for (const char* header : {"\xFF\xFF\xFF\xFF", "\x01\0\0\x04"}) {
+    Client client(port);
+    client.SendRaw(std::string(header, 4));
+    EXPECT_EQ(client.Receive(), "(closed)");
+  }
+  Client(port).Settle();
+}
+
+TEST_F(ServerTest, EventsGoToTheirOriginAndToWhoeverWantsAll) {
+  Client none(port);
+  Client own(port);
+  Client all(port);
+  Client at_init(port);
+  none.Settle();
+  EXPECT_EQ(own.Ask(R"({"cmd":"set_callback","data":{"global":0}})"), kRefused);
+  EXPECT_EQ(all.Ask(R"({"cmd":"set_callback","data":{"global":1}})"), kRefused);
+  EXPECT_EQ(at_init.Ask(R"({"cmd":"init","data":{"key":"svc","winuser":"Zoë","pid":1,
+            "set_callback":{"cmd":"set_callback","data":{"global":1}}}})"),
+            kAccepted);
+  server.send_fsevent(nullptr, std::string("event"));
+  EXPECT_EQ(all.Receive(), "event");
+  EXPECT_EQ(at_init.Receive(), "event");
+  none.Settle();
+  own.Settle();
+}
+
+TEST_F(ServerTest, FramesOfSeveralSendersNeverMix) {
+  Client client(port);
+  EXPECT_EQ(client.Ask(R"({"cmd":"set_callback","data":{"global":1}})"), kRefused);
+  const std::string event(100000, 'e');
+  std::thread relay([&] {
+    for (int i = 0; i < 50; ++i) {
+      server.send_fsevent(nullptr, event);
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    client.Send(R"({"cmd":"get_drive_list"})");
+  }
+  int events = 0;
+  for (int i = 0; i < 100; ++i) {
+    const std::string body = client.Receive();
+    events += body == event ? 1 : 0;
+    EXPECT_TRUE(body == event || body == R"({"cmd":"get_drive_list", "drives": []})");
+  }
+  relay.join();
+  EXPECT_EQ(events, 50);
+}
+
+TEST_F(ServerTest, TakesTheNextPortWhenOneIsTakenAndGivesUpAtTheLast) {
+  CTCPServer second;
+  const int next = second.start(port);
+  EXPECT_GT(next, port);
+  Client(next).Settle();
+  CTCPServer third;
+  EXPECT_EQ(third.start(65536), -1);
+  third.stop();
+}
+
+TEST_F(ServerTest, StopEndsManyClientsAtOnce) {
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < 50; ++i) {
+    clients.push_back(std::make_unique<Client>(port));
+    clients.back()->Settle();
+  }
+  clients[7]->SendRaw(std::string("\x10\0\0\0half", 8));
+  const auto begin = steady_clock::now();
+  server.stop();
+  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(2));
+  for (const auto& client : clients) {
+    EXPECT_EQ(client->Receive(), "(closed)");
+  }
+}
+
+// A session without a server, on one end of a pair of sockets.
+class QuotaTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    peer.reset(ends[1]);
+    session = CNSession::make(nullptr, ends[0], nullptr);
+    session->start();
+  }
+  void TearDown() override { session->stop(); }
+
+  std::string ReceiveFrame() {
+    FrameHeader header = {};
+    EXPECT_EQ(::recv(peer.get(), header.data(), header.size(), MSG_WAITALL), 4);
+    std::string body(static_cast<size_t>(DecodeFrameHeader(header)), '\0');
+    EXPECT_EQ(::recv(peer.get(), body.data(), body.size(), MSG_WAITALL),
+              static_cast<ssize_t>(body.size()));
+    return body;
+  }
+  void SendFrame(const std::string& body) {
+    const std::string frame = Client::Frame(body);
+    EXPECT_TRUE(WriteAll(peer.get(), frame.data(), frame.size()));
+  }
+
+  UniqueFd peer;
+  std::shared_ptr<CNSession> session;
+};
+
+TEST_F(QuotaTest, TheAnswerReachesTheAskerHoweverFastItComes) {
+  for (long long i = 1; i <= 200; ++i) {
+    auto answer = std::async(std::launch::async, [&] { return session->ask_quota("question"); });
+    EXPECT_EQ(ReceiveFrame(), "question");
+    SendFrame(R"({"cmd":"result_quota","error":1,"data":{"total":10737418240,"free":)" +
+              std::to_string(i) + "}}");
+    const CNSession::Quota quota = answer.get();
+    EXPECT_EQ(quota.error, 1);
+    EXPECT_EQ(quota.total_bytes, 10737418240LL);
+    EXPECT_EQ(quota.free_bytes, i);
+  }
+}
+
+TEST_F(QuotaTest, AClientThatLeavesGivesAnInvalidAnswerAtOnce) {
+  auto answer = std::async(std::launch::async, [&] { return session->ask_quota("question"); });
+  EXPECT_EQ(ReceiveFrame(), "question");
+  const auto begin = steady_clock::now();
+  peer.reset();
+  EXPECT_EQ(answer.get().error, -1);
+  EXPECT_EQ(session->ask_quota("again").error, -1);
+  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+}  // namespace
+}  // namespace tarn

@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <string_view>
 #include <sys/socket.h>
 
 #include "common/frame.h"
@@ -18,6 +17,8 @@
 namespace tarn {
 
 namespace {
+
+constexpr int kAccepted = 1;  // the result of an "init"
 
 #if defined(MSG_NOSIGNAL)
 constexpr int kSendFlags = MSG_NOSIGNAL;
@@ -107,11 +108,14 @@ Client::Result Client::Send(const std::string& body, Deadline deadline) {
   const FrameHeader header = EncodeFrameHeader(static_cast<std::int32_t>(body.size()));
   std::string frame(header.begin(), header.end());
   frame += body;
-  std::string_view rest = frame;
-  while (IsOpen() && !rest.empty()) {
-    const ssize_t sent = ::send(socket.get(), rest.data(), rest.size(), kSendFlags);
+  return SendBytes(frame, deadline);
+}
+
+Client::Result Client::SendBytes(std::string_view bytes, Deadline deadline) {
+  while (IsOpen() && !bytes.empty()) {
+    const ssize_t sent = ::send(socket.get(), bytes.data(), bytes.size(), kSendFlags);
     if (sent >= 0) {
-      rest.remove_prefix(static_cast<size_t>(sent));
+      bytes.remove_prefix(static_cast<size_t>(sent));
     } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
       Close();
     } else if (!WaitFor(socket.get(), POLLOUT, deadline)) {
@@ -211,7 +215,6 @@ bool Client::Introduce(const std::string& key, bool wants_own_events, Deadline d
   Json message = Message("init");
   message.Insert("data", data);
   std::string answer;
-  constexpr int kAccepted = 1;
   return Ask(message, answer, deadline) == Result::kOk && ResultCode(answer) == kAccepted;
 }
 

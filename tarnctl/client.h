@@ -4,6 +4,7 @@
 #include <deque>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "common/json.h"
 #include "common/unique_fd.h"
@@ -34,6 +35,9 @@ class Client {
 
   // Sends one frame with any body.
   [[nodiscard]] Result Send(const std::string& body, Deadline deadline);
+
+  // Sends bytes as they are.
+  [[nodiscard]] Result SendBytes(std::string_view bytes, Deadline deadline);
 
   // The body of the next frame, whatever it is, kept events first.
   [[nodiscard]] Result Receive(std::string& body, Deadline deadline);

@@ -19,7 +19,7 @@ namespace tarn {
 
 namespace {
 
-constexpr size_t kLargestIniBytes = 64 * 1024;
+constexpr size_t kLargestIniBytes = 65536;
 constexpr int kHighestPort = 65535;
 
 std::string RunningProgram() {

@@ -82,26 +82,37 @@ int RunSpeedLimit(const tarn::Context& context, const Arguments& arguments) {
   return tarn::SetSpeedLimit(context, static_cast<long long>(arguments.speed), drive);
 }
 
+int RunMount(const tarn::Context& context, const Arguments& arguments) {
+  return tarn::Mount(context, arguments.mount);
+}
+
+int RunWatch(const tarn::Context& context, const Arguments& arguments) {
+  return tarn::Watch(context, arguments.count);
+}
+
+int RunLogLevel(const tarn::Context& context, const Arguments& arguments) {
+  return tarn::SetLogLevel(context, arguments.level);
+}
+
+template <int (*verb)(const tarn::Context&)>
+int RunPlain(const tarn::Context& context, const Arguments& /*arguments*/) {
+  return verb(context);
+}
+
 struct Verb {
   std::string_view name;
   int (*run)(const tarn::Context& context, const Arguments& arguments);
 };
 
 constexpr Verb kVerbs[] = {
-    {"up", [](const auto& context, const auto& /*arguments*/) { return tarn::Up(context); }},
-    {"down", [](const auto& context, const auto& /*arguments*/) { return tarn::Down(context); }},
-    {"status",
-     [](const auto& context, const auto& /*arguments*/) { return tarn::Status(context); }},
-    {"list", [](const auto& context, const auto& /*arguments*/) { return tarn::List(context); }},
-    {"mount", [](const auto& context,
-                 const auto& arguments) { return tarn::Mount(context, arguments.mount); }},
+    {"up", RunPlain<tarn::Up>},
+    {"down", RunPlain<tarn::Down>},
+    {"status", RunPlain<tarn::Status>},
+    {"list", RunPlain<tarn::List>},
+    {"mount", RunMount},
     {"unmount", RunUnmount},
-    {"watch", [](const auto& context,
-                 const auto& arguments) { return tarn::Watch(context, arguments.count); }},
-    {"log-level",
-     [](const auto& context, const auto& arguments) {
-       return tarn::SetLogLevel(context, arguments.level);
-     }},
+    {"watch", RunWatch},
+    {"log-level", RunLogLevel},
     {"speed-limit", RunSpeedLimit},
 };
 

@@ -9,6 +9,8 @@ namespace tarn {
 
 namespace {
 
+constexpr std::chrono::milliseconds kBetweenSignalChecks{500};
+
 volatile std::sig_atomic_t was_told_to_end = 0;
 
 void NoteSignal(int /*signal*/) {
@@ -87,7 +89,6 @@ Json AllEventsMessage() {
 }  // namespace
 
 int Watch(const Context& context, int count) {
-  constexpr std::chrono::milliseconds kBetweenSignalChecks{500};
   EndOnSignals();
   Client client;
   std::string answer;

@@ -1,0 +1,132 @@
+#include <csignal>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/support/service/run_program.h"
+#include "tests/support/service/service_process.h"
+#include "tests/support/service/test_client.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool CanMount() {
+  return ::access("/dev/fuse", R_OK | W_OK) == 0;
+}
+
+// tarnctl in an installation of its own; the service is started and ended by it.
+class TarnctlTest : public testing::Test {
+ protected:
+  void TearDown() override { EXPECT_EQ(Run({"down"}).status, 0); }
+  Ran Run(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), service.Program("tarnctl"));
+    return RunProgram(arguments, home.Path(), home.Path());
+  }
+  std::vector<pid_t> Services() const {
+    std::vector<pid_t> found;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+      std::error_code failed;
+      const fs::path program = fs::read_symlink(entry.path() / "exe", failed);
+      if (!failed && program == service.Program("tarnsvc")) {
+        found.push_back(std::atoi(entry.path().filename().c_str()));
+      }
+    }
+    return found;
+  }
+  TempHome home;
+  ServiceProcess service{home};
+};
+
+TEST_F(TarnctlTest, ServiceIsStartedAsADaemonAndEnded) {
+  fs::remove_all(home.Path() / "Library");  // a fresh account has none
+  EXPECT_EQ(Run({"status"}).status, 3);
+  EXPECT_EQ(Run({"down"}).status, 0);
+  const Ran up = Run({"up"});
+  ASSERT_EQ(up.status, 0) << up.output;
+  EXPECT_NE(up.output.find(std::to_string(service.Port())), std::string::npos) << up.output;
+
+  const std::vector<pid_t> running = Services();
+  ASSERT_EQ(running.size(), 1U);
+  EXPECT_EQ(::getsid(running[0]), running[0]);
+  const fs::path process = "/proc/" + std::to_string(running[0]);
+  EXPECT_EQ(fs::read_symlink(process / "cwd"), service.Program("tarnsvc").parent_path());
+  for (const char* standard : {"0", "1", "2"}) {
+    EXPECT_EQ(fs::read_symlink(process / "fd" / standard), "/dev/null");
+  }
+
+  EXPECT_EQ(Run({"--json", "up"}).output,
+            R"({"running":1,"started":0,"port":)" + std::to_string(service.Port()) + "}\n");
+  EXPECT_EQ(Run({"status"}).status, 0);
+  EXPECT_EQ(Run({"list", "--json"}).output, "{\"drives\":[]}\n");
+  EXPECT_EQ(Run({"log-level", "debug"}).status, 0);
+  EXPECT_EQ(Run({"speed-limit", "1MiB"}).status, 0);
+
+  EXPECT_EQ(Run({"down"}).status, 0);
+  EXPECT_TRUE(WaitUntil([&] { return Services().empty(); }));
+  EXPECT_EQ(Run({"list"}).status, 3);
+}
+
+TEST_F(TarnctlTest, ServiceThatCannotStartIsReportedAtOnce) {
+  fs::remove(service.Program("tarnsvc"));
+  const Ran missing = Run({"up"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.output.find("No such file"), std::string::npos) << missing.output;
+  fs::copy("/bin/false", service.Program("tarnsvc"));
+  const Ran ended = Run({"up"});
+  EXPECT_EQ(ended.status, 1);
+  EXPECT_NE(ended.output.find("right after its start"), std::string::npos) << ended.output;
+}
+
+TEST_F(TarnctlTest, DriveIsMountedWatchedAndUnmounted) {
+  if (!CanMount()) {
+    GTEST_SKIP() << "no /dev/fuse";
+  }
+  const fs::path folder = home.MakeFolder("back ing");
+  const fs::path mount_point = home.MakeFolder("drive");
+  std::ofstream(folder / "before") << "x";
+  ASSERT_EQ(Run({"up"}).status, 0);
+  RunningProgram watch({service.Program("tarnctl"), "watch"}, home.Path(), home.Path());
+  // A relative folder and mount point are meant from where the user stands.
+  const Ran mounted = Run({"mount", "local", "back ing", "drive", "--label", "My drive"});
+  ASSERT_EQ(mounted.status, 0) << mounted.output;
+  EXPECT_TRUE(fs::exists(mount_point / "before"));
+  EXPECT_EQ(Run({"list"}).output, mount_point.string() + "\n");
+  EXPECT_TRUE(watch.WaitForOutput("connected " + mount_point.string())) << watch.Output();
+  std::ofstream(mount_point / "new") << "content";
+  EXPECT_TRUE(watch.WaitForOutput("upload finished: /new")) << watch.Output();
+
+  EXPECT_EQ(Run({"unmount", "drive"}).status, 0);
+  EXPECT_TRUE(fs::exists(folder / "new"));
+  EXPECT_FALSE(fs::exists(mount_point / "new"));
+  EXPECT_TRUE(watch.WaitForOutput("disconnected " + mount_point.string())) << watch.Output();
+  watch.Signal(SIGTERM);
+  EXPECT_EQ(watch.WaitForEnd(), 0);
+}
+
+TEST_F(TarnctlTest, FailuresSayWhyAndGiveTheCode) {
+  ASSERT_EQ(Run({"up"}).status, 0);
+  const fs::path mount_point = home.MakeFolder("drive");
+  struct Case {
+    std::vector<std::string> arguments;
+    int code;
+  };
+  for (const Case& wanted : {
+           Case{{"--json", "mount", "nosuchtype", "/x", mount_point}, -1},
+           Case{{"--json", "mount", "local", "/none", mount_point}, 12},
+           Case{{"--json", "mount", "local", home.Path(), "/proc/version"}, -5},
+           Case{{"--json", "unmount", mount_point}, -1},
+           Case{{"--json", "speed-limit", "0", mount_point}, -1},
+       }) {
+    const Ran ran = Run(wanted.arguments);
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.output.find(R"({"error":{"code":)" + std::to_string(wanted.code) + ","), 0U)
+        << ran.output;
+  }
+  EXPECT_EQ(Run({"unmount"}).status, 2);
+  EXPECT_EQ(Run({"mount", "local"}).status, 2);
+}
+
+}  // namespace
+}  // namespace tarn::test

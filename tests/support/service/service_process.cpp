@@ -1,0 +1,219 @@
+#include "tests/support/service/service_process.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "common/posix.h"
+#include "tarnctl/launch.h"
+#include "tests/support/service/wait.h"
+
+extern char** environ;
+
+namespace tarn::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds kTimeToStart{60};  // a sanitizer's build on a busy machine
+constexpr std::chrono::seconds kTimeToEnd{30};
+
+void CopyOrLink(const fs::path& from, const fs::path& to) {
+  std::error_code failed;
+  fs::create_hard_link(from, to, failed);
+  if (failed) {
+    fs::copy_file(from, to);
+  }
+}
+
+void CopyFiles(const fs::path& from, const fs::path& to) {
+  fs::create_directories(to);
+  for (const fs::directory_entry& entry : fs::directory_iterator(from)) {
+    if (entry.is_regular_file()) {
+      CopyOrLink(entry.path(), to / entry.path().filename());
+    }
+  }
+}
+
+std::string FileContent(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+std::vector<std::string> Environment(const fs::path& home, const ServiceProcess::Options& options) {
+  std::vector<std::string> texts;
+  for (char** text = environ; *text != nullptr; ++text) {
+    if (!std::string_view(*text).starts_with("HOME=")) {
+      texts.emplace_back(*text);
+    }
+  }
+  texts.push_back("HOME=" + home.string());
+  for (const auto& [name, value] : options.environment) {
+    texts.push_back(name + "=" + value);
+  }
+  return texts;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : texts) {
+    pointers.push_back(text.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// The parent of a process; 0 when there is no such process.
+pid_t ParentOf(pid_t process) {
+  const std::string status = FileContent("/proc/" + std::to_string(process) + "/stat");
+  const size_t name_end = status.rfind(')');  // a name may hold anything
+  if (name_end == std::string::npos || status.size() < name_end + 4 ||
+      status[name_end + 2] == 'Z') {
+    return 0;
+  }
+  return std::atoi(status.c_str() + name_end + 4);
+}
+
+bool IsAlive(pid_t process) {
+  return ParentOf(process) != 0;
+}
+
+}  // namespace
+
+std::vector<pid_t> ChildrenOf(pid_t parent) {
+  std::vector<pid_t> children;
+  for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+    const pid_t process = std::atoi(entry.path().filename().c_str());
+    if (process > 0 && ParentOf(process) == parent) {
+      children.push_back(process);
+    }
+  }
+  return children;
+}
+
+ServiceProcess::ServiceProcess(const TempHome& service_home)
+    : home(service_home), root(service_home.Path() / "installation") {
+  const fs::path build = TARN_BUILD_FOLDER;
+  fs::create_directories(root / "bin");
+  for (const char* name : {"tarnsvc", "tarnctl", "tarnapi.ini"}) {
+    CopyOrLink(build / "bin" / name, root / "bin" / name);
+  }
+  CopyFiles(build / "Frameworks", ModuleFolder());
+  installation = InstallationIn(root / "bin", home.Path());
+}
+
+ServiceProcess::~ServiceProcess() {
+  Stop();
+  CheckOutput();
+}
+
+fs::path ServiceProcess::Program(const std::string& name) const {
+  return root / "bin" / name;
+}
+
+fs::path ServiceProcess::ModuleFolder() const {
+  return root / "Frameworks";
+}
+
+bool ServiceProcess::Start(const Options& options) {
+  fs::remove(installation.PortRecord());
+  const std::string program = Program("tarnsvc");
+  const std::string folder =
+      options.working_folder.empty() ? (root / "bin").string() : options.working_folder.string();
+  std::vector<std::string> arguments{program, options.mode};
+  std::vector<std::string> variables = Environment(home.Path(), options);
+  const std::vector<char*> argument_pointers = Pointers(arguments);
+  const std::vector<char*> variable_pointers = Pointers(variables);
+  const UniqueFd output = OpenFile(root / "output", O_WRONLY | O_CREAT | O_APPEND, 0600);
+  const UniqueFd input = OpenFile("/dev/null", O_RDONLY);
+  pid = ::fork();
+  if (pid == 0) {
+    const bool is_ready = ::dup2(input.get(), 0) >= 0 && ::dup2(output.get(), 1) >= 0 &&
+                          ::dup2(output.get(), 2) >= 0 && ::chdir(folder.c_str()) == 0;
+    if (is_ready) {
+      ::execve(program.c_str(), argument_pointers.data(), variable_pointers.data());
+    }
+    ::_exit(127);
+  }
+  EXPECT_GT(pid, 0);
+  const bool answers =
+      WaitUntil([&] { return Answers() || ParentOf(pid) == 0; }, kTimeToStart) && Answers();
+  EXPECT_TRUE(answers) << "the service does not answer\n" << Output();
+  return answers;
+}
+
+bool ServiceProcess::Answers() const {
+  Client client;
+  return ConnectToService(installation, client, false, After(kTimeToStart));
+}
+
+void ServiceProcess::Signal(int signal) const {
+  ASSERT_TRUE(IsRunning());
+  ASSERT_EQ(::kill(pid, signal), 0);
+}
+
+std::optional<int> ServiceProcess::WaitForEnd(std::chrono::milliseconds patience) {
+  int status = 0;
+  if (!IsRunning() ||
+      !WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, patience)) {
+    return std::nullopt;
+  }
+  pid = -1;
+  return status;
+}
+
+void ServiceProcess::Stop() {
+  if (!IsRunning()) {
+    return;
+  }
+  const std::vector<pid_t> drives = DriveProcesses();
+  (void)::kill(pid, SIGTERM);  // it may have ended by itself
+  if (!WaitForEnd(kTimeToEnd)) {
+    ADD_FAILURE() << "the service does not end";
+    (void)::kill(pid, SIGKILL);
+    (void)WaitForEnd(kTimeToEnd);
+  }
+  EndDriveProcesses(drives);
+}
+
+// Drive processes end by themselves when the service has gone.
+void ServiceProcess::EndDriveProcesses(const std::vector<pid_t>& drives) const {
+  for (const pid_t drive : drives) {
+    if (!WaitUntil([&] { return !IsAlive(drive); }, kTimeToEnd)) {
+      ADD_FAILURE() << "drive process " << drive << " does not end";
+      (void)::kill(drive, SIGKILL);
+    }
+  }
+}
+
+std::vector<pid_t> ServiceProcess::DriveProcesses() const {
+  return IsRunning() ? ChildrenOf(pid) : std::vector<pid_t>();
+}
+
+std::string ServiceProcess::Output() const {
+  return FileContent(root / "output");
+}
+
+void ServiceProcess::CheckOutput() const {
+  const std::string output = Output();
+  bool is_suspicious = false;
+  for (const char* report : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
+                             "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer"}) {
+    is_suspicious = is_suspicious || output.find(report) != std::string::npos;
+  }
+  EXPECT_FALSE(is_suspicious) << output;
+  if (testing::Test::HasFailure() && !is_suspicious) {
+    GTEST_LOG_(INFO) << "the service printed:\n"
+                     << output << "and logged:\n"
+                     << FileContent(home.LogFile());
+  }
+}
+
+}  // namespace tarn::test

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tarnctl/client.h"
+#include "tests/support/service/service_process.h"
+#include "tests/support/service/wait.h"
+
+namespace tarn::test {
+
+// A client of the service under test, with expectations instead of results. Waits up to kPatience
+// unless told otherwise. One thread.
+class TestClient {
+ public:
+  // Connects, without an "init".
+  explicit TestClient(const ServiceProcess& service) : TestClient(service.Port()) {}
+  explicit TestClient(int port);
+
+  // Introduces itself with the service's name.
+  void Introduce(bool wants_own_events = false);
+
+  void Send(const std::string& body);
+  void SendBytes(const std::string& bytes);  // as they are, without a frame
+
+  // The body of the next frame; nothing, after a failed expectation, when none comes.
+  [[nodiscard]] std::string Receive(std::chrono::milliseconds patience = kPatience);
+
+  // Sends a message and returns its answer, keeping events for NextEvent.
+  [[nodiscard]] std::string Ask(const std::string& body,
+                                std::chrono::milliseconds patience = kPatience);
+
+  // As Ask, for answers that are a result code.
+  [[nodiscard]] int AskForResult(const std::string& body,
+                                 std::chrono::milliseconds patience = kPatience);
+
+  // The next event with this "/data/method", skipping others.
+  [[nodiscard]] Json WaitForEvent(const std::string& method,
+                                  std::chrono::milliseconds patience = kPatience);
+
+  // Whether nothing comes in the given time.
+  [[nodiscard]] bool IsSilent(std::chrono::milliseconds patience);
+
+  // Whether the service closes the connection, whatever else comes before.
+  [[nodiscard]] bool IsClosed(std::chrono::milliseconds patience = kPatience);
+
+  Client& GetClient() { return client; }
+
+ private:
+  Client client;
+};
+
+// {"cmd":"connect",...} for a folder as a drive.
+[[nodiscard]] std::string ConnectMessage(const std::filesystem::path& folder,
+                                         const std::filesystem::path& mount_point,
+                                         const std::string& label,
+                                         const std::string& type = "local");
+
+// {"cmd":command,"data":{"drive":mount_point}}
+[[nodiscard]] std::string DriveMessage(const std::string& command,
+                                       const std::filesystem::path& mount_point);
+
+}  // namespace tarn::test

@@ -9,15 +9,6 @@ namespace tarn {
 
 namespace {
 
-template <typename Call>
-auto RetryOnInterrupt(Call call) {
-  auto result = call();
-  while (result == -1 && errno == EINTR) {
-    result = call();
-  }
-  return result;
-}
-
 #if !defined(SOCK_CLOEXEC)
 UniqueFd CloseOnExec(int fd) {
   if (fd >= 0) {

@@ -9,6 +9,16 @@
 // errno as the call set it.
 namespace tarn {
 
+// Makes a system call again while a signal interrupts it before anything happened.
+template <typename Call>
+auto RetryOnInterrupt(Call call) {
+  auto result = call();
+  while (result == -1 && errno == EINTR) {
+    result = call();
+  }
+  return result;
+}
+
 // An open file or FIFO; not valid() on failure.
 [[nodiscard]] UniqueFd OpenFile(const std::string& path, int flags, mode_t mode = 0);
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/posix.h"
 #include "tarnsvc/main.h"
 
 extern char** environ;
@@ -77,12 +78,8 @@ bool RunProgram(std::vector<const char*> arguments) {
     return false;
   }
   int status = 0;
-  while (::waitpid(pid, &status, 0) == -1) {
-    if (errno != EINTR) {
-      return false;
-    }
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return RetryOnInterrupt([&] { return ::waitpid(pid, &status, 0); }) == pid && WIFEXITED(status) &&
+         WEXITSTATUS(status) == 0;
 }
 
 }  // namespace
@@ -114,9 +111,8 @@ void DriveProcess::wait_for_end() {
     child = pid;
   }
   siginfo_t end = {};
-  while (::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT) == -1 &&
-         errno == EINTR) {
-  }
+  (void)RetryOnInterrupt(
+      [&] { return ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT); });
   {
     // Reaped under the lock, so that no signal goes to a number that is free again.
     MutexLock held(lock);

@@ -12,6 +12,7 @@
 
 #include "common/frame.h"
 #include "common/log.h"
+#include "common/posix.h"
 
 namespace {
 

@@ -90,7 +90,15 @@ int StartDrive(CParentPipe& drive, const std::wstring& id, const std::string& la
 void ListDrive(const std::shared_ptr<CParentPipe>& drive) {
   tarn::MutexLock lock(childlist_lock);
   child_list.push_back(drive);
-  drive->state = CParentPipe::kMounted;
+}
+
+// Not on the session's thread: a process that does not end by itself takes seconds to end.
+void AbandonDrive(const std::shared_ptr<CParentPipe>& drive) {
+  try {
+    std::thread([drive] { drive->abandon(); }).detach();
+  } catch (const std::system_error&) {
+    drive->abandon();
+  }
 }
 
 void UnmountForGood(const std::shared_ptr<CParentPipe>& drive, const Json& message) {
@@ -138,9 +146,7 @@ int CNSession::mount(Json message) {
   send_result(result);
   if (result == kOk) {
     api_server.send_fsevent(this, DriveEvent(&drive->drive(), "connected"));
-    if (drive->has_ended()) {
-      drive->clean_up_after_end();  // it ended before it was listed, when nobody looked for it
-    }
+    drive->set_mounted();
   }
   if (drivesize_callback) {
     Json announcement;
@@ -148,7 +154,7 @@ int CNSession::mount(Json message) {
     (void)send_json_toall_n_wait_int(announcement);
   }
   if (result != kOk) {
-    drive->abandon();
+    AbandonDrive(drive);
   }
   return result;
 }

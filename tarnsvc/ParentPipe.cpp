@@ -70,6 +70,18 @@ void CParentPipe::clean_up_after_end() {
   }
 }
 
+void CParentPipe::set_mounted() {
+  int expected = kStarting;
+  if (!state.compare_exchange_strong(expected, kMounted)) {
+    return;  // another client unmounts it already
+  }
+  if (process.has_ended()) {
+    clean_up_after_end();
+  } else if (!event_pipe.is_connected()) {
+    notifyUnexpectedDeathOfChild();
+  }
+}
+
 bool CParentPipe::create(const std::wstring& name, void (*callback)(void*, int)) {
   return request_pipe.create(tarn::RequestChannel(name), callback);
 }

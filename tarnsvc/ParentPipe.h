@@ -81,7 +81,10 @@ class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
   // What follows the end of the process: the event if it was mounted, the forced unmount, the list.
   // Does nothing the second time, or for a drive that is not listed.
   void clean_up_after_end();
-  [[nodiscard]] bool has_ended() const { return process.has_ended(); }
+
+  // A drive that is listed, and whose mount the clients have heard of, becomes one whose death they
+  // hear of too; also of a death in between.
+  void set_mounted();
 
   std::atomic<int> state{kClosed};
   Json mount_info;

@@ -114,8 +114,10 @@ void CPipeSession::mark_broken() {
 
 bool CPipeSession::_write(const void* buffer, int length) {
   // Several pieces only when a signal arrives in between, which a blocking write reports as short.
-  const ssize_t written =
-      write_fd > 0 ? ::write(write_fd, buffer, static_cast<size_t>(length)) : -1;
+  const ssize_t written = write_fd > 0 ? tarn::RetryOnInterrupt([&] {
+    return ::write(write_fd, buffer, static_cast<size_t>(length));
+  })
+                                       : -1;
   if (written > 0 && written == length) {
     return true;
   }
@@ -128,8 +130,9 @@ int CPipeSession::_read(void* buffer, int length) {
   if (read_fd <= 0) {
     return -1;
   }
-  const ssize_t count = ::read(read_fd, buffer, static_cast<size_t>(length));
-  if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+  const ssize_t count =
+      tarn::RetryOnInterrupt([&] { return ::read(read_fd, buffer, static_cast<size_t>(length)); });
+  if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
     return kNothing;
   }
   return static_cast<int>(count);

@@ -11,62 +11,12 @@
 #include "tarnsvc/TCPServer.h"
 #include "tarnsvc/main.h"
 #include "tests/support/temp_folder.h"
+#include "tests/unit/service/client.h"
 
 namespace tarn {
 namespace {
 
 using std::chrono::steady_clock;
-
-// A client of the server under test.
-class Client {
- public:
-  explicit Client(int port) : socket(OpenSocket(AF_INET, SOCK_STREAM)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const timeval limit = {10, 0};
-    (void)::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    EXPECT_EQ(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  }
-
-  void SendRaw(const std::string& bytes) {
-    EXPECT_TRUE(WriteAll(socket.get(), bytes.data(), bytes.size()));
-  }
-  void Send(const std::string& body) { SendRaw(Frame(body)); }
-
-  static std::string Frame(const std::string& body) {
-    const FrameHeader header = EncodeFrameHeader(static_cast<int>(body.size()));
-    return std::string(header.begin(), header.end()) + body;
-  }
-
-  // The next body; "(closed)" at the end of the connection.
-  std::string Receive() {
-    FrameHeader header = {};
-    if (::recv(socket.get(), header.data(), header.size(), MSG_WAITALL) !=
-        static_cast<ssize_t>(header.size())) {
-      return "(closed)";
-    }
-    std::string body(static_cast<size_t>(DecodeFrameHeader(header)), '\0');
-    if (!body.empty()) {
-      EXPECT_EQ(::recv(socket.get(), body.data(), body.size(), MSG_WAITALL),
-                static_cast<ssize_t>(body.size()));
-    }
-    return body;
-  }
-
-  std::string Ask(const std::string& body) {
-    Send(body);
-    return Receive();
-  }
-
-  // Returns once everything sent before has been handled.
-  void Settle() {
-    EXPECT_EQ(Ask(R"({"cmd":"get_drive_list"})"), R"({"cmd":"get_drive_list", "drives": []})");
-  }
-
-  UniqueFd socket;
-};
 
 class ServerTest : public testing::Test {
  protected:
@@ -89,12 +39,12 @@ constexpr char kRefused[] = R"({"cmd":"result","error":0})";
 constexpr char kIncomplete[] = R"({"cmd":"result","error":-1})";
 
 TEST_F(ServerTest, FramesAreFoundHoweverTheyArrive) {
-  Client client(port);
-  const std::string init = Client::Frame(R"({"cmd":"init","data":{"key":"svc"}})");
+  test::Client client(port);
+  const std::string init = test::Client::Frame(R"({"cmd":"init","data":{"key":"svc"}})");
   client.SendRaw(init.substr(0, 2));
   std::this_thread::yield();
   client.SendRaw(init.substr(2, 7));
-  client.SendRaw(init.substr(9) + Client::Frame(R"({"cmd":"get_drive_list"})"));
+  client.SendRaw(init.substr(9) + test::Client::Frame(R"({"cmd":"get_drive_list"})"));
   EXPECT_EQ(client.Receive(), kAccepted);
   EXPECT_EQ(client.Receive(), R"({"cmd":"get_drive_list", "drives": []})");
   client.Send(std::string(R"({"cmd":"get_drive_list"})") + '\0' + "rest");
@@ -102,7 +52,7 @@ TEST_F(ServerTest, FramesAreFoundHoweverTheyArrive) {
 }
 
 TEST_F(ServerTest, MessagesThatMakeNoSenseAreIgnoredAndIncompleteOnesAnswered) {
-  Client client(port);
+  test::Client client(port);
   for (const char* body :
        {"", "5", "not json", "{}", "[]", R"({"cmd":5})", R"({"cmd":"GET_DRIVE_LIST"})",
         R"({"cmd":"result_quota"})", R"({"cmd":"result_quota","error":1,"data":{"total":1}})"}) {
@@ -128,7 +78,7 @@ TEST_F(ServerTest, AWrongKeyEndsTheConnection) {
   for (const char* init :
        {R"({"cmd":"init","data":{"key":"sv"}})", R"({"cmd":"init","data":{"key":1}})",
         R"({"cmd":"init"})", R"({"cmd":"init","data":{"key":"svc","set_callback":{}}})"}) {
-    Client client(port);
+    test::Client client(port);
     EXPECT_EQ(client.Ask(init), kRefused) << init;
     EXPECT_EQ(client.Receive(), "(closed)") << init;
   }
@@ -136,18 +86,18 @@ TEST_F(ServerTest, AWrongKeyEndsTheConnection) {
 
 TEST_F(ServerTest, LengthsThatMakeNoSenseEndTheConnectionOnly) {
   for (const char* header : {"\xFF\xFF\xFF\xFF", "\x01\0\0\x04"}) {
-    Client client(port);
+    test::Client client(port);
     client.SendRaw(std::string(header, 4));
     EXPECT_EQ(client.Receive(), "(closed)");
   }
-  Client(port).Settle();
+  test::Client(port).Settle();
 }
 
 TEST_F(ServerTest, EventsGoToTheirOriginAndToWhoeverWantsAll) {
-  Client none(port);
-  Client own(port);
-  Client all(port);
-  Client at_init(port);
+  test::Client none(port);
+  test::Client own(port);
+  test::Client all(port);
+  test::Client at_init(port);
   none.Settle();
   EXPECT_EQ(own.Ask(R"({"cmd":"set_callback","data":{"global":0}})"), kRefused);
   EXPECT_EQ(all.Ask(R"({"cmd":"set_callback","data":{"global":1}})"), kRefused);
@@ -162,7 +112,7 @@ TEST_F(ServerTest, EventsGoToTheirOriginAndToWhoeverWantsAll) {
 }
 
 TEST_F(ServerTest, FramesOfSeveralSendersNeverMix) {
-  Client client(port);
+  test::Client client(port);
   EXPECT_EQ(client.Ask(R"({"cmd":"set_callback","data":{"global":1}})"), kRefused);
   const std::string event(100000, 'e');
   std::thread relay([&] {
@@ -187,16 +137,16 @@ TEST_F(ServerTest, TakesTheNextPortWhenOneIsTakenAndGivesUpAtTheLast) {
   CTCPServer second;
   const int next = second.start(port);
   EXPECT_GT(next, port);
-  Client(next).Settle();
+  test::Client(next).Settle();
   CTCPServer third;
   EXPECT_EQ(third.start(65536), -1);
   third.stop();
 }
 
 TEST_F(ServerTest, StopEndsManyClientsAtOnce) {
-  std::vector<std::unique_ptr<Client>> clients;
+  std::vector<std::unique_ptr<test::Client>> clients;
   for (int i = 0; i < 50; ++i) {
-    clients.push_back(std::make_unique<Client>(port));
+    clients.push_back(std::make_unique<test::Client>(port));
     clients.back()->Settle();
   }
   clients[7]->SendRaw(std::string("\x10\0\0\0half", 8));
@@ -229,7 +179,7 @@ class QuotaTest : public testing::Test {
     return body;
   }
   void SendFrame(const std::string& body) {
-    const std::string frame = Client::Frame(body);
+    const std::string frame = test::Client::Frame(body);
     EXPECT_TRUE(WriteAll(peer.get(), frame.data(), frame.size()));
   }
 

@@ -1,0 +1,113 @@
+// Stands in for the drive process: "tarnsvc -c ID LABEL", where the label says how it behaves. It
+// speaks the drive's side of the channels to the letter, mounts nothing, and ends when told to.
+//
+// While mounting: "at-start" ends at once, "connected" after the channels, "asking" after its
+// question, "greets" with another first message, "no-result" answers without one, "refuses" answers
+// 12, "hangs" never answers, "ghost" answers 0 and ends. Everything else mounts.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+
+#include "common/json.h"
+#include "tarnsvc/PipeSession.h"
+
+namespace {
+
+class Drive {
+ public:
+  Drive(const std::string& id, std::string drive_label)
+      : label(std::move(drive_label)), name(tarn::PipeName({id.begin(), id.end()})) {}
+
+  void Run() {
+    if (label == "at-start" || !requests.connect(tarn::RequestChannel(name), nullptr) ||
+        !events.create(tarn::EventChannel(name), nullptr) || label == "connected" || !Mount()) {
+      return;
+    }
+    while (Answer(Wait(requests))) {
+    }
+  }
+
+ private:
+  static std::string Wait(CPipeSession& pipe) {
+    const pid_t parent = ::getppid();
+    while (::getppid() == parent) {
+      if (const auto message = pipe.read()) {
+        return message.get();
+      }
+      tarn::PausePipePoll();
+    }
+    std::exit(1);
+  }
+
+  void Result(const char* command, int value) {
+    requests.write(std::string(R"({"cmd":")") + command + R"(","data":{"result":)" +
+                   std::to_string(value) + "}}");
+  }
+
+  bool Mount() {
+    requests.write(label == "greets" ? R"({"cmd":"hello"})" : R"({"cmd":"request_mount_info"})");
+    if (label == "asking") {
+      return false;
+    }
+    info = Wait(requests);
+    if (label == "hangs") {
+      (void)Wait(requests);
+    } else if (label == "no-result") {
+      requests.write(R"({"cmd":"mount_result"})");
+    } else {
+      Result("mount_result", label == "refuses" ? 12 : 0);
+    }
+    return label != "refuses" && label != "ghost";
+  }
+
+  // False: ends.
+  bool Answer(const std::string& text) {
+    const Json message(text.c_str());
+    const std::string command = message.GetObject("/cmd");
+    if (command == "disconnect" || command == "disconnect_all") {
+      events.write(R"({"cmd":"fs_event","data":{"method":"last"}})");
+      Result("result", label == "stays" ? 5 : 0);
+      return label == "stays" && command == "disconnect";
+    }
+    if (command == "get_username") {
+      requests.write(R"({"cmd":"result_username","result":"who"})");
+    } else if (command == "get_credential") {
+      requests.write(info);  // shows what it was asked to mount
+    } else if (command == "set_size") {
+      requests.write(R"({"cmd":"result_credential","result":"text"})");
+    } else if (command == "set_move_folder") {
+      return false;  // ends instead of answering
+    } else if (command == "set_speedlimit") {
+      requests.write("not json");
+    } else if (command == "spindle_add_protocol") {
+      events.write("not json");
+      events.write(R"({"cmd":"other"})");
+      events.write(R"({"cmd":"fs_event","data":{"from":")" + label + "\"}}");
+      Result("result", 7);
+    } else if (command == "spindle_remove_protocol") {
+      events.write(R"({"cmd":"request_quota","data":{"drive":"another"}})");
+      const Json quota(Wait(events).c_str());
+      Result("result", static_cast<int>(quota.GetObject("/data/total")) +
+                           static_cast<int>(quota.GetObject("/data/error")));
+    } else {
+      Result("result", 0);
+    }
+    return true;
+  }
+
+  const std::string label;
+  const std::wstring name;
+  std::string info;
+  CPipeSession requests;
+  CPipeSession events;
+};
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  if (count == 4 && std::strcmp(arguments[1], "-c") == 0) {
+    Drive(arguments[2], arguments[3]).Run();
+  }
+  return 0;
+}

@@ -16,13 +16,17 @@ namespace {
 constexpr std::chrono::milliseconds kBetweenLooks{20};
 constexpr std::chrono::milliseconds kOneTry{2000};
 
-int TellRunning(const Context& context, bool was_started) {
+// `started`: the process id of a service that we have started, else 0.
+int TellRunning(const Context& context, pid_t started) {
   const int port = ReadPort(context.installation);
   Json json;
   json.Insert("running", 1);
-  json.Insert("started", was_started ? 1 : 0);
+  json.Insert("started", started > 0 ? 1 : 0);
   json.Insert("port", port);
-  const std::string text = was_started ? "The service has been started and is running on port "
+  if (started > 0) {
+    json.Insert("pid", static_cast<int>(started));
+  }
+  const std::string text = started > 0 ? "The service has been started and is running on port "
                                        : "The service was already running on port ";
   return context.output.Tell(text + std::to_string(port) + ".", json);
 }
@@ -51,7 +55,7 @@ int WaitUntilAnswered(const Context& context, pid_t service) {
     }
     (void)::poll(nullptr, 0, static_cast<int>(kBetweenLooks.count()));
   }
-  return TellRunning(context, true);
+  return TellRunning(context, service);
 }
 
 // The service closes every connection when it stops.
@@ -68,7 +72,7 @@ bool WaitUntilClosed(Client& client, Deadline deadline) {
 
 int Up(const Context& context) {
   if (Answers(context)) {
-    return TellRunning(context, false);
+    return TellRunning(context, 0);
   }
   if (!CreateHomeFolders(context.installation)) {
     return context.output.Fail("cannot create " + context.installation.LibraryFolder() + ": " +

@@ -19,7 +19,7 @@ namespace {
 int StatusInIsolation(int (*test_main)(int, char**)) {
   const pid_t child = ::fork();
   if (child == 0) {
-    ::_exit(RunIsolated(test_main, 0, nullptr));
+    RunIsolated(test_main, 0, nullptr);
   }
   int status = -1;
   (void)::waitpid(child, &status, 0);

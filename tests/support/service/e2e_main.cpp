@@ -25,5 +25,5 @@ int main(int count, char** texts) {
   if (OnlyListsTests(count, texts)) {
     return RunTests(count, texts);
   }
-  return tarn::test::RunIsolated(RunTests, count, texts);
+  tarn::test::RunIsolated(RunTests, count, texts);
 }

@@ -56,10 +56,9 @@ void AsyncQueue::Release() {
   const std::unique_ptr<AsyncQueue> ended(this);
 }
 
-// At the end the limit no longer matters: what is left is only told to free its context.
 bool AsyncQueue::HasWork() const {
   return !lanes[ASYNCQ_URGENT].empty() ||
-         (!lanes[ASYNCQ_BACKGROUND].empty() && (stopping || running_background < background_limit));
+         (!lanes[ASYNCQ_BACKGROUND].empty() && running_background < background_limit);
 }
 
 void AsyncQueue::Run() {
@@ -69,7 +68,7 @@ void AsyncQueue::Run() {
       wake_up.wait(mutex);
     }
     if (!HasWork()) {
-      return;
+      return;  // background work that is left goes to the workers that are busy with it
     }
     const bool background = lanes[ASYNCQ_URGENT].empty();
     std::deque<Work>& lane = lanes[background ? ASYNCQ_BACKGROUND : ASYNCQ_URGENT];

@@ -40,11 +40,8 @@ LogFile::LogFile(const std::string& absolute_path, off_t limit_bytes)
       limit(limit_bytes) {}
 
 bool LogFile::Open() {
-  if (::mkdir(locks.c_str(), 0700) != 0 && errno != EEXIST) {
-    return false;
-  }
   file = OpenCurrent();
-  return file.valid();
+  return file.valid() && (::mkdir(locks.c_str(), 0700) == 0 || errno == EEXIST);
 }
 
 // A pipe or device would block, or cannot be rotated: only a plain file will do.

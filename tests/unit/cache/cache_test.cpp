@@ -176,9 +176,7 @@ TEST_F(CacheTest, DamagedContentIsNeverHandedOut) {
   for (int block = 0; block < 3; ++block) {
     Write(cache, "k", "v", static_cast<unsigned long long>(block), content);
   }
-  std::fstream(file, std::ios::in | std::ios::out | std::ios::binary)
-      .seekp(kMiB / 8 - 4)
-      .put('!');
+  std::fstream(file, std::ios::in | std::ios::out | std::ios::binary).seekp(kMiB / 8 - 4).put('!');
   std::filesystem::resize_file(file, 300000);  // in the middle of the last one
   EXPECT_EQ(Read(cache, "k", "v", 0), kEmpty);
   EXPECT_EQ(Read(cache, "k", "v", 1), (Answer{SUCCESS, content}));

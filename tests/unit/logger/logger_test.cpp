@@ -1,49 +1,91 @@
 #include "interfaces/logger.h"
 
+#include <array>
+#include <atomic>
 #include <cerrno>
-#include <csignal>
-#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <gmock/gmock.h>
+#include <set>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 #include "common/log.h"
+#include "platform/logger/log_file.h"
 #include "platform/logger/log_line.h"
-#include "tests/unit/logger/log_folder.h"
 
 namespace {
 
+namespace fs = std::filesystem;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
 
-class LoggerTest : public LogFolderTest {
+constexpr int kWriters = 6;
+constexpr int kLines = 500;                       // of each writer, about 100 bytes each
+constexpr off_t kOneRotationBytes = 200L * 1024;  // for all of them
+constexpr off_t kSmallBytes = 4096;
+constexpr LOGLEVEL kEverything = LOGLEVEL_DEBUG | LOGLEVEL_ALL;
+
+// Runs `body` in a child, which ends at once with its result: what it holds is let go of as in a
+// crash. Call the result to wait for the exit status.
+std::function<int()> InChild(const std::function<int()>& body) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(60);  // if it hangs
+    ::_exit(body());
+  }
+  return [child] {
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+}
+
+class LoggerTest : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(InitLogger(log_path.c_str()), 0); }
-  void TearDown() override {
+  LoggerTest() {
+    std::array<char, 32> name{"/tmp/tarn_logXXXXXX"};
+    folder = ::mkdtemp(name.data());
+    log_path = folder / "log";
+    older_path = folder / "log.1";
+    EXPECT_EQ(InitLogger(log_path.c_str()), 0);
+  }
+  ~LoggerTest() override {
     for (const std::string& name : names) {
       EXPECT_EQ(ReleaseLogger(name.c_str()), 0);
     }
+    fs::remove_all(folder);
   }
 
-  ILog* Make(const std::string& name, LOGLEVEL threshold = LOGLEVEL_DEBUG | LOGLEVEL_ALL) {
+  static int Try(const std::string& name) {
     ILog* log = nullptr;
-    EXPECT_EQ(GetLogger(LOGGER_KIND_FILE, name.c_str(), threshold, &log), 0) << name;
+    return GetLogger(LOGGER_KIND_FILE, name.c_str(), kEverything, &log);
+  }
+  ILog* Make(const std::string& name) {
+    ILog* log = nullptr;
+    EXPECT_EQ(GetLogger(LOGGER_KIND_FILE, name.c_str(), kEverything, &log), 0) << name;
     names.push_back(name);
     return log;
   }
-  void Release() {
-    EXPECT_EQ(ReleaseLogger(names.back().c_str()), 0);
-    names.pop_back();
+  static std::vector<std::string> Lines(const fs::path& path) {
+    std::vector<std::string> lines;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+      lines.push_back(line);
+    }
+    return lines;
   }
-  static int TryName(const char* name) {
-    ILog* log = nullptr;
-    return GetLogger(LOGGER_KIND_FILE, name, LOGLEVEL_DEBUG, &log);
-  }
-  std::string LastLine() {
-    const auto lines = Lines(log_path);
-    return lines.empty() ? "" : lines.back();
-  }
+  std::string LastLine() { return Lines(log_path).back(); }
 
+  fs::path folder;
+  fs::path log_path;
+  fs::path older_path;
   std::vector<std::string> names;
 };
 
@@ -55,41 +97,40 @@ TEST_F(LoggerTest, LineTellsTimeProcessThreadSeverityChannelAndName) {
   EXPECT_THAT(LastLine(), HasSubstr(" INFO - [plain] no channel"));
 }
 
+std::string LineAt(long long ms_since_1970, const char* format, ...) {
+  tarn::LogLineBuffer buffer;
+  const std::chrono::system_clock::time_point time{std::chrono::milliseconds(ms_since_1970)};
+  va_list arguments;
+  va_start(arguments, format);
+  const auto line = tarn::FormatLogLine(buffer, time, LOGLEVEL_DEBUG, "[x]", format, arguments);
+  va_end(arguments);
+  return std::string(line.substr(0, 25));
+}
+
 TEST(LogLineTest, TimeIsUtcWithMilliseconds) {
-  const auto format = [](long long ms_since_1970, const char* text, ...) {
-    va_list arguments;
-    va_start(arguments, text);
-    tarn::LogLineBuffer buffer;
-    const std::chrono::system_clock::time_point time{std::chrono::milliseconds(ms_since_1970)};
-    const std::string line(
-        tarn::FormatLogLine(buffer, time, LOGLEVEL_DEBUG, "[x]", text, arguments));
-    va_end(arguments);
-    return line.substr(0, 25);
-  };
-  EXPECT_EQ(format(1709251199007, "leap day"), "2024-02-29T23:59:59.007Z ");
-  EXPECT_EQ(format(4102444800000, "far"), "2100-01-01T00:00:00.000Z ");
+  EXPECT_EQ(LineAt(1709251199007, "x"), "2024-02-29T23:59:59.007Z ");
+  EXPECT_EQ(LineAt(4102444800000, "x"), "2100-01-01T00:00:00.000Z ");
 }
 
 TEST_F(LoggerTest, ThresholdHidesLowerSeveritiesAndOtherChannels) {
   const struct {
     LOGLEVEL threshold, message;
-    bool written;
+    size_t lines;
   } cases[] = {
-      {LOGLEVEL_ERROR | LOGLEVEL_ALL, LOGLEVEL_DEBUG | LOGLEVEL_SERVICE, false},
-      {LOGLEVEL_ERROR | LOGLEVEL_ALL, LOGLEVEL_INFO | LOGLEVEL_TRANSFER, false},
-      {LOGLEVEL_ERROR | LOGLEVEL_ALL, LOGLEVEL_ERROR, true},
-      {LOGLEVEL_DEBUG | LOGLEVEL_ALL, LOGLEVEL_DEBUG, true},
-      {LOGLEVEL_DEBUG | LOGLEVEL_ALL, LOGLEVEL_INFO | LOGLEVEL_HTTP, true},
-      {LOGLEVEL_DEBUG | LOGLEVEL_SERVICE, LOGLEVEL_ERROR | LOGLEVEL_HTTP, false},
-      {LOGLEVEL_DEBUG | LOGLEVEL_SERVICE, LOGLEVEL_ERROR | LOGLEVEL_SERVICE, true},
+      {LOGLEVEL_ERROR | LOGLEVEL_ALL, LOGLEVEL_DEBUG | LOGLEVEL_SERVICE, 0},
+      {LOGLEVEL_ERROR | LOGLEVEL_ALL, LOGLEVEL_INFO | LOGLEVEL_TRANSFER, 0},
+      {LOGLEVEL_ERROR | LOGLEVEL_ALL, LOGLEVEL_ERROR, 1},
+      {LOGLEVEL_DEBUG | LOGLEVEL_ALL, LOGLEVEL_DEBUG, 1},
+      {LOGLEVEL_DEBUG | LOGLEVEL_ALL, LOGLEVEL_INFO | LOGLEVEL_HTTP, 1},
+      {LOGLEVEL_DEBUG | LOGLEVEL_SERVICE, LOGLEVEL_ERROR | LOGLEVEL_HTTP, 0},
   };
-  ILog* log = Make("levels", LOGLEVEL_ERROR);
+  ILog* log = Make("levels");
   for (const auto& c : cases) {
     log->SetLevel(c.threshold);
     EXPECT_EQ(log->GetLevel(), c.threshold);
     const size_t before = Lines(log_path).size();
     __LOG__A(log, c.message, "message");
-    EXPECT_EQ(Lines(log_path).size() - before, c.written ? 1U : 0U)
+    EXPECT_EQ(Lines(log_path).size() - before, c.lines)
         << std::hex << c.threshold << " " << c.message;
   }
 }
@@ -103,9 +144,9 @@ TEST_F(LoggerTest, MessagesAndNamesCannotForgeLines) {
 }
 
 TEST_F(LoggerTest, LongMessageIsCutAtACharacterAndMarked) {
-  ILog* log = Make(std::string(1000, 'n'));
+  ILog* log = Make(std::string(1000, '\n'));
   std::string text = "x";
-  while (text.size() < 20000) {
+  while (text.size() <= tarn::kMaxMessageBytes) {
     text += "\xe2\x82\xac";
   }
   __LOG__A(log, LOGLEVEL_ERROR, "%s", text.c_str());
@@ -114,53 +155,24 @@ TEST_F(LoggerTest, LongMessageIsCutAtACharacterAndMarked) {
   __LOG__A(log, LOGLEVEL_ERROR, "%s", std::string(20000, '\1').c_str());
   EXPECT_THAT(LastLine(), EndsWith("\\x01... [cut, 20000 bytes]"));
   __LOG__A(log, LOGLEVEL_ERROR, "%s", text.substr(0, tarn::kMaxMessageBytes).c_str());
-  EXPECT_THAT(LastLine(), Not(HasSubstr("[cut")));
+  EXPECT_THAT(LastLine(), Not(HasSubstr("bytes]")));
 }
 
-TEST_F(LoggerTest, ErrnoOfTheCallerStays) {
-  ILog* log = Make("errno");
-  std::filesystem::remove_all(folder);
-  errno = ENOTCONN;
-  __LOG__A(log, LOGLEVEL_ERROR, "nowhere to go");
-  EXPECT_EQ(errno, ENOTCONN);
-}
-
-TEST_F(LoggerTest, NameInUseIsRefusedHereAndInOtherProcesses) {
+TEST_F(LoggerTest, NameInUseIsRefusedEverywhereUntilReleaseOrDeath) {
   Make("taken");
-  EXPECT_NE(TryName("taken"), 0);
-  EXPECT_EQ(StatusOf(Fork([&] {
-              return InitLogger(log_path.c_str()) != 0 ? 1 : TryName("taken") == 0 ? 2 : 0;
-            })),
-            0);
-  Release();
-  Make("taken");
-}
-
-TEST_F(LoggerTest, CrashFreesTheName) {
-  int ready[2];
-  ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-  const pid_t holder = Fork([&] {
-    const char result = TryName("held") == 0 ? 'y' : 'n';
-    (void)!::write(ready[1], &result, 1);
-    return ::pause();
-  });
-  char result = 0;
-  EXPECT_EQ(::read(ready[0], &result, 1), 1);
-  EXPECT_EQ(result, 'y');
-  EXPECT_NE(TryName("held"), 0);
-  ::kill(holder, SIGKILL);
-  StatusOf(holder);
-  Make("held");
-  ::close(ready[0]);
-  ::close(ready[1]);
+  EXPECT_NE(Try("taken"), 0);
+  EXPECT_EQ(InChild([&] { return Try("taken") != 0 && Try("of the dead") == 0 ? 0 : 1; })(), 0);
+  Make("of the dead");
+  EXPECT_EQ(ReleaseLogger("taken"), 0);
+  EXPECT_EQ(InChild([&] { return Try("taken"); })(), 0);
+  EXPECT_EQ(Try("taken"), 0);
 }
 
 TEST_F(LoggerTest, AnyBytesMakeANameAndNoneLeavesTheFolder) {
-  const auto entries = [](const std::filesystem::path& path) {
-    return std::distance(std::filesystem::directory_iterator(path), {});
+  const auto entries = [](const fs::path& path) {
+    return std::distance(fs::directory_iterator(path), {});
   };
   const auto before = entries(folder);
-  const std::filesystem::path locks = log_path.string() + ".locks";
   const std::string longer(5000, '/');
   for (const std::string& name :
        {std::string(), std::string("."), std::string(".."), std::string("../../up"),
@@ -169,7 +181,7 @@ TEST_F(LoggerTest, AnyBytesMakeANameAndNoneLeavesTheFolder) {
     Make(name);  // all at once, so none of them may be taken for another
   }
   EXPECT_EQ(entries(folder), before);
-  EXPECT_EQ(entries(locks), 12);
+  EXPECT_EQ(entries(folder / "log.locks"), 12);
 }
 
 TEST_F(LoggerTest, WrongUseFails) {
@@ -178,9 +190,87 @@ TEST_F(LoggerTest, WrongUseFails) {
   EXPECT_NE(GetLogger(LOGGER_KIND_FILE, nullptr, LOGLEVEL_DEBUG, &log), 0);
   EXPECT_NE(ReleaseLogger("never made"), 0);
   EXPECT_NE(ReleaseLogger(nullptr), 0);
+  fs::create_symlink("/dev/null", folder / "device");
+  EXPECT_NE(InitLogger((folder / "device").c_str()), 0);
   EXPECT_NE(InitLogger((folder / "missing" / "log").c_str()), 0);
-  EXPECT_NE(GetLogger(LOGGER_KIND_FILE, "no file", LOGLEVEL_DEBUG, &log), 0);
-  EXPECT_EQ(log, nullptr);
+  EXPECT_NE(Try("no file"), 0);
+}
+
+TEST_F(LoggerTest, ForkedChildOfALoggingProcessCanLog) {
+  ILog* log = Make("forking");
+  std::atomic<bool> done = false;
+  std::thread busy([&] {
+    while (!done) {
+      __LOG__A(log, LOGLEVEL_DEBUG, "busy");
+    }
+  });
+  for (int i = 0; i < 40; ++i) {
+    EXPECT_EQ(InChild([&] { return __LOG__A(log, LOGLEVEL_ERROR, "child"), 0; })(), 0);
+  }
+  done = true;
+  busy.join();
+  const auto lines = Lines(log_path);
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& line) { return line.ends_with("] child"); }),
+            40);
+}
+
+std::string NumberedLine(int writer, int number) {
+  return std::to_string(writer) + " " + std::to_string(number) + " " +
+         std::string(90, static_cast<char>('a' + writer));
+}
+
+TEST_F(LoggerTest, RotationAmongProcessesLosesAndTearsNoLine) {
+  std::vector<std::function<int()>> statuses(kWriters);
+  std::multiset<std::string> expected;
+  for (int writer = 0; writer < kWriters; ++writer) {
+    statuses[static_cast<size_t>(writer)] = InChild([&] {
+      tarn::LogFile file(log_path, kOneRotationBytes);
+      const bool opened = file.Open();
+      for (int line = 0; opened && line < kLines; ++line) {
+        file.Append(NumberedLine(writer, line) + "\n");
+      }
+      return opened ? 0 : 1;
+    });
+    for (int line = 0; line < kLines; ++line) {
+      expected.insert(NumberedLine(writer, line));
+    }
+  }
+  for (const auto& status : statuses) {
+    EXPECT_EQ(status(), 0);
+  }
+  EXPECT_TRUE(fs::exists(older_path));
+  std::multiset<std::string> found;
+  for (const fs::path& path : {older_path, log_path}) {
+    const auto lines = Lines(path);
+    found.insert(lines.begin(), lines.end());
+  }
+  EXPECT_TRUE(found == expected) << found.size() << " of " << expected.size() << " lines";
+}
+
+TEST_F(LoggerTest, FileStaysBoundedPrivateAndIsFollowedWhenMoved) {
+  fs::permissions(log_path, fs::perms(0644));
+  tarn::LogFile file(log_path, kSmallBytes);
+  tarn::LogFile others(log_path, kSmallBytes);  // as another process has it
+  ASSERT_TRUE(file.Open());
+  ASSERT_TRUE(others.Open());
+  const auto append = [&] {
+    for (int i = 0; i < 200; ++i) {
+      (i % 3 == 0 ? others : file).Append(std::string(99, 'x') + "\n");
+      EXPECT_LE(fs::file_size(log_path), kSmallBytes);
+      EXPECT_EQ(fs::status(log_path).permissions(), fs::perms(0600));
+    }
+  };
+  append();
+  EXPECT_EQ(fs::file_size(older_path), kSmallBytes / 100 * 100);
+  fs::remove(older_path);
+  fs::create_directories(older_path / "in the way");
+  append();
+  fs::remove(log_path);
+  errno = ENOTCONN;
+  __LOG__A(Make("errno"), LOGLEVEL_ERROR, "new");
+  EXPECT_EQ(errno, ENOTCONN) << "is the caller's";
+  EXPECT_THAT(LastLine(), EndsWith("new"));
 }
 
 }  // namespace

@@ -1,0 +1,204 @@
+// The state that names, attributes and content share.
+#include "platform/filesystem/file_system.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "platform/filesystem/bindings.h"
+#include "platform/filesystem/errors.h"
+#include "platform/filesystem/names.h"
+
+namespace tarn::fs {
+
+namespace {
+
+constexpr Space kUnknownSpace{1ULL << 40, 1ULL << 40};  // 1 TiB: large enough for any copy dialog
+constexpr std::chrono::seconds kSpaceTimeOut{30};
+constexpr int kMaxAttempts = 10;
+
+}  // namespace
+
+FileSystem::FileSystem(Clock::duration attribute_time_out)
+    : mounted_at(Now()),
+      time_out(attribute_time_out),
+      listings(attribute_time_out),
+      space(kUnknownSpace) {}
+
+void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
+  remote.Add(std::move(protocol));
+  {
+    const MutexLock guard(lock);
+    listings.ForgetTree("/");
+  }
+  AskSpace();
+}
+
+std::optional<std::string> FileSystem::PathOf(Ino folder, const std::string& name) const {
+  const auto path = nodes.PathOf(folder);
+  return path ? std::optional(JoinPath(*path, name)) : std::nullopt;
+}
+
+bool FileSystem::GetPaths(const std::vector<Place>& places, std::vector<std::string>& paths) const {
+  paths.clear();
+  for (const Place& place : places) {
+    auto path = place.name.empty() ? nodes.PathOf(place.ino) : PathOf(place.ino, place.name);
+    if (!path) {
+      return false;
+    }
+    paths.push_back(std::move(*path));
+  }
+  return true;
+}
+
+std::optional<PathLocks::Hold> FileSystem::HoldPlaces(const std::vector<Place>& places,
+                                                      std::vector<std::string>& paths) {
+  {
+    const MutexLock guard(lock);
+    if (!GetPaths(places, paths)) {
+      return std::nullopt;
+    }
+  }
+  for (;;) {
+    PathLocks::Hold hold = changes.Take(paths);
+    std::vector<std::string> paths_now;
+    const MutexLock guard(lock);
+    if (!GetPaths(places, paths_now)) {
+      return std::nullopt;
+    }
+    if (paths_now == paths) {
+      return hold;
+    }
+    paths = std::move(paths_now);  // renamed while this waited
+  }
+}
+
+int FileSystem::Find(const std::string& path, bool ask_anew, Listings::Answer& answer) {
+  for (int attempt = 1;; ++attempt) {
+    const auto asked = Clock::now();
+    Listings::Ticket ticket = 0;
+    {
+      const MutexLock guard(lock);
+      answer = listings.Find(path, asked);
+      if (!ask_anew && answer.known != Listings::Known::kNothing) {
+        return 0;
+      }
+      ticket = listings.Begin();
+    }
+    answer = {Listings::Known::kPresent, {}, asked, time_out};
+    const AERROR error = remote.GetInfo(path, answer.attributes);
+    if (ErrnoOf(error) == ENOENT) {
+      answer.known = Listings::Known::kAbsent;
+    } else if (error != SUCCESS) {
+      return ErrnoOf(error);
+    }
+    const MutexLock guard(lock);
+    const bool is_present = answer.known == Listings::Known::kPresent;
+    if (listings.Add(ticket, path, is_present ? &answer.attributes : nullptr, asked) ||
+        attempt == kMaxAttempts) {
+      return 0;
+    }  // else it was changed from here meanwhile, and the answer may be from before that
+  }
+}
+
+std::shared_ptr<OpenFile> FileSystem::FindOpenFile(Ino ino) const {
+  const auto file = open_files.find(ino);
+  return file == open_files.end() ? nullptr : file->second;
+}
+
+std::shared_ptr<OpenFile> FileSystem::FindOpenFile(Ino folder, const std::string& name) const {
+  const auto ino = nodes.Find(folder, name);
+  return ino ? FindOpenFile(*ino) : nullptr;
+}
+
+std::shared_ptr<OpenFile> FileSystem::EnsureOpenFile(Ino ino) {
+  auto& file = open_files[ino];
+  if (!file) {
+    file = std::make_shared<OpenFile>();
+    file->ino = ino;
+    nodes.Pin(ino);
+  }
+  return file;
+}
+
+void FileSystem::DropOpenFileIfUnused(const std::shared_ptr<OpenFile>& file) {
+  const bool linked = nodes.PathOf(file->ino).has_value();
+  const bool is_unsent = linked && file->work && file->work->IsDirty();
+  if (file->preparing || is_unsent) {
+    return;
+  }
+  if (file->writers == 0 && linked) {
+    file->work.reset();
+  }
+  if (file->handles == 0 && open_files.erase(file->ino) != 0) {
+    nodes.Unpin(file->ino);
+    if (!nodes.Exists(file->ino)) {
+      kernel.erase(file->ino);
+    }
+  }
+}
+
+Stat FileSystem::LocalStat(const OpenFile& file) const {
+  const WorkFile::State state = file.work->GetState();
+  return {.ino = file.ino,
+          .is_folder = false,
+          .size = state.size,
+          .modified = state.modified,
+          .linked = nodes.PathOf(file.ino).has_value(),
+          .valid_for = time_out};
+}
+
+Stat FileSystem::RemoteStat(Ino ino, const Attributes& attributes,
+                            Clock::duration valid_for) const {
+  return {.ino = ino,
+          .is_folder = attributes.is_folder,
+          .size = attributes.size,
+          .modified = attributes.modified,
+          .linked = true,
+          .valid_for = valid_for};
+}
+
+Space FileSystem::GetSpace() {
+  bool is_old = false;
+  Space known;
+  {
+    const MutexLock guard(lock);
+    is_old = space_asked + kSpaceTimeOut < Clock::now();
+    known = space;
+  }
+  if (is_old) {
+    AskSpace();
+  }
+  return known;
+}
+
+void FileSystem::AskSpace() {
+  {
+    const MutexLock guard(lock);
+    if (std::exchange(asking_space, true)) {
+      return;
+    }
+  }
+  const auto ask = [](void* context, int stopping) {
+    const std::unique_ptr<std::shared_ptr<FileSystem>> self(
+        static_cast<std::shared_ptr<FileSystem>*>(context));
+    Space answer;
+    const bool known =
+        stopping == 0 && (*self)->remote.GetSize(answer.total, answer.free) == SUCCESS;
+    const MutexLock guard((*self)->lock);
+    if (known) {
+      (*self)->space = answer;
+    }
+    (*self)->space_asked = Clock::now();
+    (*self)->asking_space = false;
+  };
+  auto self = std::make_unique<std::shared_ptr<FileSystem>>(shared_from_this());
+  const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
+  if (queue && queue->Push(ask, self.get(), ASYNCQ_BACKGROUND) == SUCCESS) {
+    (void)self.release();  // the task's now
+    return;
+  }
+  const MutexLock guard(lock);
+  asking_space = false;  // without a queue the space stays unknown
+}
+
+}  // namespace tarn::fs

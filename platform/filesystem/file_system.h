@@ -1,0 +1,205 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <unordered_map>
+#include <vector>
+
+#include "common/sync.h"
+#include "platform/filesystem/events.h"
+#include "platform/filesystem/listings.h"
+#include "platform/filesystem/nodes.h"
+#include "platform/filesystem/open_file.h"
+#include "platform/filesystem/path_locks.h"
+#include "platform/filesystem/remote.h"
+
+namespace tarn::fs {
+
+// What stat(2) is to show.
+struct Stat {
+  Ino ino = kRootIno;
+  bool is_folder = true;
+  std::uint64_t size = 0;  // bytes
+  FS_TIME modified = {};
+  bool linked = true;
+  Clock::duration valid_for = {};  // how long the kernel may believe it
+
+  [[nodiscard]] mode_t Permissions() const { return is_folder ? 0755 : 0644; }
+};
+
+// What setattr is to change.
+struct AttributeChange {
+  std::optional<mode_t> permissions;
+  std::optional<uid_t> user;
+  std::optional<gid_t> group;
+  std::optional<std::uint64_t> size;
+  std::optional<FS_TIME> modified;
+};
+
+struct Space {
+  unsigned long long total = 0;  // bytes
+  unsigned long long free = 0;
+};
+
+// A drive as programs see it: folders, files and open files over the remote. This is the whole of a
+// volume but the kernel's side of it, which an adapter connects.
+//
+// Owns:    the inode numbers, what is known of the remote, the open files and their work files.
+// Threads: any, several at once.
+// Locks:   `lock` guards the state and comes before a work file's own; neither is held while the
+//          remote works, nor while an event is told. Changes of the remote are put in order by
+//          `changes`, which is taken with no lock held.
+// Errors:  0 or an errno value.
+class FileSystem : public std::enable_shared_from_this<FileSystem> {
+ public:
+  static constexpr std::chrono::seconds kAttributeTimeOut{5};
+
+  explicit FileSystem(Clock::duration attribute_time_out = kAttributeTimeOut);
+
+  void AddProtocol(std::shared_ptr<IProtocol_V2> protocol);
+  [[nodiscard]] Remote& GetRemote() { return remote; }
+  [[nodiscard]] Events& GetEvents() { return events; }
+
+  // Names. Lookup, Create, MakeFolder and LookUpEntry count one lookup, which Forget takes back.
+  [[nodiscard]] int Lookup(Ino folder, const std::string& name, Stat& stat);
+  void Forget(Ino ino, std::uint64_t lookups);
+  [[nodiscard]] int MakeFolder(Ino folder, const std::string& name, Stat& stat);
+  [[nodiscard]] int RemoveFile(Ino folder, const std::string& name);
+  [[nodiscard]] int RemoveFolder(Ino folder, const std::string& name);
+  [[nodiscard]] int Rename(Ino folder, const std::string& name, Ino new_folder,
+                           const std::string& new_name, bool may_replace);
+
+  // Folders. The entries are those of one moment; an open folder keeps them until they are asked for
+  // anew.
+  struct FolderContent {
+    std::vector<Entry> entries;
+    Clock::time_point asked;
+  };
+  [[nodiscard]] int ReadFolder(Ino folder, FolderContent& content);
+  [[nodiscard]] std::uint64_t OpenFolder(Ino folder);
+  [[nodiscard]] int GetOpenFolder(std::uint64_t handle, bool anew,
+                                  std::shared_ptr<const FolderContent>& content);
+  void CloseFolder(std::uint64_t handle);
+  [[nodiscard]] Ino InoOf(Ino folder, const std::string& name) const;  // 0: has none yet
+  // False, without a lookup counted, when the entry was removed since the folder was read.
+  bool LookUpEntry(Ino folder, const Entry& entry, Clock::time_point asked, Stat& stat);
+
+  // Attributes. Permissions and owners cannot be changed: EPERM, but for those that are there.
+  [[nodiscard]] int GetAttributes(Ino ino, Stat& stat);
+  [[nodiscard]] int SetAttributes(Ino ino, const AttributeChange& change, Stat& stat);
+  // At once, whatever the remote does.
+  [[nodiscard]] Space GetSpace();
+
+  // Content. `flags` are those of open(2). `keep_cache`: what the kernel holds of it is still right.
+  struct Opened {
+    std::uint64_t handle = 0;
+    bool keep_cache = false;
+  };
+  [[nodiscard]] int Create(Ino folder, const std::string& name, int flags, Stat& stat,
+                           Opened& opened);
+  [[nodiscard]] int Open(Ino ino, int flags, Opened& opened);
+  [[nodiscard]] int Read(std::uint64_t handle, std::uint64_t offset, void* buffer, size_t length,
+                         size_t& received);
+  // `from_mapping`: pages that the kernel writes back; the offset then holds for appenders too.
+  [[nodiscard]] int Write(std::uint64_t handle, std::uint64_t offset, const void* data,
+                          size_t length, bool from_mapping, size_t& written);
+  [[nodiscard]] int Flush(std::uint64_t handle);  // one descriptor was closed
+  [[nodiscard]] int Sync(std::uint64_t handle);   // 0: the remote has it
+  void Release(std::uint64_t handle);             // the last descriptor was closed
+
+  // Sends everything that the remote lacks. Returns the number of files that could not be sent.
+  int StoreAll();
+  // Grows while an upload moves.
+  [[nodiscard]] std::uint64_t GetProgress() const { return progress; }
+
+ private:
+  // What the kernel holds of a file.
+  struct KernelState {
+    std::string version;              // of the pages that it may have
+    Clock::time_point looked_up = {};  // when the remote told of it for a lookup
+  };
+
+  struct StoreSource;  // the content on its way to the remote
+
+  [[nodiscard]] std::optional<std::string> PathOf(Ino folder, const std::string& name) const
+      TARN_REQUIRES(lock);
+  // Believable knowledge, from the remote unless it is there already or is to be asked anew.
+  [[nodiscard]] int Find(const std::string& path, bool ask_anew, Listings::Answer& answer)
+      TARN_EXCLUDES(lock);
+  [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino ino) const TARN_REQUIRES(lock);
+  [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino folder, const std::string& name) const
+      TARN_REQUIRES(lock);
+  std::shared_ptr<OpenFile> EnsureOpenFile(Ino ino) TARN_REQUIRES(lock);
+  void DropOpenFileIfUnused(const std::shared_ptr<OpenFile>& file) TARN_REQUIRES(lock);
+  Stat LocalStat(const OpenFile& file) const TARN_REQUIRES(lock);
+  Stat RemoteStat(Ino ino, const Attributes& attributes, Clock::duration valid_for) const;
+
+  // A name in a folder; without a name the node itself.
+  struct Place {
+    Ino ino;
+    std::string name;
+  };
+  // The right to change some places, whose paths go to `paths`. Unset when one does not exist.
+  [[nodiscard]] std::optional<PathLocks::Hold> HoldPlaces(const std::vector<Place>& places,
+                                                          std::vector<std::string>& paths);
+  [[nodiscard]] bool GetPaths(const std::vector<Place>& places,
+                              std::vector<std::string>& paths) const TARN_REQUIRES(lock);
+
+  Opened MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) TARN_REQUIRES(lock);
+  [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(lock);
+  [[nodiscard]] int FindForOpen(Ino ino, Attributes& attributes);
+  [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
+
+  // The file's work file, made and filled with the first `keep` bytes of the remote's content when
+  // there is none.
+  [[nodiscard]] int WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t keep,
+                            std::shared_ptr<WorkFile>& work);
+  [[nodiscard]] int Fetch(const std::string& path, const Attributes& attributes,
+                          std::uint64_t length, WorkFile& work);
+  [[nodiscard]] int ReadRemote(const OpenFile& file, std::uint64_t offset, void* buffer,
+                               size_t length, size_t& received);
+  // Lets those who have the file open keep its content, which the remote is about to lose.
+  [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
+
+  [[nodiscard]] int Store(const std::shared_ptr<OpenFile>& file);
+  [[nodiscard]] AERROR Upload(const std::string& path, const WorkFile& work,
+                              const WorkFile::State& state, Attributes& stored);
+  void Stored(OpenFile& file, const std::string& path, WorkFile& work,
+              const WorkFile::State& state, const Attributes& stored);
+
+  [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
+  [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
+  void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
+             const std::vector<std::string>& paths) TARN_REQUIRES(lock);
+  void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const TARN_REQUIRES(lock);
+  void AskSpace();
+
+  Remote remote;
+  Events events;
+  PathLocks changes;
+  const FS_TIME mounted_at;
+  const Clock::duration time_out;
+  std::atomic<std::uint64_t> progress = 0;
+
+  mutable Mutex lock;
+  CondVar prepared;
+  Nodes nodes TARN_GUARDED_BY(lock);
+  Listings listings TARN_GUARDED_BY(lock);
+  std::unordered_map<Ino, KernelState> kernel TARN_GUARDED_BY(lock);
+  std::unordered_map<Ino, std::shared_ptr<OpenFile>> open_files TARN_GUARDED_BY(lock);
+  std::unordered_map<std::uint64_t, Handle> handles TARN_GUARDED_BY(lock);
+  struct OpenedFolder {
+    Ino ino;
+    std::shared_ptr<const FolderContent> content;  // null: not read yet
+  };
+  std::unordered_map<std::uint64_t, OpenedFolder> open_folders TARN_GUARDED_BY(lock);
+  std::uint64_t next_handle TARN_GUARDED_BY(lock) = 1;
+  Space space TARN_GUARDED_BY(lock);
+  Clock::time_point space_asked TARN_GUARDED_BY(lock) = {};
+  bool asking_space TARN_GUARDED_BY(lock) = false;
+};
+
+}  // namespace tarn::fs

@@ -1,0 +1,132 @@
+// Attributes: stat and setattr.
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "platform/filesystem/errors.h"
+#include "platform/filesystem/file_system.h"
+
+namespace tarn::fs {
+
+int FileSystem::GetAttributes(Ino ino, Stat& stat) {
+  if (ino == kRootIno) {
+    stat = {.modified = mounted_at, .valid_for = time_out};
+    return 0;
+  }
+  std::optional<std::string> path;
+  {
+    const MutexLock guard(lock);
+    if (const auto file = FindOpenFile(ino); file && file->work) {
+      stat = LocalStat(*file);
+      return 0;
+    }
+    path = nodes.PathOf(ino);
+    if (!path && nodes.IsFolder(ino)) {  // removed, but somebody's current folder
+      stat = {.ino = ino, .modified = mounted_at, .linked = false, .valid_for = time_out};
+      return 0;
+    }
+  }
+  Listings::Answer answer;
+  if (const int error = path ? Find(*path, false, answer) : ENOENT; error != 0) {
+    return error;
+  }
+  const MutexLock guard(lock);
+  if (const auto file = FindOpenFile(ino); file && file->work) {
+    stat = LocalStat(*file);  // made while the remote was asked
+    return 0;
+  }
+  if (answer.known == Listings::Known::kAbsent ||
+      answer.attributes.is_folder != nodes.IsFolder(ino)) {
+    return ESTALE;  // the kernel looks the name up again
+  }
+  stat = RemoteStat(ino, answer.attributes, answer.believable);
+  return 0;
+}
+
+int FileSystem::SetAttributes(Ino ino, const AttributeChange& change, Stat& stat) {
+  if (const int error = GetAttributes(ino, stat); error != 0) {
+    return error;
+  }
+  if ((change.permissions && (*change.permissions & 07777) != stat.Permissions()) ||
+      (change.user && *change.user != ::geteuid()) ||
+      (change.group && *change.group != ::getegid())) {
+    return EPERM;
+  }
+  if (!change.size && !change.modified) {
+    return 0;
+  }
+  if (const int error = change.size ? SetSize(ino, *change.size) : 0; error != 0) {
+    return error;
+  }
+  if (const int error = change.modified ? SetModified(ino, *change.modified) : 0; error != 0) {
+    return error;
+  }
+  return GetAttributes(ino, stat);
+}
+
+int FileSystem::SetSize(Ino ino, std::uint64_t size) {
+  std::shared_ptr<OpenFile> file;
+  {
+    const MutexLock guard(lock);
+    file = FindOpenFile(ino);
+    if (file && file->writers > 0) {
+      ++file->writers;  // keeps the work file until the end of this function
+    } else {
+      file = nullptr;
+    }
+  }
+  Opened opened;
+  if (!file) {  // by its name: as if it was opened and closed for it
+    if (const int error = Open(ino, size == 0 ? O_WRONLY | O_TRUNC : O_WRONLY, opened);
+        error != 0) {
+      return error;
+    }
+    file = GetHandle(opened.handle)->file;
+  }
+  std::shared_ptr<WorkFile> work;
+  int error = WorkFor(file, size, work);
+  error = error == 0 ? work->SetSize(size) : error;
+  if (opened.handle != 0) {
+    error = error == 0 ? Flush(opened.handle) : error;
+    Release(opened.handle);
+    return error;
+  }
+  const MutexLock guard(lock);
+  --file->writers;
+  DropOpenFileIfUnused(file);
+  return error;
+}
+
+int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
+  std::vector<std::string> paths;
+  const auto hold = HoldPlaces({{ino, ""}}, paths);
+  if (!hold) {
+    return 0;  // a removed file that is still open
+  }
+  std::shared_ptr<WorkFile> work;
+  {
+    const MutexLock guard(lock);
+    if (const auto file = FindOpenFile(ino); file && file->work) {
+      work = file->work;
+    }
+  }
+  if (work && work->IsDirty()) {
+    work->SetModified(time);  // goes with the content
+    return 0;
+  }
+  const AERROR error = remote.SetModifiedTime(paths[0], time);
+  if (error == NOT_SUPPORTED) {
+    return 0;  // the remote keeps no times; programs that copy them are not to fail for it
+  }
+  if (error != SUCCESS) {
+    return ErrnoOf(error);
+  }
+  if (work) {
+    work->SetFilled(time);
+  }
+  const MutexLock guard(lock);
+  listings.Forget(paths[0]);
+  return 0;
+}
+
+}  // namespace tarn::fs

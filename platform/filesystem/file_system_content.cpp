@@ -1,0 +1,314 @@
+// Content: opening, reading, writing, closing.
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <limits>
+#include <utility>
+
+#include "platform/filesystem/errors.h"
+#include "platform/filesystem/file_system.h"
+#include "platform/filesystem/names.h"
+
+namespace tarn::fs {
+
+namespace {
+
+// A lookup and the open that it belongs to follow each other within this; then the open need not
+// ask again.
+constexpr std::chrono::milliseconds kSameCall{10};
+constexpr std::uint64_t kWhole = std::numeric_limits<std::uint64_t>::max();
+constexpr size_t kFetchBytes = 4 * 1024 * 1024;
+
+bool WantsToWrite(int flags) {
+  return (flags & O_ACCMODE) != O_RDONLY;
+}
+
+}  // namespace
+
+FileSystem::Opened FileSystem::MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) {
+  const std::uint64_t number = next_handle++;
+  handles.emplace(number, Handle{.file = file,
+                                 .may_read = (flags & O_ACCMODE) != O_WRONLY,
+                                 .may_write = WantsToWrite(flags),
+                                 .append = (flags & O_APPEND) != 0,
+                                 .serial = file->serial});
+  ++file->handles;
+  file->writers += WantsToWrite(flags) ? 1 : 0;
+  return {.handle = number, .keep_cache = false};
+}
+
+std::optional<Handle> FileSystem::GetHandle(std::uint64_t handle) {
+  const MutexLock guard(lock);
+  const auto found = handles.find(handle);
+  return found == handles.end() ? std::nullopt : std::optional(found->second);
+}
+
+int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& stat, Opened& opened) {
+  if (!IsValidName(name)) {
+    return name.size() > kMaxNameBytes ? ENAMETOOLONG : EILSEQ;
+  }
+  if (remote.Count() == 0) {
+    return EROFS;
+  }
+  std::shared_ptr<WorkFile> work;
+  if (const int error = WorkFile::Make(work); error != 0) {
+    return error;
+  }
+  work->MarkDirty();
+  const MutexLock guard(lock);
+  if (!PathOf(folder, name)) {
+    return ENOENT;
+  }
+  if (const auto known = nodes.Find(folder, name); known) {
+    if (const auto file = FindOpenFile(*known); file && file->work) {
+      return EEXIST;
+    }
+    nodes.Unlink(*known);  // removed elsewhere
+  }
+  const Ino ino = nodes.Ensure(folder, name, false);
+  const auto file = EnsureOpenFile(ino);
+  file->work = std::move(work);
+  nodes.AddLookup(ino);
+  opened = MakeHandle(file, flags);
+  stat = LocalStat(*file);
+  return 0;
+}
+
+int FileSystem::FindForOpen(Ino ino, Attributes& attributes) {
+  std::optional<std::string> path;
+  bool just_looked_up = false;
+  {
+    const MutexLock guard(lock);
+    path = nodes.PathOf(ino);
+    const auto looked_up = std::exchange(kernel[ino].looked_up, Clock::time_point{});
+    just_looked_up = looked_up + kSameCall > Clock::now();
+  }
+  Listings::Answer answer;
+  if (const int error = path ? Find(*path, !just_looked_up, answer) : ESTALE; error != 0) {
+    return error;
+  }
+  if (answer.known == Listings::Known::kAbsent) {
+    return ESTALE;  // the kernel looks the name up again
+  }
+  attributes = answer.attributes;
+  return attributes.is_folder ? ESTALE : 0;
+}
+
+int FileSystem::Open(Ino ino, int flags, Opened& opened) {
+  {
+    const MutexLock guard(lock);
+    if (nodes.IsFolder(ino)) {
+      return EISDIR;
+    }
+    if (const auto file = FindOpenFile(ino); file && file->work && (flags & O_TRUNC) == 0) {
+      opened = MakeHandle(file, flags);
+      opened.keep_cache = true;
+      return 0;
+    }
+  }
+  Attributes attributes;
+  const int error = FindForOpen(ino, attributes);
+  std::shared_ptr<OpenFile> file;
+  {
+    const MutexLock guard(lock);
+    const auto known = FindOpenFile(ino);
+    const bool is_local = known && (known->work || known->preparing);
+    if (error != 0 && !is_local) {
+      return error;
+    }
+    file = EnsureOpenFile(ino);
+    if (!is_local) {
+      if (file->handles > 0 && file->remote.version != attributes.version) {
+        ++file->serial;
+      }
+      file->remote = attributes;
+      file->at_remote = true;
+    }
+    opened = MakeHandle(file, flags);
+    std::string& version = kernel[ino].version;
+    opened.keep_cache = is_local || version == attributes.version;
+    version = is_local ? version : attributes.version;
+  }
+  const int truncated = WantsToWrite(flags) && (flags & O_TRUNC) != 0 ? Truncate(file) : 0;
+  if (truncated != 0) {
+    Release(opened.handle);
+  }
+  return truncated;
+}
+
+int FileSystem::Truncate(const std::shared_ptr<OpenFile>& file) {
+  std::shared_ptr<WorkFile> work;
+  if (const int error = WorkFor(file, 0, work); error != 0) {
+    return error;
+  }
+  return work->SetSize(0);
+}
+
+int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t keep,
+                        std::shared_ptr<WorkFile>& work) {
+  Attributes attributes;
+  std::optional<std::string> path;
+  {
+    const MutexLock guard(lock);
+    while (file->preparing) {
+      prepared.wait(lock);
+    }
+    if (file->work) {
+      work = file->work;
+      return 0;
+    }
+    file->preparing = true;
+    attributes = file->remote;
+    path = nodes.PathOf(file->ino);
+  }
+  int error = WorkFile::Make(work);
+  if (error == 0 && keep > 0) {
+    error = path ? Fetch(*path, attributes, std::min<std::uint64_t>(keep, attributes.size), *work)
+                 : ESTALE;
+  }
+  const MutexLock guard(lock);
+  file->preparing = false;
+  prepared.notify_all();
+  if (error == 0) {
+    work->SetFilled(attributes.modified);
+    file->work = work;
+  }
+  return error;
+}
+
+int FileSystem::Fetch(const std::string& path, const Attributes& attributes, std::uint64_t length,
+                      WorkFile& work) {
+  std::vector<char> buffer(std::min<std::uint64_t>(kFetchBytes, length));
+  for (std::uint64_t offset = 0; offset < length;) {
+    const size_t wanted = std::min<std::uint64_t>(buffer.size(), length - offset);
+    size_t received = 0;
+    const AERROR error =
+        remote.Read(attributes.protocol, path, offset, buffer.data(), wanted, received);
+    if (error != SUCCESS) {
+      events.Failed(FS_EVENT_READ, error, path, path);
+      return ErrnoOf(error);
+    }
+    if (received < wanted) {
+      return EIO;  // shorter than it was when it was opened
+    }
+    if (const int failure = work.Fill(offset, buffer.data(), received); failure != 0) {
+      return failure;
+    }
+    offset += received;
+    ++progress;
+  }
+  Listings::Answer after;
+  if (const int error = Find(path, true, after); error != 0) {
+    return error;
+  }
+  const bool is_the_same = after.known == Listings::Known::kPresent &&
+                           after.attributes.version == attributes.version &&
+                           after.attributes.size == attributes.size;
+  return is_the_same ? 0 : EIO;  // parts of two versions may be in it
+}
+
+int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
+  {
+    const MutexLock guard(lock);
+    if (file->handles == 0) {
+      return 0;
+    }
+  }
+  std::shared_ptr<WorkFile> work;
+  const int error = WorkFor(file, kWhole, work);
+  return error == ENOENT ? 0 : error;
+}
+
+int FileSystem::ReadRemote(const OpenFile& file, std::uint64_t offset, void* buffer, size_t length,
+                           size_t& received) {
+  std::optional<std::string> path;
+  Attributes attributes;
+  {
+    const MutexLock guard(lock);
+    path = nodes.PathOf(file.ino);
+    attributes = file.remote;
+  }
+  if (!path || offset >= attributes.size) {
+    return path ? 0 : EIO;
+  }
+  const size_t wanted = std::min<std::uint64_t>(length, attributes.size - offset);
+  const AERROR error = remote.Read(attributes.protocol, *path, offset, buffer, wanted, received);
+  if (error != SUCCESS) {
+    events.Failed(FS_EVENT_READ, error, *path, *path);
+    return ErrnoOf(error) == ENOENT ? EIO : ErrnoOf(error);
+  }
+  return received < wanted ? EIO : 0;  // shorter than it was when it was opened
+}
+
+int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, void* buffer, size_t length,
+                     size_t& received) {
+  received = 0;
+  const auto open = GetHandle(handle);
+  if (!open) {
+    return EBADF;
+  }
+  std::shared_ptr<WorkFile> work;
+  {
+    const MutexLock guard(lock);
+    if (open->serial != open->file->serial) {
+      return EIO;  // changed elsewhere since it was opened; a new open sees the change
+    }
+    work = open->file->work;
+  }
+  return work ? work->Read(offset, buffer, length, received)
+              : ReadRemote(*open->file, offset, buffer, length, received);
+}
+
+int FileSystem::Write(std::uint64_t handle, std::uint64_t offset, const void* data, size_t length,
+                      bool from_mapping, size_t& written) {
+  written = 0;
+  const auto open = GetHandle(handle);
+  if (!open || !open->may_write) {
+    return EBADF;
+  }
+  std::shared_ptr<WorkFile> work;
+  {
+    const MutexLock guard(lock);
+    if (open->serial != open->file->serial) {
+      return EIO;
+    }
+    work = open->file->work;
+  }
+  if (!work) {
+    if (const int error = WorkFor(open->file, kWhole, work); error != 0) {
+      return error;
+    }
+  }
+  const bool at_end = open->append && !from_mapping;
+  return work->Write(at_end ? work->GetSize() : offset, data, length, written);
+}
+
+int FileSystem::Flush(std::uint64_t handle) {
+  const auto open = GetHandle(handle);
+  if (!open) {
+    return EBADF;
+  }
+  return open->may_write ? Store(open->file) : 0;
+}
+
+int FileSystem::Sync(std::uint64_t handle) {
+  const auto open = GetHandle(handle);
+  return open ? Store(open->file) : EBADF;
+}
+
+void FileSystem::Release(std::uint64_t handle) {
+  const auto open = GetHandle(handle);
+  if (!open) {
+    return;
+  }
+  if (open->may_write) {
+    (void)Store(open->file);  // pages of a mapping may come after the close; events tell of failure
+  }
+  const MutexLock guard(lock);
+  handles.erase(handle);
+  --open->file->handles;
+  open->file->writers -= open->may_write ? 1 : 0;
+  DropOpenFileIfUnused(open->file);
+}
+
+}  // namespace tarn::fs

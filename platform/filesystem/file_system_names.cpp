@@ -1,0 +1,348 @@
+// Names: looking up, listing, making, removing and renaming.
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/filesystem/errors.h"
+#include "platform/filesystem/file_system.h"
+#include "platform/filesystem/names.h"
+
+namespace tarn::fs {
+
+namespace {
+
+int CheckName(const std::string& name) {
+  if (name.size() > kMaxNameBytes) {
+    return ENAMETOOLONG;
+  }
+  return IsValidName(name) ? 0 : EILSEQ;
+}
+
+}  // namespace
+
+int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
+  if (const int error = CheckName(name); error != 0) {
+    return error == EILSEQ ? ENOENT : error;
+  }
+  std::optional<std::string> path;
+  {
+    const MutexLock guard(lock);
+    if (const auto file = FindOpenFile(folder, name); file && file->work) {
+      nodes.AddLookup(file->ino);
+      stat = LocalStat(*file);
+      return 0;
+    }
+    path = PathOf(folder, name);
+  }
+  Listings::Answer answer;
+  const auto begin = Clock::now();
+  if (const int error = path ? Find(*path, false, answer) : ESTALE; error != 0) {
+    return error;
+  }
+  if (answer.known == Listings::Known::kAbsent) {
+    return ENOENT;
+  }
+  const MutexLock guard(lock);
+  if (!nodes.Exists(folder)) {
+    return ESTALE;
+  }
+  const Ino ino = nodes.Ensure(folder, name, answer.attributes.is_folder);
+  nodes.AddLookup(ino);
+  stat = RemoteStat(ino, answer.attributes, answer.believable);
+  if (answer.asked >= begin) {
+    kernel[ino].looked_up = Clock::now();
+  }
+  if (const auto file = FindOpenFile(ino); file && file->work) {
+    stat = LocalStat(*file);  // made while the remote was asked
+  }
+  return 0;
+}
+
+void FileSystem::Forget(Ino ino, std::uint64_t lookups) {
+  const MutexLock guard(lock);
+  nodes.Forget(ino, lookups);
+  if (!nodes.Exists(ino)) {
+    kernel.erase(ino);
+  }
+}
+
+int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
+  if (const int error = CheckName(name); error != 0) {
+    return error;
+  }
+  if (remote.Count() == 0) {
+    return EROFS;
+  }
+  std::vector<std::string> paths;
+  const auto hold = HoldPlaces({{folder, name}}, paths);
+  if (!hold) {
+    return ENOENT;
+  }
+  const AERROR error = remote.CreateFolder(paths[0]);
+  if (error != SUCCESS) {
+    events.Failed(FS_EVENT_CREATE_DIRECTORY, error, paths[0], paths[0]);
+    const MutexLock guard(lock);
+    listings.Forget(paths[0]);
+    return ErrnoOf(error);
+  }
+  const Attributes made{.is_folder = true, .size = 0, .modified = Now(), .version = {}};
+  const auto now = Clock::now();
+  const MutexLock guard(lock);
+  listings.SetPresent(paths[0], made, now);
+  listings.AddListing(listings.Begin(), paths[0], {}, now);  // new, so it is empty
+  const Ino ino = nodes.Ensure(folder, name, true);
+  nodes.AddLookup(ino);
+  stat = RemoteStat(ino, made, time_out);
+  return 0;
+}
+
+int FileSystem::RemoveFile(Ino folder, const std::string& name) {
+  std::vector<std::string> paths;
+  const auto hold = HoldPlaces({{folder, name}}, paths);
+  if (!hold) {
+    return ENOENT;
+  }
+  std::shared_ptr<OpenFile> file;
+  bool at_remote = true;
+  {
+    const MutexLock guard(lock);
+    file = FindOpenFile(folder, name);
+    at_remote = !file || file->at_remote;
+  }
+  if (at_remote) {
+    if (const int error = file ? Preserve(file) : 0; error != 0) {
+      return error;
+    }
+    const AERROR error = remote.DeleteFile(paths[0]);
+    if (error != SUCCESS && !(file && ErrnoOf(error) == ENOENT)) {
+      events.Failed(FS_EVENT_DELETE, error, paths[0], paths[0]);
+      const MutexLock guard(lock);
+      listings.Forget(paths[0]);
+      if (file) {
+        DropOpenFileIfUnused(file);
+      }
+      return ErrnoOf(error);
+    }
+  }
+  const MutexLock guard(lock);
+  listings.SetAbsent(paths[0], Clock::now());
+  if (const auto ino = nodes.Find(folder, name); ino) {
+    nodes.Unlink(*ino);
+  }
+  if (file) {
+    DropOpenFileIfUnused(file);
+  }
+  return 0;
+}
+
+int FileSystem::RemoveFolder(Ino folder, const std::string& name) {
+  std::vector<std::string> paths;
+  const auto hold = HoldPlaces({{folder, name}}, paths);
+  if (!hold) {
+    return ENOENT;
+  }
+  {
+    const MutexLock guard(lock);
+    for (const auto& [ino, file] : open_files) {
+      const auto path = nodes.PathOf(ino);
+      if (!file->at_remote && path && IsWithin(*path, paths[0])) {
+        return ENOTEMPTY;  // only this side knows of it
+      }
+    }
+  }
+  const AERROR error = remote.DeleteFolder(paths[0]);
+  if (error != SUCCESS) {
+    events.Failed(FS_EVENT_DELETE, error, paths[0], paths[0]);
+    const MutexLock guard(lock);
+    listings.Forget(paths[0]);
+    return ErrnoOf(error);
+  }
+  const MutexLock guard(lock);
+  listings.ForgetTree(paths[0]);
+  listings.SetAbsent(paths[0], Clock::now());
+  if (const auto ino = nodes.Find(folder, name); ino) {
+    nodes.Unlink(*ino);
+  }
+  return 0;
+}
+
+int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
+                       const std::string& new_name, bool may_replace) {
+  if (const int error = CheckName(new_name); error != 0) {
+    return error;
+  }
+  std::vector<std::string> paths;
+  const auto hold = HoldPlaces({{folder, name}, {new_folder, new_name}}, paths);
+  if (!hold) {
+    return ENOENT;
+  }
+  std::shared_ptr<OpenFile> source;
+  std::shared_ptr<OpenFile> target;
+  bool target_is_known = false;
+  {
+    const MutexLock guard(lock);
+    source = FindOpenFile(folder, name);
+    target = FindOpenFile(new_folder, new_name);
+    target_is_known = nodes.Find(new_folder, new_name).has_value();
+  }
+  if (!may_replace) {
+    Listings::Answer answer;
+    if (const int error = Find(paths[1], true, answer); error != 0) {
+      return error;
+    }
+    if (target || answer.known == Listings::Known::kPresent) {
+      return EEXIST;
+    }
+  }
+  if (const int error = target && target != source ? Preserve(target) : 0; error != 0) {
+    return error;
+  }
+  if (!source || source->at_remote) {
+    if (const AERROR error = remote.Move(paths[0], paths[1]); error != SUCCESS) {
+      events.Failed(folder == new_folder ? FS_EVENT_RENAME : FS_EVENT_MOVE, error, paths[1],
+                    paths[0]);
+      const MutexLock guard(lock);
+      listings.Forget(paths[0]);
+      listings.Forget(paths[1]);
+      if (target) {
+        DropOpenFileIfUnused(target);
+      }
+      return error == NOT_SUPPORTED ? EXDEV : ErrnoOf(error);
+    }
+  }
+  const MutexLock guard(lock);
+  if (source && !source->at_remote) {
+    // What the remote has under the new name is replaced when the content goes there.
+    source->at_remote = target_is_known && (!target || target->at_remote);
+  }
+  Moved(folder, name, new_folder, new_name, paths);
+  if (target) {
+    DropOpenFileIfUnused(target);
+  }
+  return 0;
+}
+
+void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
+                       const std::string& new_name, const std::vector<std::string>& paths) {
+  const auto now = Clock::now();
+  const Listings::Answer before = listings.Find(paths[0], now);
+  if (before.known != Listings::Known::kPresent || before.attributes.is_folder) {
+    listings.ForgetTree(paths[0]);
+    listings.ForgetTree(paths[1]);
+  }
+  listings.SetAbsent(paths[0], now);
+  if (before.known == Listings::Known::kPresent) {
+    listings.SetPresent(paths[1], before.attributes, before.asked);
+  } else {
+    listings.Forget(paths[1]);
+  }
+  if (const auto ino = nodes.Find(folder, name); ino) {
+    nodes.Move(*ino, new_folder, new_name);
+  } else if (const auto target = nodes.Find(new_folder, new_name); target) {
+    nodes.Unlink(*target);
+  }
+}
+
+int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
+  std::optional<std::string> path;
+  Listings::Ticket ticket = 0;
+  bool known = false;
+  content.asked = Clock::now();
+  {
+    const MutexLock guard(lock);
+    path = nodes.PathOf(folder);
+    known = path && listings.Get(*path, content.asked, content.entries, content.asked);
+    ticket = listings.Begin();
+  }
+  if (!path) {
+    return ENOENT;
+  }
+  if (!known) {
+    if (const AERROR error = remote.List(*path, content.entries); error != SUCCESS) {
+      events.Failed(FS_EVENT_READDIR, error, *path, *path);
+      return ErrnoOf(error);
+    }
+  }
+  const MutexLock guard(lock);
+  if (!known) {
+    listings.AddListing(ticket, *path, content.entries, content.asked);
+  }
+  AddUnsent(*path, content.entries);
+  return 0;
+}
+
+std::uint64_t FileSystem::OpenFolder(Ino folder) {
+  const MutexLock guard(lock);
+  open_folders.emplace(next_handle, OpenedFolder{folder, nullptr});
+  return next_handle++;
+}
+
+int FileSystem::GetOpenFolder(std::uint64_t handle, bool anew,
+                              std::shared_ptr<const FolderContent>& content) {
+  Ino ino = 0;
+  {
+    const MutexLock guard(lock);
+    const auto folder = open_folders.find(handle);
+    if (folder == open_folders.end()) {
+      return EBADF;
+    }
+    content = folder->second.content;
+    ino = folder->second.ino;
+  }
+  if (content && !anew) {
+    return 0;
+  }
+  const auto read = std::make_shared<FolderContent>();
+  if (const int error = ReadFolder(ino, *read); error != 0) {
+    return error;
+  }
+  content = read;
+  const MutexLock guard(lock);
+  if (const auto folder = open_folders.find(handle); folder != open_folders.end()) {
+    folder->second.content = content;
+  }
+  return 0;
+}
+
+void FileSystem::CloseFolder(std::uint64_t handle) {
+  const MutexLock guard(lock);
+  open_folders.erase(handle);
+}
+
+Ino FileSystem::InoOf(Ino folder, const std::string& name) const {
+  const MutexLock guard(lock);
+  return nodes.Find(folder, name).value_or(0);
+}
+
+void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entries) const {
+  for (const auto& [ino, file] : open_files) {
+    const auto path = nodes.PathOf(ino);
+    if (file->at_remote || !path || FolderOf(*path) != folder) {
+      continue;
+    }
+    const std::string name(NameOf(*path));
+    if (std::none_of(entries.begin(), entries.end(),
+                     [&](const Entry& entry) { return entry.name == name; })) {
+      entries.push_back({name, {}});
+    }
+  }
+}
+
+bool FileSystem::LookUpEntry(Ino folder, const Entry& entry, Clock::time_point asked, Stat& stat) {
+  const MutexLock guard(lock);
+  const auto path = PathOf(folder, entry.name);
+  if (!path || listings.Find(*path, Clock::now()).known == Listings::Known::kAbsent) {
+    const auto unsent = FindOpenFile(folder, entry.name);
+    if (!unsent || !unsent->work) {
+      return false;
+    }
+  }
+  const Ino ino = nodes.Ensure(folder, entry.name, entry.attributes.is_folder);
+  nodes.AddLookup(ino);
+  const auto file = FindOpenFile(ino);
+  const auto valid_for = std::max(Clock::duration::zero(), asked + time_out - Clock::now());
+  stat = file && file->work ? LocalStat(*file) : RemoteStat(ino, entry.attributes, valid_for);
+  return true;
+}
+
+}  // namespace tarn::fs

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "common/sync.h"
+#include "common/unique_fd.h"
+#include "platform/filesystem/attributes.h"
+
+struct fuse_buf;
+struct fuse_session;
+
+namespace tarn::fs {
+
+class FileSystem;
+
+// One libfuse session and the threads that serve it.
+//
+// One thread at a time waits for the kernel, on the session and on a wake-up pipe; when a request
+// has come it hands the waiting over to another thread and serves. So there are always as many
+// threads as requests that are being served, up to a limit, and the loop can be ended from outside
+// although the kernel still holds the connection.
+//
+// Owns:    the session and its descriptor; shares the file system that serves.
+// Threads: any. Its own threads share ownership of it and end by themselves after Stop, or when the
+//          kernel has ended the connection.
+class FuseLoop : public std::enable_shared_from_this<FuseLoop> {
+ public:
+  explicit FuseLoop(std::shared_ptr<FileSystem> served) : files(std::move(served)) {}
+  ~FuseLoop();
+  FuseLoop(const FuseLoop&) = delete;
+  FuseLoop& operator=(const FuseLoop&) = delete;
+
+  // Mounts at `mount_point` under the name `label` and starts to serve.
+  [[nodiscard]] bool Start(const std::string& mount_point, const std::string& label);
+
+  void Stop();
+  // Until the kernel has ended the connection, or Stop.
+  void WaitEnded();
+  // Until no thread serves any more, at most `patience`; false: some still do.
+  [[nodiscard]] bool WaitIdle(std::chrono::milliseconds patience);
+  // After the end: programs that still wait for an answer get an error.
+  void Abort();
+
+  void ForgetFolder(std::uint64_t ino);  // the kernel is to ask anew what the folder holds
+
+ private:
+  bool StartThread() TARN_REQUIRES(lock);
+  void Run();
+  bool Lead();
+  bool Receive(fuse_buf& request);
+  void Received(bool goes_on);
+
+  const std::shared_ptr<FileSystem> files;
+  fuse_session* session = nullptr;
+  UniqueFd wake_reader;
+  UniqueFd wake_writer;
+
+  Mutex lock;
+  CondVar changed;   // ended, or a thread less
+  CondVar may_lead;  // nobody leads any more
+  bool led TARN_GUARDED_BY(lock) = false;  // a thread waits for the kernel
+  bool ended TARN_GUARDED_BY(lock) = false;
+  int threads TARN_GUARDED_BY(lock) = 0;
+  int followers TARN_GUARDED_BY(lock) = 0;  // wait to lead
+};
+
+}  // namespace tarn::fs

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace tarn::fs {
+
+using Ino = std::uint64_t;
+inline constexpr Ino kRootIno = 1;
+
+// Which inode number stands for which place in the drive. A number is given out on the first
+// lookup, never twice, and stays with the file when it or a folder above it is renamed. A node is
+// kept while the kernel counts lookups on it, while something of ours pins it, and while another
+// node lies below it.
+//
+// Owns:    the nodes.
+// Threads: none of its own; the owner's lock guards every call.
+class Nodes {
+ public:
+  Nodes();
+
+  // The node `name` in `folder`, made if there is none of this kind; one of the other kind is
+  // unlinked first.
+  Ino Ensure(Ino folder, const std::string& name, bool is_folder);
+  [[nodiscard]] std::optional<Ino> Find(Ino folder, const std::string& name) const;
+  [[nodiscard]] bool Exists(Ino ino) const { return nodes.count(ino) != 0; }
+  [[nodiscard]] bool IsFolder(Ino ino) const;
+
+  // The place of a node; empty when it, or a folder above it, was removed.
+  [[nodiscard]] std::optional<std::string> PathOf(Ino ino) const;
+
+  void AddLookup(Ino ino) { ++nodes.at(ino).lookups; }
+  void Forget(Ino ino, std::uint64_t lookups);
+  void Pin(Ino ino) { ++nodes.at(ino).pins; }
+  void Unpin(Ino ino);
+
+  // The name is gone; the node stays for those that still use it.
+  void Unlink(Ino ino);
+  // Moves a node; another node at the new place is unlinked.
+  void Move(Ino ino, Ino folder, const std::string& name);
+
+ private:
+  struct Node {
+    Ino folder;
+    std::string name;
+    bool is_folder;
+    bool linked = true;
+    std::uint64_t lookups = 0;
+    std::uint64_t pins = 0;      // uses of ours
+    std::uint64_t children = 0;  // nodes whose folder this is, linked or not
+  };
+
+  void DropIfUnused(Ino ino);
+
+  std::unordered_map<Ino, Node> nodes;
+  std::map<std::pair<Ino, std::string>, Ino> places;  // of the linked ones
+  Ino next_ino = kRootIno + 1;
+};
+
+}  // namespace tarn::fs

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "platform/filesystem/attributes.h"
+#include "platform/filesystem/nodes.h"
+#include "platform/filesystem/work_file.h"
+
+namespace tarn::fs {
+
+// One file that is open, or that has content which the remote lacks. All its handles see the same
+// content: that of `work` once there is one, else the remote's.
+//
+// The file system's lock guards the fields.
+struct OpenFile {
+  Ino ino = 0;
+  int handles = 0;
+  int writers = 0;  // of the handles
+  std::shared_ptr<WorkFile> work;
+  bool preparing = false;    // somebody is making `work`; wait for FileSystem::prepared
+  bool at_remote = false;    // the remote has something under this file's name
+  Attributes remote;         // what the remote has, as of the last open or upload
+  std::uint64_t serial = 0;  // counts the changes made elsewhere that an open has seen
+};
+
+// One open(2).
+struct Handle {
+  std::shared_ptr<OpenFile> file;
+  bool may_read = false;
+  bool may_write = false;
+  bool append = false;
+  std::uint64_t serial = 0;  // the file's when it was opened
+};
+
+}  // namespace tarn::fs

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/sync.h"
+#include "interfaces/iprotocol_v2.h"
+#include "platform/filesystem/attributes.h"
+
+namespace tarn::fs {
+
+// The drive's protocols as one remote: their union. An entry is looked up in the order in which the
+// protocols were added; folders of the same name merge; a new entry goes to the first protocol that
+// holds the folder above it. Nothing that a module answers is trusted: names that cannot be shown
+// are left out, sizes, times and texts are brought into their bounds.
+//
+// Owns:    its shares of the protocols.
+// Threads: any. No lock is held while a protocol works.
+// Errors:  AERROR; FILE_NOT_FOUND without protocols, DEVICE_NOT_READY after Close.
+class Remote {
+ public:
+  void Add(std::shared_ptr<IProtocol_V2> protocol);
+  [[nodiscard]] int Count() const;
+  [[nodiscard]] std::shared_ptr<IProtocol_V2> At(int index) const;  // null: no such index
+
+  [[nodiscard]] AERROR List(const std::string& path, std::vector<Entry>& entries);
+  [[nodiscard]] AERROR GetInfo(const std::string& path, Attributes& attributes);
+  // `protocol` is Attributes::protocol. Fewer bytes than asked for only at the end of the file.
+  [[nodiscard]] AERROR Read(int protocol, const std::string& path, unsigned long long offset,
+                            void* buffer, size_t length, size_t& received);
+  // Replaces the file where it is, else makes it where its folder is; `protocol` says where.
+  [[nodiscard]] AERROR Upload(const std::string& path, FS_SOURCE& source, unsigned long long size,
+                              FS_PROGRESS progress, void* context, int& protocol);
+  [[nodiscard]] AERROR CreateFolder(const std::string& path);
+  [[nodiscard]] AERROR DeleteFile(const std::string& path);
+  [[nodiscard]] AERROR DeleteFolder(const std::string& path);
+  // NOT_SUPPORTED: the two places are not in one protocol, or it cannot move.
+  [[nodiscard]] AERROR Move(const std::string& from, const std::string& to);
+  // NOT_SUPPORTED: the remote keeps no such times.
+  [[nodiscard]] AERROR SetModifiedTime(const std::string& path, const FS_TIME& time);
+  // Sums of those that know.
+  [[nodiscard]] AERROR GetSize(unsigned long long& total, unsigned long long& free);
+  // Whether times given to Upload are kept.
+  [[nodiscard]] bool KeepsTimes(int protocol);
+
+  void Cancel();  // makes what runs fail soon
+  // Cancels what runs, refuses what comes, waits until nothing runs any more and lets go of the
+  // protocols. False, with the protocols kept, when something still runs after `patience`.
+  bool Close(std::chrono::milliseconds patience);
+
+ private:
+  using Protocols = std::vector<std::shared_ptr<IProtocol_V2>>;
+
+  template <typename Operation>
+  AERROR Run(int index, Operation operation);
+  AERROR InfoFrom(int index, const std::string& path, Attributes& attributes);
+  AERROR ListFrom(int index, const std::string& path, std::vector<Entry>& entries);
+  // The first protocol that holds `path` as a folder.
+  AERROR FindFolder(const std::string& path, int& protocol);
+  AERROR FindPlaceFor(const std::string& path, int& protocol);
+
+  mutable Mutex lock;
+  CondVar idle;
+  Protocols protocols TARN_GUARDED_BY(lock);
+  int running TARN_GUARDED_BY(lock) = 0;
+  bool closed TARN_GUARDED_BY(lock) = false;
+};
+
+}  // namespace tarn::fs

@@ -1,0 +1,188 @@
+#include "platform/filesystem/volume.h"
+
+#include <system_error>
+#include <utility>
+
+#include "platform/filesystem/bindings.h"
+
+namespace tarn::fs {
+
+namespace {
+
+using std::chrono::seconds;
+
+constexpr seconds kNoProgress{30};     // an upload that does not move for so long is given up
+constexpr seconds kAfterCancel{5};     // a cancelled call should have ended by then
+constexpr seconds kServingThreads{30};  // calls that programs still wait for when the session ends
+constexpr seconds kGone{120};          // all of what the keeper does, at worst
+
+// A task on a thread of its own that can be left behind; it shares what it uses.
+class Task {
+ public:
+  bool Start(std::function<void()> work) {
+    auto begun = std::make_shared<Progress>();
+    try {
+      std::thread([begun, work = std::move(work)] {
+        work();
+        const MutexLock guard(begun->lock);
+        begun->done = true;
+        begun->changed.notify_all();
+      }).detach();
+    } catch (const std::system_error&) {
+      return false;
+    }
+    state = std::move(begun);
+    return true;
+  }
+
+  bool Wait(seconds patience) {
+    const auto deadline = Clock::now() + patience;
+    const MutexLock guard(state->lock);
+    while (!state->done && state->changed.wait_until(state->lock, deadline)) {
+    }
+    return state->done;
+  }
+
+ private:
+  struct Progress {
+    Mutex lock;
+    CondVar changed;
+    bool done TARN_GUARDED_BY(lock) = false;
+  };
+  std::shared_ptr<Progress> state;
+};
+
+}  // namespace
+
+Volume::Volume(std::string given_mount_point) : given_path(std::move(given_mount_point)) {}
+
+AERROR Volume::Start(const std::string& label) {
+  if (const AERROR error = mount_point.Take(given_path); error != SUCCESS) {
+    return error;
+  }
+  const bool mounted = loop->Start(mount_point.GetPath(), label) && mount_point.Confirm();
+  if (mounted) {
+    try {
+      std::thread([self = shared_from_this()] { self->Keep(); }).detach();
+      return SUCCESS;
+    } catch (const std::system_error&) {  // undone below
+    }
+  }
+  (void)mount_point.Unmount(true);
+  loop->Stop();
+  (void)loop->WaitIdle(kServingThreads);
+  loop->Abort();
+  mount_point.GiveBack();
+  return FS_MOUNT_ERROR;
+}
+
+void Volume::StoreWhatIsLeft() {
+  Task task;
+  if (!task.Start([served = files] {
+        if (const int unsent = served->StoreAll(); unsent > 0) {
+          Log(LOGLEVEL_ERROR, "%d files could not be sent", unsent);
+        }
+      })) {
+    return;
+  }
+  for (std::uint64_t before = files->GetProgress(); !task.Wait(kNoProgress);) {
+    const std::uint64_t now = files->GetProgress();
+    if (now == before) {
+      Log(LOGLEVEL_ERROR, "uploads to %s stand still and are given up", given_path.c_str());
+      files->GetRemote().Cancel();
+      (void)task.Wait(kAfterCancel);
+      return;
+    }
+    before = now;
+  }
+}
+
+bool Volume::TakeAway() {
+  if (mount_point.Unmount(false)) {
+    return true;
+  }
+  if (!mount_point.Unmount(true)) {
+    return false;
+  }
+  loop->Stop();  // programs still have files open: the kernel does not end the connection
+  return true;
+}
+
+AERROR Volume::Stop() {
+  const MutexLock one_at_a_time(stopping);
+  if (!IsGone()) {
+    StoreWhatIsLeft();
+    if (!TakeAway()) {
+      return FS_UNMOUNT_FAILED;
+    }
+  }
+  const auto deadline = Clock::now() + kGone;
+  const MutexLock guard(lock);
+  while (!gone && ended.wait_until(lock, deadline)) {
+  }
+  return SUCCESS;
+}
+
+void Volume::Keep() {
+  loop->WaitEnded();
+  if (!loop->WaitIdle(kServingThreads)) {
+    files->GetRemote().Cancel();
+    (void)loop->WaitIdle(kAfterCancel);
+  }
+  loop->Abort();
+  StoreWhatIsLeft();
+  if (!files->GetRemote().Close(kAfterCancel)) {
+    Log(LOGLEVEL_ERROR, "a protocol of %s does not come back", given_path.c_str());
+  }
+  mount_point.GiveBack();
+  files->GetEvents().Unmounted(given_path);
+  files->GetEvents().SetSink(nullptr);
+  const MutexLock guard(lock);
+  gone = true;
+  ended.notify_all();
+}
+
+bool Volume::IsAt(const std::string& path) const {
+  return path == given_path || path == mount_point.GetPath();
+}
+
+bool Volume::IsGone() const {
+  const MutexLock guard(lock);
+  return gone;
+}
+
+int Volume::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
+  if (!protocol) {
+    return INVALID_PARAMETER;
+  }
+  files->AddProtocol(std::move(protocol));
+  loop->ForgetFolder(kRootIno);
+  return SUCCESS;
+}
+
+int Volume::GetProtocolCount() {
+  return files->GetRemote().Count();
+}
+
+int Volume::GetProtocolAt(int index, std::shared_ptr<IProtocol_V2>& protocol) {
+  protocol = files->GetRemote().At(index);
+  return protocol ? SUCCESS : INVALID_PARAMETER;
+}
+
+int Volume::SetFeatures(FS_FEATURE new_features) {
+  const MutexLock guard(lock);
+  features = new_features;
+  return SUCCESS;
+}
+
+FS_FEATURE Volume::GetFeatures() {
+  const MutexLock guard(lock);
+  return features;
+}
+
+int Volume::SetEventSink(std::shared_ptr<IFSEvent> event_sink) {
+  files->GetEvents().SetSink(std::move(event_sink));
+  return SUCCESS;
+}
+
+}  // namespace tarn::fs

@@ -1,6 +1,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <ostream>
 #include <gtest/gtest.h>
 
 #include "tarnsvc/CacheFolder.h"
@@ -18,6 +19,8 @@ struct IniCase {
   bool found;
   std::string value;
 };
+
+void PrintTo(const IniCase& shown, std::ostream* out) { *out << shown.what; }
 
 class IniTest : public testing::TestWithParam<IniCase> {};
 

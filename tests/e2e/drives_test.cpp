@@ -1,0 +1,242 @@
+// Drives of the real service with real volumes: what goes in comes out, and nothing is left behind.
+#include <csignal>
+#include <random>
+#include <sys/stat.h>
+#include <thread>
+
+#include "tests/e2e/mounting.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+using DrivesE2eTest = MountingTest;
+
+std::string RandomBytes(size_t count, unsigned seed) {
+  std::mt19937_64 random(seed);
+  std::string bytes(count, '\0');
+  for (size_t i = 0; i + 8 <= count; i += 8) {
+    const auto word = random();
+    bytes.replace(i, 8, reinterpret_cast<const char*>(&word), 8);
+  }
+  return bytes;
+}
+
+TEST_F(DrivesE2eTest, ATreeGoesInAndComesOutBitForBit) {
+  ASSERT_EQ(Mount(backing, volume, "Disk"), 0);
+  EXPECT_EQ(client->WaitForEvent("connected").GetObject("/data/drive").operator std::string(),
+            volume.string());
+  const std::string large = RandomBytes(100UL << 20, 1);
+  const std::vector<std::pair<fs::path, std::string>> files = {
+      {"plain", "x"},
+      {"empty", ""},
+      {"with space/and another/a file.txt", "deep"},
+      {"Übergröße/名前/é.bin", RandomBytes(70000, 2)},
+      {"quote\"s'$(x);&|#%?*", "shell?"},
+      {"large.bin", large}};
+  for (const auto& [name, content] : files) {
+    fs::create_directories((volume / name).parent_path());
+    WriteFile(volume / name, content);
+  }
+  for (const auto& [name, content] : files) {
+    EXPECT_TRUE(ReadFile(volume / name) == content) << name;
+    EXPECT_TRUE(ReadFile(backing / name) == content) << name;
+  }
+  fs::rename(volume / "with space", volume / "moved");
+  EXPECT_EQ(ReadFile(volume / "moved/and another/a file.txt"), "deep");
+  fs::remove_all(volume / "moved");
+  fs::remove(volume / "plain");
+  EXPECT_FALSE(fs::exists(backing / "moved"));
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_FALSE(IsMounted(volume));
+  EXPECT_TRUE(fs::is_empty(volume));
+
+  ASSERT_EQ(Mount(backing, volume, "Disk"), 0);
+  EXPECT_TRUE(ReadFile(volume / "large.bin") == large);
+  EXPECT_FALSE(fs::exists(volume / "plain"));
+}
+
+TEST_F(DrivesE2eTest, TwoClientsUseTwoDrivesOfOneLabelAtOnce) {
+  TestClient second(service);
+  second.Introduce();
+  const fs::path other_backing = home.MakeFolder("other backing");
+  const fs::path other_volume = home.Path() / "other volume";  // made by the mount
+  int second_result = -100;
+  std::thread other([&] {
+    second_result = second.AskForResult(ConnectMessage(other_backing, other_volume, "Same"));
+  });
+  EXPECT_EQ(Mount(backing, volume, "Same"), 0);
+  other.join();
+  ASSERT_EQ(second_result, 0);
+  std::thread writer([&] {
+    for (int i = 0; i < 50; ++i) {
+      WriteFile(volume / std::to_string(i), std::string(5000, 'a'));
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    WriteFile(other_volume / std::to_string(i), std::string(5000, 'b'));
+  }
+  writer.join();
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(ReadFile(backing / std::to_string(i)), std::string(5000, 'a'));
+    EXPECT_EQ(ReadFile(other_backing / std::to_string(i)), std::string(5000, 'b'));
+  }
+  EXPECT_EQ(service.DriveProcesses().size(), 2U);
+  EXPECT_TRUE(fs::exists(home.DataFolder() / "_cache_/Same0"));
+  EXPECT_EQ(Unmount(other_volume), 0);
+  EXPECT_FALSE(fs::exists(other_volume));
+  EXPECT_EQ(client->Ask(R"({"cmd":"get_drive_list"})"),
+            R"({"cmd":"get_drive_list", "drives": [")" + volume.string() + "\"]}");
+}
+
+TEST_F(DrivesE2eTest, AMountThatCannotBeTellsWhy) {
+  AddTestModule();
+  EXPECT_EQ(Mount(backing, volume, "L", "unknown"), -1);
+  EXPECT_EQ(Mount("denied", volume, "L", "test"), 10);
+  EXPECT_EQ(Mount("fails", volume, "L", "test"), 11);
+  EXPECT_EQ(Mount(home.Path() / "nowhere", volume, "L"), 12);
+  WriteFile(volume / "file", "in the way");
+  EXPECT_EQ(Mount(backing, volume, "L"), -5);
+  EXPECT_EQ(Mount(backing, volume / "file", "L"), -5);
+  fs::remove(volume / "file");
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  EXPECT_EQ(Mount(backing, volume, "L"), -5);
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_EQ(Unmount(volume), -1);
+  EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
+}
+
+TEST_F(DrivesE2eTest, AModuleThatSupportsNothingHarmsOnlyItsOwnDrive) {
+  AddTestModule();
+  ASSERT_EQ(Mount("x", volume, "L", "test"), 0);
+  std::error_code error;
+  fs::directory_iterator listing(volume, error);
+  EXPECT_TRUE(error);
+  EXPECT_FALSE(std::ofstream(volume / "file").put('x').flush().good() &&
+               fs::exists(volume / "file"));
+  EXPECT_TRUE(fs::space(volume, error).capacity > 0 && !error);
+  EXPECT_EQ(client->Ask(DriveMessage("get_username", volume)),
+            R"({"cmd":"result_username","result":"tést"})");
+  EXPECT_EQ(Unmount(volume), 0);
+}
+
+TEST_F(DrivesE2eTest, ADriveProcessKilledWhileMountingFailsTheMountAtOnce) {
+  AddTestModule();
+  client->Send(ConnectMessage("slow", volume, "L", "test"));
+  ASSERT_TRUE(
+      WaitUntil([&] { return service.Output().find("session->mount\r\n") != std::string::npos; }));
+  const auto begin = std::chrono::steady_clock::now();
+  ::kill(service.DriveProcesses().at(0), SIGKILL);
+  EXPECT_EQ(client->Receive(), R"({"cmd":"result","error":-6})");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_TRUE(WaitUntil([&] {
+    return fs::directory_iterator("/tmp") == fs::directory_iterator() ||
+           !fs::exists("/tmp/tarn_mount_0_2_1");
+  }));
+}
+
+TEST_F(DrivesE2eTest, ADriveProcessThatDiesLeavesNoMount) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  WriteFile(volume / "file", "closed, so stored");
+  ::kill(service.DriveProcesses().at(0), SIGKILL);
+  const Json event = client->WaitForEvent("disconnected");
+  EXPECT_EQ(std::string(event.GetObject("/data/state")), "unexpected");
+  EXPECT_TRUE(WaitUntil([&] { return !IsMounted(volume); }));
+  EXPECT_TRUE(WaitUntil([&] {
+    return client->Ask(R"({"cmd":"get_drive_list"})") ==
+           R"({"cmd":"get_drive_list", "drives": []})";
+  }));
+  EXPECT_EQ(ReadFile(backing / "file"), "closed, so stored");
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  EXPECT_EQ(ReadFile(volume / "file"), "closed, so stored");
+}
+
+TEST_F(DrivesE2eTest, AVolumeUnmountedFromOutsideIsReported) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  Detach(volume);
+  EXPECT_EQ(std::string(client->WaitForEvent("disconnected_force").GetObject("/data/path")),
+            volume.string());
+  EXPECT_EQ(Unmount(volume), 0);
+}
+
+TEST_F(DrivesE2eTest, ABusyVolumeIsDetachedWithEverythingStored) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  std::ofstream open_file(volume / "open");
+  open_file << "written, not closed" << std::flush;
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_FALSE(IsMounted(volume));
+  EXPECT_EQ(ReadFile(backing / "open"), "written, not closed");
+}
+
+TEST_F(DrivesE2eTest, UploadsAreReported) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  WriteFile(volume / "file", "12345");
+  std::vector<std::string> statuses;
+  std::string status;
+  while (status != "finished") {
+    const Json event = client->WaitForEvent("upload");
+    ASSERT_TRUE(event.HasObject("/data/status"));
+    EXPECT_EQ(std::string(event.GetObject("/data/path")), "/file");
+    status = static_cast<std::string>(event.GetObject("/data/status"));
+    statuses.push_back(status);
+  }
+  EXPECT_EQ(statuses.front(), "begin");
+}
+
+TEST_F(DrivesE2eTest, FoldersMoveOnlyWhenTheClientAllowsIt) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  fs::create_directories(volume / "folder/inner");
+  const auto allow = [&](int flag) {
+    return client->AskForResult(R"({"cmd":"set_move_folder","data":{"drive":")" + volume.string() +
+                                R"(","flag":)" + std::to_string(flag) + "}}");
+  };
+  EXPECT_EQ(allow(0), 0);
+  EXPECT_NE(::rename((volume / "folder").c_str(), (volume / "moved").c_str()), 0);
+  EXPECT_EQ(errno, EXDEV);
+  EXPECT_EQ(allow(1), 0);
+  EXPECT_EQ(::rename((volume / "folder").c_str(), (volume / "moved").c_str()), 0);
+  EXPECT_TRUE(fs::exists(backing / "moved/inner"));
+}
+
+TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientSaysItIs) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  EXPECT_EQ(client->AskForResult(R"({"cmd":"set_size","data":{"drive":")" + volume.string() +
+                                 R"(","total":1073741824,"free":268435456}})"),
+            0);
+  EXPECT_TRUE(WaitUntil([&] {
+    const fs::space_info space = fs::space(volume);
+    return space.capacity == 1073741824 && space.free == 268435456;
+  }));
+}
+
+TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
+  const fs::path second = home.MakeFolder("second");
+  fs::create_directories(backing / "both");
+  fs::create_directories(second / "both");
+  WriteFile(backing / "both/a", "first");
+  WriteFile(backing / "same", "first");
+  WriteFile(second / "both/b", "second");
+  WriteFile(second / "same", "second");
+  std::string connect = ConnectMessage(backing, volume, "L");
+  connect.replace(connect.find("connect"), 7, "spindle_mount");
+  ASSERT_EQ(client->AskForResult(connect), 0);
+  EXPECT_TRUE(fs::is_empty(volume));
+  for (const fs::path& folder : {backing, second}) {
+    ASSERT_EQ(client->AskForResult(R"({"cmd":"spindle_add_protocol","data":{"drive":")" +
+                                   volume.string() + R"(","type":"local","cid":")" +
+                                   folder.string() + "\"}}"),
+              0);
+  }
+  EXPECT_TRUE(WaitUntil([&] { return fs::exists(volume / "both/b"); }));
+  EXPECT_EQ(ReadFile(volume / "both/a"), "first");
+  EXPECT_EQ(ReadFile(volume / "both/b"), "second");
+  EXPECT_EQ(ReadFile(volume / "same"), "first");
+  WriteFile(volume / "both/new", "x");
+  EXPECT_TRUE(fs::exists(backing / "both/new"));
+  EXPECT_EQ(client->AskForResult(DriveMessage("spindle_remove_protocol", volume)), -1);
+  EXPECT_EQ(Unmount(volume), 0);
+}
+
+}  // namespace
+}  // namespace tarn::test

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <unistd.h>
+
+#include "tests/support/service/service_process.h"
+#include "tests/support/service/temp_home.h"
+#include "tests/support/service/test_client.h"
+#include "tests/support/service/wait.h"
+
+namespace tarn::test {
+
+// A running service, a client that has introduced itself, and folders to mount.
+class MountingTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (::access("/dev/fuse", R_OK | W_OK) != 0) {
+      GTEST_SKIP() << "no /dev/fuse here";
+    }
+    ASSERT_TRUE(service.Start());
+    client.emplace(service);
+    client->Introduce(true);
+  }
+
+  // Makes the test module ("test") available to drive processes.
+  void AddTestModule() const {
+    std::filesystem::copy(std::filesystem::path(TEST_MODULE_FOLDER) / "libtest.dylib",
+                          service.ModuleFolder());
+  }
+
+  [[nodiscard]] int Mount(const std::filesystem::path& folder,
+                          const std::filesystem::path& mount_point, const std::string& label,
+                          const std::string& type = "local") {
+    return client->AskForResult(ConnectMessage(folder, mount_point, label, type));
+  }
+  [[nodiscard]] int Unmount(const std::filesystem::path& mount_point) {
+    return client->AskForResult(DriveMessage("disconnect", mount_point));
+  }
+
+  static void WriteFile(const std::filesystem::path& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary);
+    file << content;
+    file.close();
+    EXPECT_TRUE(file.good()) << path;
+  }
+  static std::string ReadFile(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file.good()) << path;
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+  static bool IsMounted(const std::filesystem::path& mount_point) {
+    return !MountsBelow(mount_point).empty();
+  }
+
+  TempHome home;
+  ServiceProcess service{home};
+  std::optional<TestClient> client;
+  const std::filesystem::path backing = home.MakeFolder("backing");
+  const std::filesystem::path volume = home.MakeFolder("volume");
+};
+
+}  // namespace tarn::test

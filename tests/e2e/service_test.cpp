@@ -1,0 +1,175 @@
+// The life of the real service: its start, its ports and files, and its end at awkward moments.
+#include <arpa/inet.h>
+#include <csignal>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include "common/posix.h"
+#include "tests/e2e/mounting.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kBasePort = 49879;
+constexpr int kExitedWithOne = 1 << 8;  // as waitpid tells it
+
+class ServiceE2eTest : public testing::Test {
+ protected:
+  TempHome home;
+  ServiceProcess service{home};
+};
+
+TEST_F(ServiceE2eTest, MovesToTheNextPortWhenTheFirstIsTaken) {
+  const UniqueFd taken = OpenSocket(AF_INET, SOCK_STREAM);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(kBasePort);
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  ASSERT_EQ(::bind(taken.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(taken.get(), 1), 0);
+  ASSERT_TRUE(service.Start());
+  EXPECT_EQ(service.Port(), kBasePort + 1);
+}
+
+TEST_F(ServiceE2eTest, AWrongKeyEndsTheConnectionAndNothingElse) {
+  ASSERT_TRUE(service.Start());
+  TestClient stranger(service);
+  EXPECT_EQ(stranger.AskForResult(R"({"cmd":"init","data":{"key":"wrong"}})"), 0);
+  EXPECT_TRUE(stranger.IsClosed());
+  TestClient(service).Introduce();
+}
+
+TEST_F(ServiceE2eTest, EndsWithStatusOneOnSigtermAndOnKill) {
+  for (const char* mode : {"-d", "-D", ""}) {
+    ServiceProcess::Options options;
+    options.mode = mode;
+    ASSERT_TRUE(service.Start(options));
+    TestClient client(service);
+    client.Introduce();
+    service.Signal(SIGTERM);
+    EXPECT_EQ(service.WaitForEnd(std::chrono::seconds(2)), kExitedWithOne) << mode;
+    EXPECT_TRUE(client.IsClosed());
+  }
+  ASSERT_TRUE(service.Start());
+  TestClient client(service);
+  client.Introduce();
+  EXPECT_EQ(client.Ask(R"({"cmd":"kill"})"), R"({"cmd":"disconnect_all","result":""})");
+  EXPECT_EQ(service.WaitForEnd(std::chrono::seconds(2)), kExitedWithOne);
+}
+
+TEST_F(ServiceE2eTest, ADaemonHoldsNoStandardStreams) {
+  ServiceProcess::Options options;
+  options.mode = "";
+  ASSERT_TRUE(service.Start(options));
+  for (const char* stream : {"0", "1", "2"}) {
+    const fs::path link = "/proc/" + std::to_string(service.Pid()) + "/fd/" + stream;
+    EXPECT_EQ(fs::read_symlink(link), "/dev/null");
+  }
+}
+
+TEST_F(ServiceE2eTest, TheLogLevelChangesWhileItRuns) {
+  ASSERT_TRUE(service.Start());
+  TestClient client(service);
+  client.Introduce();
+  const auto logged = [&](const std::string& text) {
+    std::ifstream log(home.LogFile());
+    const std::string all{std::istreambuf_iterator<char>(log), std::istreambuf_iterator<char>()};
+    return all.find(text) != std::string::npos;
+  };
+  EXPECT_TRUE(logged("[ tarn sdk version : 2.7.0-dev 105 ]"));
+  (void)client.Ask(R"({"cmd":"get_drive_list","mark":"one"})");
+  EXPECT_EQ(client.AskForResult(R"({"cmd":"set_loglevel","data":{"level":"DEBUG"}})"), 0);
+  (void)client.Ask(R"({"cmd":"get_drive_list","mark":"two"})");
+  EXPECT_EQ(client.AskForResult(R"({"cmd":"set_loglevel","data":{"level":"INFO"}})"), 0);
+  (void)client.Ask(R"({"cmd":"get_drive_list","mark":"three"})");
+  EXPECT_FALSE(logged(R"("mark":"one")"));
+  EXPECT_TRUE(logged(R"(parse parse : {"cmd":"get_drive_list","mark":"two"})"));
+  EXPECT_FALSE(logged(R"("mark":"three")"));
+}
+
+class ServiceWithDriveTest : public MountingTest {
+ protected:
+  // Waits for the end of drive processes that nobody is the parent of any more.
+  static bool AllEnd(const std::vector<pid_t>& drives) {
+    return WaitUntil([&] {
+      for (const pid_t drive : drives) {
+        std::ifstream file("/proc/" + std::to_string(drive) + "/stat");
+        std::string line;
+        std::getline(file, line);
+        if (!line.empty() && line.find(") Z ") == std::string::npos) {
+          return false;
+        }
+      }
+      return true;
+    });
+  }
+};
+
+TEST_F(ServiceWithDriveTest, KillUnmountsEverythingFirst) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  WriteFile(volume / "file", "x");
+  EXPECT_EQ(client->Ask(R"({"cmd":"kill"})"), R"({"cmd":"disconnect_all","result":"/"})");
+  EXPECT_FALSE(IsMounted(volume));
+  EXPECT_EQ(service.WaitForEnd(std::chrono::seconds(5)), kExitedWithOne);
+  EXPECT_EQ(ReadFile(backing / "file"), "x");
+}
+
+TEST_F(ServiceWithDriveTest, DrivesOfAServiceThatIsGoneUnmountThemselves) {
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    if (signal == SIGKILL) {
+      ASSERT_TRUE(service.Start());
+      client.emplace(service);
+      client->Introduce();
+    }
+    ASSERT_EQ(Mount(backing, volume, "L"), 0);
+    const std::vector<pid_t> drives = service.DriveProcesses();
+    ASSERT_EQ(drives.size(), 1U);
+    service.Signal(signal);
+    (void)service.WaitForEnd(kPatience);
+    EXPECT_TRUE(AllEnd(drives));
+    EXPECT_FALSE(IsMounted(volume));
+  }
+}
+
+TEST_F(ServiceWithDriveTest, AServiceKilledInTheMiddleOfAMountLeavesNoProcess) {
+  AddTestModule();
+  client->Send(ConnectMessage("slow", volume, "L", "test"));
+  ASSERT_TRUE(
+      WaitUntil([&] { return service.Output().find("session->mount\r\n") != std::string::npos; }));
+  const std::vector<pid_t> drives = service.DriveProcesses();
+  ASSERT_EQ(drives.size(), 1U);
+  service.Signal(SIGKILL);
+  (void)service.WaitForEnd(kPatience);
+  EXPECT_TRUE(AllEnd(drives));
+}
+
+TEST_F(ServiceWithDriveTest, StaleFilesOfAnEarlierRunAreNoHindrance) {
+  for (const char* end : {"_1_1", "_1_2", "_2_1", "_2_2"}) {
+    WriteFile(std::string("/tmp/tarn_mount_0") + end, "stale");
+  }
+  EXPECT_EQ(Mount(backing, volume, "L"), 0);
+  EXPECT_EQ(Unmount(volume), 0);
+}
+
+TEST_F(ServiceWithDriveTest, ADriveProcessInheritsOnlyStandardStreamsAndTracesItsSteps) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  const pid_t drive = service.DriveProcesses().at(0);
+  for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(drive) + "/fd")) {
+    EXPECT_EQ(fs::read_symlink(entry.path()).string().find("socket:"), std::string::npos);
+  }
+  EXPECT_EQ(Unmount(volume), 0);
+  ASSERT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
+  std::string trace = service.Output();
+  trace = trace.substr(trace.find("it's child"));
+  EXPECT_EQ(trace.substr(0, trace.rfind("ReleaseLogger\r\n") + 15),
+            "it's child tarnsvc\r\ninit log\r\npipename : /tmp/tarn_mount_0\r\nclient connect\r\n"
+            "client create\r\nFS_Initialize\r\nStartCache\r\nsession->request_info\r\n"
+            "session->mount\r\nsession->mount returned 0\r\nFS_UnbindCache\r\nFS_UnbindAsyncQ\r\n"
+            "FS_UnbindLogger\r\nReleaseCache\r\nCache_UnbindAsyncQ\r\nCache_UnbindLogger\r\n"
+            "ReleaseLogger\r\n");
+}
+
+}  // namespace
+}  // namespace tarn::test

@@ -72,8 +72,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int Rename(Ino folder, const std::string& name, Ino new_folder,
                            const std::string& new_name, bool may_replace);
 
-  // Folders. The entries are those of one moment; an open folder keeps them until they are asked for
-  // anew.
+  // Folders. The entries are those of one moment; an open folder keeps them until they are asked
+  // for anew.
   struct FolderContent {
     std::vector<Entry> entries;
     Clock::time_point asked;
@@ -93,7 +93,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // At once, whatever the remote does.
   [[nodiscard]] Space GetSpace();
 
-  // Content. `flags` are those of open(2). `keep_cache`: what the kernel holds of it is still right.
+  // Content. `flags` are those of open(2). `keep_cache`: what the kernel holds of it is still
+  // right.
   struct Opened {
     std::uint64_t handle = 0;
     bool keep_cache = false;
@@ -118,7 +119,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
  private:
   // What the kernel holds of a file.
   struct KernelState {
-    std::string version;              // of the pages that it may have
+    std::string version;               // of the pages that it may have
     Clock::time_point looked_up = {};  // when the remote told of it for a lookup
   };
 
@@ -167,13 +168,15 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int Store(const std::shared_ptr<OpenFile>& file);
   [[nodiscard]] AERROR Upload(const std::string& path, const WorkFile& work,
                               const WorkFile::State& state, Attributes& stored);
-  void Stored(OpenFile& file, const std::string& path, WorkFile& work,
-              const WorkFile::State& state, const Attributes& stored);
+  void Stored(OpenFile& file, const std::string& path, WorkFile& work, const WorkFile::State& state,
+              const Attributes& stored);
 
   [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
   [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
              const std::vector<std::string>& paths) TARN_REQUIRES(lock);
+  // Whether the folder has files that only this side knows of; and adds them to a listing.
+  [[nodiscard]] bool HoldsUnsent(const std::string& folder) const TARN_REQUIRES(lock);
   void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const TARN_REQUIRES(lock);
   void AskSpace();
 

@@ -143,11 +143,8 @@ int FileSystem::RemoveFolder(Ino folder, const std::string& name) {
   }
   {
     const MutexLock guard(lock);
-    for (const auto& [ino, file] : open_files) {
-      const auto path = nodes.PathOf(ino);
-      if (!file->at_remote && path && IsWithin(*path, paths[0])) {
-        return ENOTEMPTY;  // only this side knows of it
-      }
+    if (HoldsUnsent(paths[0])) {
+      return ENOTEMPTY;
     }
   }
   const AERROR error = remote.DeleteFolder(paths[0]);
@@ -184,6 +181,9 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     source = FindOpenFile(folder, name);
     target = FindOpenFile(new_folder, new_name);
     target_is_known = nodes.Find(new_folder, new_name).has_value();
+    if (paths[0] != paths[1] && HoldsUnsent(paths[1])) {
+      return ENOTEMPTY;
+    }
   }
   if (!may_replace) {
     Listings::Answer answer;
@@ -312,6 +312,14 @@ void FileSystem::CloseFolder(std::uint64_t handle) {
 Ino FileSystem::InoOf(Ino folder, const std::string& name) const {
   const MutexLock guard(lock);
   return nodes.Find(folder, name).value_or(0);
+}
+
+bool FileSystem::HoldsUnsent(const std::string& folder) const {
+  return std::any_of(
+      open_files.begin(), open_files.end(), [&](const auto& open) TARN_REQUIRES(lock) {
+        const auto path = nodes.PathOf(open.first);
+        return !open.second->at_remote && path && *path != folder && IsWithin(*path, folder);
+      });
 }
 
 void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entries) const {

@@ -74,8 +74,9 @@ FuseLoop::~FuseLoop() {
   if (session == nullptr) {
     return;
   }
-  // libfuse frees what it knows of the mount only in its own unmounting, which must not happen here:
-  // something else may be mounted there by now. It does nothing for a descriptor that is broken.
+  // libfuse frees what it knows of the mount only in its own unmounting, which must not happen
+  // here: something else may be mounted there by now. It does nothing for a descriptor that is
+  // broken.
   UniqueFd reader;
   UniqueFd writer;
   if (fuse_session_fd(session) >= 0 && MakePipe(reader, writer)) {
@@ -87,14 +88,14 @@ FuseLoop::~FuseLoop() {
 }
 
 bool FuseLoop::Start(const std::string& mount_point, const std::string& label) {
-  Arguments arguments("nosuid,nodev,default_permissions,subtype=tarn,max_read=" +
-                      std::to_string(kMaxRequestBytes) +
-                      ",fsname=" + Escape(label.empty() ? "tarn" : label));
+  Arguments arguments(
+      "nosuid,nodev,default_permissions,subtype=tarn,max_read=" + std::to_string(kMaxRequestBytes) +
+      ",fsname=" + Escape(label.empty() ? "tarn" : label));
   if (arguments.Get() == nullptr || !MakePipe(wake_reader, wake_writer)) {
     return false;
   }
-  session = fuse_session_new(arguments.Get(), &FuseOperations(), sizeof(fuse_lowlevel_ops),
-                             files.get());
+  session =
+      fuse_session_new(arguments.Get(), &FuseOperations(), sizeof(fuse_lowlevel_ops), files.get());
   if (session == nullptr || fuse_session_mount(session, mount_point.c_str()) != 0) {
     return false;
   }

@@ -57,8 +57,8 @@ class FuseLoop : public std::enable_shared_from_this<FuseLoop> {
   UniqueFd wake_writer;
 
   Mutex lock;
-  CondVar changed;   // ended, or a thread less
-  CondVar may_lead;  // nobody leads any more
+  CondVar changed;                         // ended, or a thread less
+  CondVar may_lead;                        // nobody leads any more
   bool led TARN_GUARDED_BY(lock) = false;  // a thread waits for the kernel
   bool ended TARN_GUARDED_BY(lock) = false;
   int threads TARN_GUARDED_BY(lock) = 0;

@@ -275,8 +275,8 @@ void Read(fuse_req_t request, fuse_ino_t /*ino*/, size_t length, off_t offset,
   Serve(request, [&](FileSystem& files) {
     const std::unique_ptr<char[]> buffer(new char[length]);
     size_t received = 0;
-    const int error = files.Read(open->fh, static_cast<std::uint64_t>(offset), buffer.get(), length,
-                                 received);
+    const int error =
+        files.Read(open->fh, static_cast<std::uint64_t>(offset), buffer.get(), length, received);
     if (error == 0) {
       (void)fuse_reply_buf(request, buffer.get(), received);
     }
@@ -335,7 +335,8 @@ void OpenFolder(fuse_req_t request, fuse_ino_t ino, fuse_file_info* open) {
   });
 }
 
-// The entries from `offset` on, as many as fit into `buffer`: 0 is ".", 1 is "..", the others follow.
+// The entries from `offset` on, as many as fit into `buffer`: 0 is ".", 1 is "..", the others
+// follow.
 class FolderPage {
  public:
   FolderPage(fuse_req_t asked, FileSystem& held, Ino read, size_t length)
@@ -368,9 +369,8 @@ class FolderPage {
     entry.attr.st_ino = i == 0 ? folder : kUnknownIno;
     const char* const name = i == 0 ? "." : "..";
     return Add([&](char* place, size_t room) {
-      return with_attributes
-                 ? fuse_add_direntry_plus(request, place, room, name, &entry, Next(i))
-                 : fuse_add_direntry(request, place, room, name, &entry.attr, Next(i));
+      return with_attributes ? fuse_add_direntry_plus(request, place, room, name, &entry, Next(i))
+                             : fuse_add_direntry(request, place, room, name, &entry.attr, Next(i));
     });
   }
 

@@ -31,8 +31,8 @@ Listings::Answer Listings::Find(const std::string& path, Clock::time_point now) 
   return {};
 }
 
-bool Listings::Get(const std::string& folder, Clock::time_point now,
-                   std::vector<Entry>& entries, Clock::time_point& asked) const {
+bool Listings::Get(const std::string& folder, Clock::time_point now, std::vector<Entry>& entries,
+                   Clock::time_point& asked) const {
   const auto found = folders.find(folder);
   if (found == folders.end() || !found->second.complete ||
       !IsBelievable(found->second.listed, now)) {
@@ -131,8 +131,8 @@ void Listings::Put(Folder& folder, const std::string& path, Record record) {
 
 void Listings::Bound(const std::string& keep) {
   while (record_count > kMaxRecords && folders.size() > 1) {
-    const auto oldest = std::min_element(
-        folders.begin(), folders.end(), [&](const auto& one, const auto& other) {
+    const auto oldest =
+        std::min_element(folders.begin(), folders.end(), [&](const auto& one, const auto& other) {
           return std::pair(one.first == keep, one.second.listed) <
                  std::pair(other.first == keep, other.second.listed);
         });

@@ -22,8 +22,8 @@ class Listings {
   enum class Known { kNothing, kPresent, kAbsent };
   struct Answer {
     Known known = Known::kNothing;
-    Attributes attributes;           // when present
-    Clock::time_point asked;         // when present or absent
+    Attributes attributes;            // when present
+    Clock::time_point asked;          // when present or absent
     Clock::duration believable = {};  // how much longer
   };
 
@@ -75,7 +75,7 @@ class Listings {
 
   Clock::duration time_out;
   Ticket changes = 1;
-  Ticket floor = 0;  // last change in folders that were dropped from `folders`
+  Ticket floor = 0;                       // last change in folders that were dropped from `folders`
   std::map<std::string, Folder> folders;  // by path
   size_t record_count = 0;
 };

@@ -118,8 +118,9 @@ std::string ResolveFolderOf(const std::string& path) {
   if (name.empty() || name == "." || name == "..") {
     return Resolve(trimmed);
   }
-  const std::string folder =
-      Resolve(slash == std::string::npos ? "." : slash == 0 ? "/" : trimmed.substr(0, slash));
+  const std::string folder = Resolve(slash == std::string::npos ? "."
+                                     : slash == 0               ? "/"
+                                                                : trimmed.substr(0, slash));
   if (folder.empty()) {
     return "";
   }

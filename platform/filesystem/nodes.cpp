@@ -45,7 +45,8 @@ std::optional<std::string> Nodes::PathOf(Ino ino) const {
     ino = node->second.folder;
   }
   std::string path;
-  std::for_each(names.rbegin(), names.rend(), [&](const std::string* name) { path += "/" + *name; });
+  std::for_each(names.rbegin(), names.rend(),
+                [&](const std::string* name) { path += "/" + *name; });
   return path.empty() ? "/" : path;
 }
 

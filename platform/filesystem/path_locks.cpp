@@ -37,8 +37,9 @@ void PathLocks::Hold::Release() {
 PathLocks::Hold PathLocks::Take(std::vector<std::string> paths) {
   const MutexLock guard(lock);
   const auto mine = requests.insert(requests.end(), std::move(paths));
-  while (std::any_of(requests.begin(), mine,
-                     [&](const std::vector<std::string>& earlier) { return Meet(earlier, *mine); })) {
+  while (std::any_of(requests.begin(), mine, [&](const std::vector<std::string>& earlier) {
+    return Meet(earlier, *mine);
+  })) {
     released.wait(lock);
   }
   return {this, mine};

@@ -11,10 +11,10 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr seconds kNoProgress{30};     // an upload that does not move for so long is given up
-constexpr seconds kAfterCancel{5};     // a cancelled call should have ended by then
+constexpr seconds kNoProgress{30};      // an upload that does not move for so long is given up
+constexpr seconds kAfterCancel{5};      // a cancelled call should have ended by then
 constexpr seconds kServingThreads{30};  // calls that programs still wait for when the session ends
-constexpr seconds kGone{120};          // all of what the keeper does, at worst
+constexpr seconds kGone{120};           // all of what the keeper does, at worst
 
 // A task on a thread of its own that can be left behind; it shares what it uses.
 class Task {

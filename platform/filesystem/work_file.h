@@ -33,7 +33,7 @@ class WorkFile {
 
   [[nodiscard]] std::uint64_t GetSize() const;
   [[nodiscard]] FS_TIME GetModified() const;
-  void SetModified(const FS_TIME& time);        // a change
+  void SetModified(const FS_TIME& time);       // a change
   void SetFilled(const FS_TIME& remote_time);  // the content is that of the remote
 
   // One state of the content. A write during an upload makes the state that was sent an old one.

@@ -244,7 +244,8 @@ AERROR MemoryProtocol::Upload(const char* path, FS_SOURCE* source, unsigned long
     return error;
   }
   // Twice, as a module does whose connection broke in between.
-  if (!ReadSource(*source, size, nullptr, nullptr, content) || source->rewind(source->context) != 0 ||
+  if (!ReadSource(*source, size, nullptr, nullptr, content) ||
+      source->rewind(source->context) != 0 ||
       !ReadSource(*source, size, progress, context, content)) {
     return FILE_READ_FAILED;
   }

@@ -13,8 +13,8 @@
 
 namespace tarn::test {
 
-// A complete remote in memory. What it holds belongs to a Store that several protocols can share, as
-// several clients share one server; changes made through the Store come from "elsewhere".
+// A complete remote in memory. What it holds belongs to a Store that several protocols can share,
+// as several clients share one server; changes made through the Store come from "elsewhere".
 //
 // Threads: any, several operations at once.
 class MemoryProtocol final : public IProtocol_V2 {
@@ -50,8 +50,8 @@ class MemoryProtocol final : public IProtocol_V2 {
 
   // What a test can turn while it runs.
   struct Behaviour {
-    std::atomic<int> latency_ms = 0;         // before every operation
-    std::atomic<AERROR> failure = SUCCESS;   // of every operation, when not SUCCESS
+    std::atomic<int> latency_ms = 0;        // before every operation
+    std::atomic<AERROR> failure = SUCCESS;  // of every operation, when not SUCCESS
     std::atomic<unsigned long long> capabilities =
         FS_CAN_SET_TIME | FS_CAN_REPLACE_VERSION | FS_HAS_SIZE;
     std::atomic<bool> tells_version = true;  // of an upload

@@ -1,0 +1,250 @@
+#include "platform/filesystem/file_system.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <thread>
+
+#include "tests/support/protocol/failing_protocol.h"
+#include "tests/unit/filesystem/drive.h"
+#include "tests/unit/filesystem/recording_events.h"
+
+namespace tarn::test {
+namespace {
+
+class FileSystemTest : public testing::Test {
+ protected:
+  FileSystemTest() {
+    files->GetEvents().SetSink(events);
+    files->AddProtocol(Share(protocol));
+  }
+
+  MemoryProtocol::Store& Remote() { return protocol.GetStore(); }
+  int Open(const std::string& path, int flags) {
+    int file = -1;
+    EXPECT_EQ(drive.Open(path, flags, file), 0) << path;
+    return file;
+  }
+
+  MemoryProtocol protocol;
+  std::shared_ptr<RecordingEvents> events = std::make_shared<RecordingEvents>();
+  std::shared_ptr<fs::FileSystem> files = std::make_shared<fs::FileSystem>();
+  DirectCalls drive{*files};
+};
+
+TEST_F(FileSystemTest, EveryOpenSeesWhatWasChangedElsewhere) {
+  Remote().Write("/file", "old");
+  EXPECT_EQ(drive.Content("/file"), "old");
+  Remote().Write("/file", "newer");
+  EXPECT_EQ(drive.Content("/file"), "newer");
+  Remote().Remove("/file");
+  std::string content;
+  EXPECT_EQ(drive.ReadFile("/file", content), ESTALE) << "the kernel looks it up again";
+}
+
+TEST_F(FileSystemTest, AFileThatWasReplacedElsewhereGivesNoMixture) {
+  Remote().Write("/file", "old content");
+  const int before = Open("/file", O_RDWR);
+  Remote().Write("/file", "new");
+  std::string content;
+  EXPECT_EQ(drive.Write(before, 0, "x"), EIO) << "the rest would come from another version";
+  const int after = Open("/file", O_RDONLY);
+  EXPECT_EQ(drive.Read(before, 0, 10, content), EIO);
+  EXPECT_EQ(drive.Read(after, 0, 10, content), 0);
+  EXPECT_EQ(content, "new");
+  drive.Close(before);
+  drive.Close(after);
+  EXPECT_EQ(Remote().Content("/file"), "new");
+}
+
+TEST_F(FileSystemTest, CloseTellsThatTheRemoteTookNothingAndTheContentStaysReadable) {
+  const int file = Open("/file", O_WRONLY | O_CREAT);
+  ASSERT_EQ(drive.Write(file, 0, "content"), 0);
+  protocol.behaviour.failure = ACCESS_DENIED;
+  EXPECT_EQ(drive.Close(file), EACCES);
+  EXPECT_THAT(events->Texts(), testing::Contains("end /file 23"));
+  protocol.behaviour.failure = SUCCESS;
+  EXPECT_EQ(drive.Content("/file"), "content");
+  EXPECT_EQ(files->StoreAll(), 0);
+  EXPECT_EQ(Remote().Content("/file"), "content");
+}
+
+TEST_F(FileSystemTest, AnUploadTellsItsBeginItsLastProgressAndItsEnd) {
+  EXPECT_EQ(drive.WriteFile("/file", std::string(1'000'000, 'x')), 0);
+  const auto texts = events->Texts();
+  EXPECT_EQ(texts.front(), "begin /file");
+  EXPECT_EQ(texts.back(), "end /file 0");
+  EXPECT_EQ(texts[texts.size() - 2], "uploading /file 1000000/1000000");
+  EXPECT_LT(texts.size(), 8U) << "16 parts in an instant are not 16 events";
+}
+
+TEST_F(FileSystemTest, DeletedAndReplacedFilesStayReadableForThoseWhoHaveThemOpen) {
+  Remote().Write("/deleted", "one");
+  Remote().Write("/replaced", "two");
+  const int deleted = Open("/deleted", O_RDONLY);
+  const int replaced = Open("/replaced", O_RDONLY);
+  EXPECT_EQ(drive.Unlink("/deleted"), 0);
+  EXPECT_EQ(drive.WriteFile("/new", "three"), 0);
+  EXPECT_EQ(drive.Rename("/new", "/replaced"), 0);
+  std::string content;
+  EXPECT_EQ(drive.Read(deleted, 0, 10, content), 0);
+  EXPECT_EQ(content, "one");
+  EXPECT_EQ(drive.Read(replaced, 0, 10, content), 0);
+  EXPECT_EQ(content, "two");
+  EXPECT_EQ(drive.Content("/replaced"), "three");
+  drive.Close(deleted);
+  drive.Close(replaced);
+  EXPECT_EQ(Remote().Paths(), std::vector<std::string>{"/replaced"});
+}
+
+TEST_F(FileSystemTest, AFileGoesWhereItsFolderIsWhenItIsClosed) {
+  Remote().MakeFolder("/folder");
+  const int file = Open("/folder/file", O_WRONLY | O_CREAT);
+  ASSERT_EQ(drive.Write(file, 0, "content"), 0);
+  EXPECT_EQ(drive.Rename("/folder", "/moved"), 0);
+  EXPECT_EQ(drive.RemoveFolder("/moved"), ENOTEMPTY) << "the remote does not know of it yet";
+  EXPECT_EQ(drive.Close(file), 0);
+  EXPECT_EQ(Remote().Content("/moved/file"), "content");
+}
+
+TEST_F(FileSystemTest, TimesReachTheRemoteWhereItKeepsThemAndModesCannotChange) {
+  ASSERT_EQ(drive.WriteFile("/file", "x"), 0);
+  fs::Stat stat;
+  ASSERT_EQ(files->Lookup(fs::kRootIno, "file", stat), 0);
+  fs::AttributeChange change;
+  change.modified = FS_TIME{1'000'000'000, 5};
+  EXPECT_EQ(files->SetAttributes(stat.ino, change, stat), 0);
+  FS_INFO info = {};
+  ASSERT_EQ(protocol.GetInfo("/file", &info), SUCCESS);
+  EXPECT_EQ(info.modified.seconds, 1'000'000'000);
+  EXPECT_EQ(stat.modified.nanoseconds, 5);
+  fs::AttributeChange mode;
+  mode.permissions = stat.Permissions() | S_IFREG;
+  EXPECT_EQ(files->SetAttributes(stat.ino, mode, stat), 0);
+  mode.permissions = 0777;
+  EXPECT_EQ(files->SetAttributes(stat.ino, mode, stat), EPERM);
+}
+
+TEST_F(FileSystemTest, WithoutAProtocolTheVolumeIsAnEmptyFolder) {
+  const auto empty = std::make_shared<fs::FileSystem>();
+  DirectCalls calls(*empty);
+  std::vector<std::string> names;
+  EXPECT_EQ(calls.List("/", names), 0);
+  EXPECT_TRUE(names.empty());
+  EXPECT_EQ(calls.WriteFile("/file", "x"), EROFS);
+  EXPECT_EQ(calls.MakeFolder("/folder"), EROFS);
+}
+
+TEST_F(FileSystemTest, SeveralProtocolsAreOneFolder) {
+  MemoryProtocol second;
+  second.GetStore().Write("/both/of_second", "2");
+  second.GetStore().Write("/hidden", "of second");
+  second.GetStore().MakeFolder("/only_second");
+  Remote().Write("/both/of_first", "1");
+  Remote().Write("/hidden", "of first");
+  files->AddProtocol(Share(second));
+  std::vector<std::string> names;
+  EXPECT_EQ(drive.List("/", names), 0);
+  EXPECT_EQ(names, (std::vector<std::string>{"both", "hidden", "only_second"}));
+  EXPECT_EQ(drive.List("/both", names), 0);
+  EXPECT_EQ(names, (std::vector<std::string>{"of_first", "of_second"}));
+  EXPECT_EQ(drive.Content("/hidden"), "of first");
+  EXPECT_EQ(drive.Content("/both/of_second"), "2");
+  EXPECT_EQ(drive.WriteFile("/only_second/new", "n"), 0);
+  EXPECT_EQ(second.GetStore().Content("/only_second/new"), "n");
+  EXPECT_EQ(drive.WriteFile("/both/of_second", "22"), 0);
+  EXPECT_EQ(second.GetStore().Content("/both/of_second"), "22") << "replaced where it is";
+  EXPECT_EQ(drive.Rename("/hidden", "/only_second/hidden"), EXDEV);
+  EXPECT_EQ(drive.RemoveFolder("/both"), ENOTEMPTY);
+  second.behaviour.failure = DEVICE_NOT_READY;
+  EXPECT_EQ(files->GetRemote().List("/", *std::make_unique<std::vector<fs::Entry>>()),
+            DEVICE_NOT_READY)
+      << "half a listing would look like deleted files";
+}
+
+// A module that answers as no module should.
+class HostileProtocol : public FailingProtocol {
+ public:
+  using FailingProtocol::FailingProtocol;
+
+  AERROR List(const char* path, FS_LIST_SINK sink, void* context) override {
+    FS_INFO info = {};
+    info.size = ~0ULL;
+    std::memset(info.version, 'v', sizeof info.version);
+    const std::string too_long(300, 'x');
+    for (const char* const name :
+         {"", ".", "..", "a/b", "/etc", "\xFF", too_long.c_str(), "good"}) {
+      sink(context, name, &info);
+    }
+    sink(context, nullptr, &info);
+    sink(context, "no info", nullptr);
+    return std::string(path) == "/" ? SUCCESS : static_cast<AERROR>(-7);
+  }
+  AERROR Read(const char* /*path*/, unsigned long long /*offset*/, void* /*buffer*/,
+              unsigned long long length, unsigned long long* received) override {
+    *received = length + 1'000'000;
+    return SUCCESS;
+  }
+};
+
+TEST_F(FileSystemTest, AModuleThatAnswersNonsenseDoesNoHarm) {
+  HostileProtocol hostile(protocol);
+  Remote().Write("/good", "content");
+  const auto other = std::make_shared<fs::FileSystem>();
+  other->AddProtocol(Share(hostile));
+  DirectCalls calls(*other);
+  std::vector<std::string> names;
+  EXPECT_EQ(calls.List("/", names), 0);
+  EXPECT_EQ(names, std::vector<std::string>{"good"});
+  EXPECT_EQ(calls.Content("/good"), "(error)");
+}
+
+TEST_F(FileSystemTest, AModuleThatOffersNothingFailsEveryCallWithAnError) {
+  Remote().Write("/file", "content");
+  for (const AERROR failure : {FAILED, NOT_SUPPORTED}) {
+    protocol.behaviour.failure = failure;
+    const auto other = std::make_shared<fs::FileSystem>(fs::Clock::duration::zero());
+    other->AddProtocol(Share(protocol));
+    DirectCalls calls(*other);
+    std::vector<std::string> names;
+    std::string content;
+    EXPECT_NE(calls.List("/", names), 0);
+    EXPECT_NE(calls.ReadFile("/file", content), 0);
+    EXPECT_NE(calls.WriteFile("/new", "x"), 0);
+    EXPECT_NE(calls.MakeFolder("/folder"), 0);
+    EXPECT_NE(calls.Unlink("/file"), 0);
+    EXPECT_GT(other->GetSpace().total, 0U);
+  }
+}
+
+TEST_F(FileSystemTest, ContentIsRightWhileSeveralThreadsUseIt) {
+  const auto work = [this](int number) {
+    DirectCalls calls(*files);
+    const std::string folder = "/folder" + std::to_string(number % 2);
+    (void)calls.MakeFolder(folder);  // the other thread may have been first
+    for (int i = 0; i < 30; ++i) {
+      const std::string path = folder + "/" + std::to_string(number);
+      const std::string content(static_cast<size_t>(1000 * i + number), static_cast<char>('a' + i));
+      EXPECT_EQ(calls.WriteFile(path, content), 0);
+      EXPECT_EQ(calls.Rename(path, path + "x"), 0);
+      EXPECT_TRUE(calls.Content(path + "x") == content);
+      std::vector<std::string> names;
+      EXPECT_EQ(calls.List(folder, names), 0);
+      EXPECT_EQ(calls.Unlink(path + "x"), 0);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back(work, i);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(Remote().Paths(), (std::vector<std::string>{"/folder0", "/folder1"}));
+}
+
+}  // namespace
+}  // namespace tarn::test

@@ -6,7 +6,8 @@ namespace tarn {
 
 namespace {
 
-constexpr std::chrono::seconds kBetweenQuestions{15};
+constexpr std::chrono::seconds kAfterAnswer{15};
+constexpr std::chrono::seconds kAfterNone{1};  // or as long as it took not to be answered
 
 }  // namespace
 
@@ -78,6 +79,7 @@ void DriveSize::AskWhenWanted() {
     long long total = 0;
     long long free = 0;
     hold.unlock();
+    const Clock::time_point asked = Clock::now();
     const bool has_answer = ask != nullptr && ask(callback_context, nullptr, &total, &free);
     hold.lock();
     if (has_answer && total >= 0) {
@@ -85,7 +87,9 @@ void DriveSize::AskWhenWanted() {
       answer.free = static_cast<unsigned long long>(std::clamp(free, 0LL, total));
       is_answered = true;
     }
-    next_question = Clock::now() + kBetweenQuestions;
+    const Clock::time_point now = Clock::now();
+    next_question =
+        now + (has_answer ? kAfterAnswer : std::max<Clock::duration>(kAfterNone, now - asked));
   }
 }
 

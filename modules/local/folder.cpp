@@ -6,7 +6,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
@@ -36,8 +35,6 @@ struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
-using PathText = std::unique_ptr<char, decltype(&std::free)>;
 
 const timespec& ModifiedTime(const struct stat& status) {
 #if defined(__APPLE__)
@@ -74,6 +71,30 @@ std::string Joined(const std::string& start, const std::vector<std::string>& nam
     path += names[i];
   }
   return path;
+}
+
+// A path without links; the empty text, with errno set, when it leads nowhere.
+std::string RealPath(const std::string& path) {
+  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
+                                                         &std::free);
+  return real != nullptr ? real.get() : "";
+}
+
+// The same for a mount point, which need not be there yet.
+std::string RealMountPoint(const std::string& path) {
+  const std::string real = RealPath(path);
+  const size_t name = path.rfind('/');
+  if (!real.empty() || name == std::string::npos) {
+    return real;
+  }
+  return RealPath(path.substr(0, name) + "/") + path.substr(name);
+}
+
+// The names that lead from a folder down to a path; none for a path that is not below it.
+std::vector<std::string> NamesBelow(const std::string& folder, const std::string& path) {
+  const std::string inside = folder + "/";
+  return path.starts_with(inside) ? SplitNames(path.substr(inside.size()))
+                                  : std::vector<std::string>();
 }
 
 // Calls entry(name) for each name until it answers false.
@@ -126,14 +147,21 @@ bool IsVersionOf(const struct stat& status, std::string_view version) {
   return version.starts_with(ContentVersion(status));
 }
 
-AERROR Folder::Open(const std::string& path) {
-  const PathText real(::realpath(path.c_str(), nullptr), &std::free);
-  if (real == nullptr) {
+AERROR Folder::Open(const std::string& path, const std::string& mount_point) {
+  const std::string real = RealPath(path);
+  if (real.empty()) {
     return MissingFolder(errno);
   }
-  root_path = std::strcmp(real.get(), "/") == 0 ? "" : real.get();
-  root = OpenFile(real.get(), O_RDONLY | O_DIRECTORY);
+  root_path = real == "/" ? "" : real;
+  mount_point_names = NamesBelow(root_path, RealMountPoint(mount_point));
+  root = OpenFile(real, O_RDONLY | O_DIRECTORY);
   return root.valid() ? SUCCESS : MissingFolder(errno);
+}
+
+// Whether the first `count` names lead to where the drive is mounted.
+bool Folder::IsMountPoint(const Names& names, size_t count) const {
+  return count > 0 && count == mount_point_names.size() &&
+         std::equal(mount_point_names.begin(), mount_point_names.end(), names.begin());
 }
 
 // Goes down from the root as far as no link stands in the way; `link` is then the index of the name
@@ -150,8 +178,15 @@ AERROR Folder::Walk(const Names& names, LastLink last, Place& place, size_t& lin
     const bool is_last = i + 1 == names.size();
     if (i > 0) {
       place.folder = UniqueFd(::openat(place.folder.get(), place.name.c_str(), kWalkFlags));
+      if (!place.folder.valid()) {
+        break;
+      }
     }
     place.name = names[i];
+    if (IsMountPoint(names, i + 1)) {
+      place.kind = Kind::kOther;
+      return is_last ? SUCCESS : PATH_NOT_FOUND;
+    }
     place.kind = Kind::kNothing;
     if (::fstatat(place.folder.get(), place.name.c_str(), &place.status, AT_SYMLINK_NOFOLLOW) !=
         0) {
@@ -169,19 +204,16 @@ AERROR Folder::Walk(const Names& names, LastLink last, Place& place, size_t& lin
 // Puts the names of what a link points to in the place of the names up to the link. The system's
 // answer is only a hint where to walk next: the walk trusts no name.
 bool Folder::FollowLink(Names& names, size_t link) const {
-  const PathText real(::realpath(Joined(root_path, names, link + 1).c_str(), nullptr), &std::free);
-  const std::string inside = root_path + "/";
-  if (real == nullptr || !std::string_view(real.get()).starts_with(inside)) {
-    return false;
-  }
-  Names target = SplitNames(std::string_view(real.get()).substr(inside.size()));
-  const auto folder_end = names.begin() + static_cast<std::ptrdiff_t>(link);
+  Names target = NamesBelow(root_path, RealPath(Joined(root_path, names, link + 1)));
+  const auto link_name = names.begin() + static_cast<std::ptrdiff_t>(link);
+  // A link that leads out has no names below the root, as one to the root itself, the folder above
+  // all others.
   const bool is_above =
       target.size() <= link && std::equal(target.begin(), target.end(), names.begin());
   if (is_above || !std::all_of(target.begin(), target.end(), IsDriveName)) {
     return false;
   }
-  target.insert(target.end(), folder_end + 1, names.end());
+  target.insert(target.end(), link_name + 1, names.end());
   names = std::move(target);
   return true;
 }
@@ -195,6 +227,7 @@ AERROR Folder::Find(std::string_view path, LastLink last, Place& place) const {
     size_t link = kNoLink;
     const AERROR error = Walk(names, last, place, link);
     if (error != SUCCESS || link == kNoLink) {
+      place.names = std::move(names);
       return error;
     }
     if (!FollowLink(names, link)) {
@@ -212,16 +245,18 @@ AERROR Folder::FindExisting(std::string_view path, Place& place) const {
   return place.kind == Kind::kFile || place.kind == Kind::kFolder ? SUCCESS : FILE_NOT_FOUND;
 }
 
-// What a listing says of a path in an open folder; false when it does not show it.
-bool Folder::GetShown(int folder, const std::string& path, struct stat& status) const {
-  const std::string name = path.substr(path.rfind('/') + 1);
-  if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+// What a listing of the open folder `place` says of a name; false when it does not show it.
+bool Folder::GetShown(int folder, const Place& place, const char* name, struct stat& status) const {
+  Names names = place.names;
+  names.emplace_back(name);
+  if (!IsDriveName(name) || IsMountPoint(names, names.size()) ||
+      ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return false;
   }
   Kind kind = KindOf(status);
   if (kind == Kind::kLink) {
     Place target;
-    if (FindExisting(path, target) != SUCCESS) {
+    if (FindExisting(Joined("", names, names.size()), target) != SUCCESS) {
       return false;
     }
     status = target.status;
@@ -255,7 +290,7 @@ AERROR Folder::List(std::string_view path, FS_LIST_SINK sink, void* context) con
       return true;
     }
     struct stat status {};
-    if (!IsDriveName(name) || !GetShown(folder, std::string(path) + "/" + name, status)) {
+    if (!GetShown(folder, place, name, status)) {
       return true;
     }
     const FS_INFO info = InfoOf(status);

@@ -25,8 +25,9 @@ enum class Kind { kNothing, kFile, kFolder, kLink, kOther };
 
 // A name in an open folder, the last step of a path.
 struct Place {
-  UniqueFd folder;   // good for the ...at calls only
-  std::string name;  // "." for the root
+  UniqueFd folder;                 // good for the ...at calls only
+  std::string name;                // "." for the root
+  std::vector<std::string> names;  // the whole path below the root, without links
   Kind kind = Kind::kNothing;
   struct stat status {};  // unless the kind is kNothing
 };
@@ -39,8 +40,10 @@ enum class LastLink { kFollow, kKeep };
 // whatever happens to the names meanwhile, nothing outside is ever touched. Any thread.
 class Folder {
  public:
-  // Opens the folder. PATH_NOT_FOUND, ACCESS_DENIED or what else keeps it from being read.
-  [[nodiscard]] AERROR Open(const std::string& path);
+  // Opens the folder. PATH_NOT_FOUND, ACCESS_DENIED or what else keeps it from being read. Where
+  // the drive itself is mounted below it, at `mount_point` (may be empty), nothing is to be seen:
+  // there the drive would be asked for its own files, without end.
+  [[nodiscard]] AERROR Open(const std::string& path, const std::string& mount_point);
 
   // Its path without links.
   [[nodiscard]] const std::string& GetPath() const { return root_path; }
@@ -65,10 +68,13 @@ class Folder {
 
   [[nodiscard]] AERROR Walk(const Names& names, LastLink last, Place& place, size_t& link) const;
   [[nodiscard]] bool FollowLink(Names& names, size_t link) const;
-  [[nodiscard]] bool GetShown(int folder, const std::string& path, struct stat& status) const;
+  [[nodiscard]] bool GetShown(int folder, const Place& place, const char* name,
+                              struct stat& status) const;
+  [[nodiscard]] bool IsMountPoint(const Names& names, size_t count) const;
 
   UniqueFd root;
   std::string root_path;
+  Names mount_point_names;  // none: the drive is mounted elsewhere
 };
 
 // Opens a found file or folder, never anything else; not valid() on failure, errno set.

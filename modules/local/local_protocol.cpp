@@ -10,6 +10,7 @@
 #include <string_view>
 #include <sys/statvfs.h>
 
+#include "common/json.h"
 #include "modules/local/changes.h"
 #include "modules/local/connection_id.h"
 #include "modules/local/errors.h"
@@ -42,6 +43,15 @@ std::string AccountName() {
     return std::to_string(::geteuid());
   }
   return found->pw_name;
+}
+
+std::string MountPointOf(const char* mount_request) {
+  try {
+    const Json request(mount_request);
+    return request.HasObject("/data/drive") ? request.GetObject("/data/drive") : std::string();
+  } catch (...) {
+    return {};
+  }
 }
 
 AERROR ReadParts(const Place& place, unsigned long long offset, char* buffer,
@@ -206,8 +216,8 @@ unsigned long long LocalProtocol::GetCapabilities() {
   return FS_CAN_SET_TIME | FS_CAN_REPLACE_VERSION | FS_HAS_SIZE;
 }
 
-// "ex_info", the whole mount request as JSON text, is not needed here: the connection id says it
-// all. A module with settings of its own finds them there.
+// "ex_info" is the whole mount request as JSON text. A module with settings of its own finds them
+// there; this one only needs to know where the drive will be.
 int LocalProtocol::SetOption(const char* key, const char* value) {
   if (key == nullptr || value == nullptr) {
     return INVALID_PARAMETER;
@@ -221,7 +231,11 @@ int LocalProtocol::SetOption(const char* key, const char* value) {
     may_move_folders = std::string_view(value) != "false";
     return SUCCESS;
   }
-  return name == "ex_info" ? SUCCESS : NOT_SUPPORTED;
+  if (name == "ex_info") {
+    mount_point = MountPointOf(value);
+    return SUCCESS;
+  }
+  return NOT_SUPPORTED;
 }
 
 int LocalProtocol::GetCredential(char* buffer, int* length) {
@@ -234,7 +248,8 @@ void LocalProtocol::SetKeyFile(const char* /*path*/) {}
 AERROR LocalProtocol::Connect(char** message) {
   try {
     auto opened = std::make_shared<Folder>();
-    const AERROR error = folder_path.empty() ? PATH_NOT_FOUND : opened->Open(folder_path);
+    const AERROR error =
+        folder_path.empty() ? PATH_NOT_FOUND : opened->Open(folder_path, mount_point);
     if (error != SUCCESS) {
       const std::string text = "The folder \"" + folder_path + "\" " +
                                (error == PATH_NOT_FOUND ? "does not exist." : "cannot be read.");

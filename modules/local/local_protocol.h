@@ -54,6 +54,7 @@ class LocalProtocol final : public IProtocol_V2 {
   template <typename Operation>
   [[nodiscard]] AERROR WithFolder(Operation operation);
 
+  std::string mount_point;  // of the drive; set before Connect
   std::string folder_path;  // set before Connect; empty: the connection id names no folder
   std::atomic<bool> may_move_folders{true};
   Throttle throttle;

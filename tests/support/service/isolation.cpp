@@ -29,6 +29,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kFailedStatus = 1;
+constexpr const char* kLockFile = "/tmp/tarn_e2e_tests.lock";
 constexpr std::chrono::seconds kTimeForStragglers{10};
 
 int Fail(const char* what) {
@@ -157,7 +158,10 @@ int RunWorld(int (*test_main)(int, char**), int count, char** texts) {
 }
 
 int RunInPlace(int (*test_main)(int, char**), int count, char** texts) {
-  const UniqueFd lock = OpenFile("/tmp/tarn_e2e_tests.lock", O_RDWR | O_CREAT, 0666);
+  UniqueFd lock = OpenFile(kLockFile, O_RDONLY);  // may be another user's
+  if (!lock.valid()) {
+    lock = OpenFile(kLockFile, O_RDONLY | O_CREAT, 0644);
+  }
   while (::flock(lock.get(), LOCK_EX) != 0 && errno == EINTR) {
   }
   return test_main(count, texts);

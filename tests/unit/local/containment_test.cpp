@@ -118,6 +118,24 @@ TEST_F(ContainmentTest, ChangesThroughLinksMeetTheirTargets) {
   EXPECT_EQ(Names("/"), Strings{"folder"});
 }
 
+// A drive that shows itself would be asked for its own files, without end.
+TEST_F(ContainmentTest, DriveDoesNotShowItself) {
+  fs::create_directories(root / "folder/drive/inside");
+  fs::create_symlink("folder", root / "link");
+  for (const char* mount_point : {"folder/drive", "link/drive", "link/../folder/drive"}) {
+    protocol = Make(root.string());
+    (void)protocol->SetOption(
+        "ex_info", (R"({"data":{"drive":")" + (root / mount_point).string() + R"("}})").c_str());
+    ASSERT_EQ(Connect(*protocol), SUCCESS);
+    EXPECT_EQ(Names("/folder"), Strings{}) << mount_point;
+    EXPECT_EQ(Names("/link"), Strings{}) << mount_point;
+    EXPECT_EQ(protocol->List("/folder/drive", nullptr, nullptr), PATH_NOT_FOUND) << mount_point;
+    EXPECT_EQ(protocol->List("/link/drive/inside", nullptr, nullptr), PATH_NOT_FOUND)
+        << mount_point;
+    EXPECT_EQ(Put("/folder/drive", "x"), ACCESS_DENIED) << mount_point;
+  }
+}
+
 TEST_F(ContainmentTest, SpecialFilesAndOddNamesAreNotThere) {
   ASSERT_EQ(::mkfifo((root / "fifo").c_str(), 0600), 0);
   fs::create_symlink("fifo", root / "link to fifo");

@@ -78,6 +78,10 @@ TEST_F(LocalTest, TreeIsMadeListedMovedAndRemoved) {
   EXPECT_EQ(protocol->DeleteFile("/z"), SUCCESS);
   EXPECT_EQ(protocol->DeleteFile("/z"), FILE_NOT_FOUND);
   EXPECT_EQ(protocol->List("/none", nullptr, nullptr), PATH_NOT_FOUND);
+  WriteFile(root / "file", "x");
+  EXPECT_EQ(protocol->CreateFolder("/file/x"), PATH_NOT_FOUND);
+  EXPECT_EQ(protocol->GetInfo("/file/x/y", &info), PATH_NOT_FOUND);
+  EXPECT_EQ(protocol->List("/file", nullptr, nullptr), INVALID_DIRECTORY);
 }
 
 TEST_F(LocalTest, FoldersStayWhereTheyAreWhileMovingIsOff) {

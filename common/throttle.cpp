@@ -30,6 +30,20 @@ Throttle::Ticket Throttle::Begin() {
   return cancelled;
 }
 
+bool Throttle::IsCancelled(Ticket ticket) {
+  const MutexLock hold(lock);
+  return ticket != cancelled;
+}
+
+bool Throttle::Rest(Ticket ticket, std::chrono::milliseconds duration) {
+  const MutexLock hold(lock);
+  const Clock::time_point end = Clock::now() + duration;
+  while (ticket == cancelled && Clock::now() < end) {
+    (void)changed.wait_until(lock, end);
+  }
+  return ticket == cancelled;
+}
+
 long long Throttle::PartBytes() {
   const MutexLock hold(lock);
   if (limit == 0) {

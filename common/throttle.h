@@ -20,6 +20,10 @@ class Throttle {
   // What a transfer asks for at its beginning and gives with each part.
   using Ticket = std::uint64_t;
   [[nodiscard]] Ticket Begin();
+  [[nodiscard]] bool IsCancelled(Ticket ticket);
+
+  // Waits for a while. False: the transfer was cancelled.
+  [[nodiscard]] bool Rest(Ticket ticket, std::chrono::milliseconds duration);
 
   // The size of the next part, so that a wait for it stays short.
   [[nodiscard]] long long PartBytes();

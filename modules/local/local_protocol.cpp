@@ -10,6 +10,7 @@
 #include <string_view>
 #include <sys/statvfs.h>
 
+#include "common/hand_out.h"
 #include "common/json.h"
 #include "modules/local/changes.h"
 #include "modules/local/connection_id.h"
@@ -19,20 +20,6 @@
 namespace tarn::local {
 
 namespace {
-
-// Copies a text with its terminating zero; *length is the buffer's capacity, then the text's bytes.
-AERROR HandOut(std::string_view text, char* buffer, int* length) {
-  if (buffer == nullptr || length == nullptr || *length <= 0) {
-    return INVALID_PARAMETER;
-  }
-  if (text.size() >= static_cast<size_t>(*length)) {
-    return INSUFFICIENT_BUFFER;
-  }
-  std::memcpy(buffer, text.data(), text.size());
-  buffer[text.size()] = '\0';
-  *length = static_cast<int>(text.size());
-  return SUCCESS;
-}
 
 std::string AccountName() {
   std::array<char, 16384> strings{};

@@ -48,6 +48,7 @@ Pipe MakePipe() {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
   std::vector<char*> vector;
+  vector.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     vector.push_back(const_cast<char*>(argument.c_str()));  // execvp leaves them as they are
   }

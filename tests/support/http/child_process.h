@@ -24,6 +24,9 @@ class ChildProcess {
 
   [[nodiscard]] pid_t Pid() const { return pid; }
 
+  // False when it has not ended after 10 s.
+  [[nodiscard]] bool WaitForEnd() { return EndsWithin(10'000); }
+
   // True while it has not ended.
   [[nodiscard]] bool Running();
 

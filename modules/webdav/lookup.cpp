@@ -1,0 +1,224 @@
+#include "modules/webdav/lookup.h"
+
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+#include <vector>
+
+#include "common/log.h"
+#include "common/utils.h"
+#include "modules/webdav/results.h"
+#include "modules/webdav/version.h"
+
+namespace tarn::webdav {
+
+namespace {
+
+constexpr const char* kWantedProperties =
+    R"(<?xml version="1.0" encoding="utf-8"?><D:propfind xmlns:D="DAV:"><D:prop>)"
+    "<D:resourcetype/><D:getcontentlength/><D:getlastmodified/><D:getetag/>"
+    "</D:prop></D:propfind>";
+constexpr const char* kQuotaProperties =
+    R"(<?xml version="1.0" encoding="utf-8"?><D:propfind xmlns:D="DAV:"><D:prop>)"
+    "<D:resourcetype/><D:quota-available-bytes/><D:quota-used-bytes/>"
+    "</D:prop></D:propfind>";
+
+// Collects the resources of a multistatus answer.
+class ResourceSink final : public BodySink {
+ public:
+  void Begin() override {
+    resources.clear();
+    reader = std::make_unique<MultistatusReader>(
+        [this](Resource found) { resources.push_back(std::move(found)); });
+  }
+  Verdict Take(const Answer&, std::string_view part) override {
+    return reader->Feed(part.data(), part.size()) ? Verdict::kMore : Verdict::kBad;
+  }
+  // The whole document has been read.
+  [[nodiscard]] bool IsComplete() { return reader != nullptr && reader->Finish(); }
+
+  std::vector<Resource> resources;
+
+ private:
+  std::unique_ptr<MultistatusReader> reader;
+};
+
+AERROR Find(Remote& remote, const std::string& url, const char* depth, const char* properties,
+            std::vector<Resource>& resources, Answer& answer) {
+  ResourceSink sink;
+  Request request{.method = "PROPFIND",
+                  .url = url,
+                  .headers = {{"Depth", depth}},
+                  .body = properties,
+                  .sink = &sink};
+  answer = remote.Send(request);
+  if (answer.status == 400 && url.ends_with('/')) {  // what some servers say of a file
+    return INVALID_DIRECTORY;
+  }
+  const AERROR error = ResultOfReading(answer);
+  if (error != SUCCESS) {
+    return error;
+  }
+  if (answer.status != 207 || !sink.IsComplete()) {
+    return FAILED;
+  }
+  resources = std::move(sink.resources);
+  return SUCCESS;
+}
+
+// The one resource that was asked for; others are not expected, but servers have sent them.
+AERROR FindOne(Remote& remote, const std::string& url, const char* properties, Resource& found,
+               Answer& answer) {
+  std::vector<Resource> resources;
+  const AERROR error = Find(remote, url, "0", properties, resources, answer);
+  if (error != SUCCESS) {
+    return error;
+  }
+  const References references(answer.url);
+  const Resource* chosen = resources.empty() ? nullptr : &resources.front();
+  std::string name;
+  for (const Resource& resource : resources) {
+    if (references.Read(resource.href, name) == References::Kind::kSelf) {
+      chosen = &resource;
+      break;
+    }
+  }
+  if (chosen == nullptr || chosen->status == 404) {
+    return FILE_NOT_FOUND;
+  }
+  found = *chosen;
+  return SUCCESS;
+}
+
+// Asks for what a listing may leave out but a file cannot be read without.
+AERROR CompleteSize(Remote& remote, const std::string& url, Resource& resource) {
+  if (resource.is_folder || resource.size) {
+    return SUCCESS;
+  }
+  Request request{.method = "HEAD", .url = url};
+  const Answer answer = remote.Send(request);
+  const AERROR error = ResultOfReading(answer);
+  if (error == SUCCESS) {
+    resource.size = answer.length < 0 ? 0 : static_cast<unsigned long long>(answer.length);
+    const time_t modified = curl_getdate(answer.modified.c_str(), nullptr);
+    if (!resource.modified && modified != -1) {
+      resource.modified = modified;
+    }
+  }
+  return error;
+}
+
+FS_INFO InfoOf(const Resource& resource) {
+  FS_INFO info{};
+  info.is_folder = resource.is_folder ? 1 : 0;
+  info.size = resource.is_folder ? 0 : resource.size.value_or(0);
+  info.modified.seconds = resource.modified.value_or(0);
+  const std::string version = VersionOf(resource);
+  version.copy(info.version, sizeof(info.version) - 1);
+  return info;
+}
+
+bool IsUtf8(const std::string& name) {
+  try {
+    (void)s2ws(name);
+    return true;
+  } catch (const std::range_error&) {
+    return false;
+  }
+}
+
+struct Entry {
+  std::string name;
+  Resource resource;
+};
+
+// What a listing's resources are called in the folder; the folder itself and strangers left out.
+AERROR EntriesOf(std::vector<Resource> resources, const std::string& url,
+                 std::vector<Entry>& entries) {
+  const References references(url);
+  for (Resource& resource : resources) {
+    std::string name;
+    const References::Kind kind = references.Read(resource.href, name);
+    if (kind == References::Kind::kSelf && !resource.is_folder && resource.status == 0) {
+      return INVALID_DIRECTORY;
+    }
+    if (kind != References::Kind::kChild || resource.status >= 400) {
+      continue;
+    }
+    if (!IsUtf8(name)) {
+      __LOG__A(logger, LOGLEVEL_ERROR | LOGLEVEL_HTTP,
+               "%s:: a name that is not UTF-8 is left out: %s [%s:%d]", __func__,
+               EncodeSegment(name).c_str(), TARN_SOURCE);
+      continue;
+    }
+    entries.push_back({std::move(name), std::move(resource)});
+  }
+  return SUCCESS;
+}
+
+}  // namespace
+
+AERROR FindRoot(Remote& remote, Resource& root, Answer& answer) {
+  return FindOne(remote, remote.GetLocation().FolderUrl("/"), kQuotaProperties, root, answer);
+}
+
+AERROR GetInfo(Remote& remote, const std::string& path, FS_INFO& info) {
+  const Location& location = remote.GetLocation();
+  const std::string url = path == "/" ? location.FolderUrl(path) : location.FileUrl(path);
+  Resource found;
+  Answer answer;
+  AERROR error = FindOne(remote, url, kWantedProperties, found, answer);
+  if (error == SUCCESS) {
+    error = CompleteSize(remote, url, found);
+  }
+  if (error == SUCCESS) {
+    info = InfoOf(found);
+  }
+  return error;
+}
+
+AERROR List(Remote& remote, const std::string& path, FS_LIST_SINK sink, void* context) {
+  const std::string url = remote.GetLocation().FolderUrl(path);
+  std::vector<Resource> resources;
+  std::vector<Entry> entries;
+  Answer answer;
+  AERROR error = Find(remote, url, "1", kWantedProperties, resources, answer);
+  if (error == SUCCESS) {
+    error = EntriesOf(std::move(resources), answer.url, entries);
+  }
+  if (error != SUCCESS) {
+    return error;
+  }
+  for (Entry& entry : entries) {
+    error = CompleteSize(remote, url + EncodeSegment(entry.name), entry.resource);
+    if (error == FILE_NOT_FOUND) {  // gone since the listing
+      continue;
+    }
+    if (error != SUCCESS) {
+      return error;
+    }
+    const FS_INFO info = InfoOf(entry.resource);
+    if (sink(context, entry.name.c_str(), &info) == 0) {
+      break;
+    }
+  }
+  return SUCCESS;
+}
+
+AERROR GetQuota(Remote& remote, unsigned long long& total, unsigned long long& free) {
+  Resource root;
+  Answer answer;
+  const AERROR error = FindRoot(remote, root, answer);
+  if (error != SUCCESS) {
+    return error;
+  }
+  const long long available = root.quota_available.value_or(-1);
+  if (available < 0) {
+    return NOT_SUPPORTED;
+  }
+  free = static_cast<unsigned long long>(available);
+  total = free + static_cast<unsigned long long>(std::max(0LL, root.quota_used.value_or(0)));
+  return SUCCESS;
+}
+
+}  // namespace tarn::webdav

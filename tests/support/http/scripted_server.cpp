@@ -1,0 +1,181 @@
+#include "tests/support/http/scripted_server.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <utility>
+
+#include "common/posix.h"
+
+namespace tarn::test {
+
+namespace {
+
+// Waits for more to read. False: the other side is done, or this one.
+bool ReceiveMore(int socket, std::string& pending) {
+  std::array<char, 65536> part;
+  const ssize_t count = ::recv(socket, part.data(), part.size(), 0);
+  pending.append(part.data(), static_cast<size_t>(std::max<ssize_t>(count, 0)));
+  return count > 0;
+}
+
+bool SendAll(int socket, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count <= 0) {
+      return false;
+    }
+    bytes.remove_prefix(static_cast<size_t>(count));
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string ScriptedServer::Request::Header(const std::string& name) const {
+  const size_t start = head.find("\r\n" + name + ": ");
+  if (start == std::string::npos) {
+    return {};
+  }
+  const size_t value = start + name.size() + 4;
+  return head.substr(value, head.find("\r\n", value) - value);
+}
+
+ScriptedServer::ScriptedServer(Script script_to_follow)
+    : script(std::move(script_to_follow)), listener(OpenSocket(AF_INET, SOCK_STREAM)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  (void)::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length);
+  (void)::listen(listener.get(), 64);
+  (void)::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length);
+  port = ntohs(address.sin_port);
+  acceptor = std::thread([this] { Accept(); });
+}
+
+ScriptedServer::~ScriptedServer() {
+  (void)::shutdown(listener.get(), SHUT_RDWR);
+  acceptor.join();
+  {
+    const MutexLock hold(lock);
+    stopping = true;
+    stopped.notify_all();
+    for (const UniqueFd& socket : sockets) {
+      (void)::shutdown(socket.get(), SHUT_RDWR);
+    }
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+std::vector<ScriptedServer::Request> ScriptedServer::Requests() {
+  const MutexLock hold(lock);
+  return requests;
+}
+
+int ScriptedServer::Count(std::string_view method) {
+  const MutexLock hold(lock);
+  return static_cast<int>(std::count_if(requests.begin(), requests.end(),
+                                        [&](const Request& r) { return r.method == method; }));
+}
+
+void ScriptedServer::Accept() {
+  for (int connection = 0;; ++connection) {
+    UniqueFd socket = AcceptConnection(listener.get());
+    if (!socket.valid()) {
+      return;
+    }
+    const int fd = socket.get();
+    {
+      const MutexLock hold(lock);
+      sockets.push_back(std::move(socket));
+    }
+    threads.emplace_back([this, fd, connection] { Serve(fd, connection); });
+  }
+}
+
+void ScriptedServer::Serve(int socket, int connection) {
+  std::string pending;
+  Request request;
+  while (Receive(socket, connection, pending, request)) {
+    {
+      const MutexLock hold(lock);
+      requests.push_back(request);
+    }
+    const Reply reply = script(request);
+    if (!Send(socket, reply) || reply.closes) {
+      break;
+    }
+  }
+  (void)::shutdown(socket, SHUT_RDWR);
+  ++closed;
+}
+
+bool ScriptedServer::Receive(int socket, int connection, std::string& pending, Request& request) {
+  size_t end = 0;
+  while ((end = pending.find("\r\n\r\n")) == std::string::npos) {
+    if (!ReceiveMore(socket, pending)) {
+      return false;
+    }
+  }
+  request = {.head = pending.substr(0, end + 2), .connection = connection};
+  pending.erase(0, end + 4);
+  const size_t blank = request.head.find(' ');
+  request.method = request.head.substr(0, blank);
+  request.target = request.head.substr(blank + 1, request.head.find(' ', blank + 1) - blank - 1);
+  if (!request.Header("Expect").empty()) {
+    (void)SendAll(socket, "HTTP/1.1 100 Continue\r\n\r\n");
+  }
+  const size_t length = std::strtoull(request.Header("Content-Length").c_str(), nullptr, 10);
+  while (pending.size() < length) {
+    if (!ReceiveMore(socket, pending)) {
+      return false;
+    }
+  }
+  request.body = pending.substr(0, length);
+  pending.erase(0, length);
+  return true;
+}
+
+bool ScriptedServer::Send(int socket, const Reply& reply) {
+  std::string_view left = reply.bytes;
+  if (reply.between_parts.count() == 0) {
+    return SendAll(socket, left);
+  }
+  while (SendAll(socket, left.substr(0, reply.part_bytes))) {
+    left.remove_prefix(std::min(reply.part_bytes, left.size()));
+    const auto next = std::chrono::steady_clock::now() + reply.between_parts;
+    const MutexLock hold(lock);
+    while (!stopping && std::chrono::steady_clock::now() < next) {
+      (void)stopped.wait_until(lock, next);
+    }
+    if (stopping || left.empty()) {
+      return !stopping;
+    }
+  }
+  return false;
+}
+
+std::string HttpAnswer(int status, const std::string& body, const std::string& headers) {
+  return "HTTP/1.1 " + std::to_string(status) + " As Scripted\r\n" + headers +
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string MultistatusAnswer(const std::string& responses) {
+  return HttpAnswer(
+      207,
+      "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\">" + responses + "</D:multistatus>",
+      "Content-Type: application/xml\r\n");
+}
+
+std::string DavResponse(const std::string& href, const std::string& properties) {
+  return "<D:response><D:href>" + href + "</D:href><D:propstat><D:prop>" + properties +
+         "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
+}
+
+}  // namespace tarn::test

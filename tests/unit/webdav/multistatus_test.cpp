@@ -1,0 +1,92 @@
+#include "modules/webdav/multistatus.h"
+
+#include <gtest/gtest.h>
+
+namespace tarn::webdav {
+namespace {
+
+struct Outcome {
+  bool complete = true;
+  std::vector<Resource> resources;
+};
+
+// Feeds a document in parts of this many bytes.
+Outcome Read(const std::string& document, size_t part_bytes = 4096) {
+  Outcome outcome;
+  MultistatusReader reader(
+      [&](Resource resource) { outcome.resources.push_back(std::move(resource)); });
+  for (size_t at = 0; at < document.size() && outcome.complete; at += part_bytes) {
+    const std::string part = document.substr(at, part_bytes);
+    outcome.complete = reader.Feed(part.data(), part.size());
+  }
+  outcome.complete = outcome.complete && reader.Finish();
+  return outcome;
+}
+
+TEST(MultistatusTest, AnyPrefixAnyOrderAndAnySplitGiveTheSame) {
+  const std::string document = R"(<?xml version="1.0" encoding="utf-8"?>
+<multistatus xmlns="DAV:" xmlns:a="other"><response>
+  <propstat><prop><getetag/><a:getetag>"theirs"</a:getetag><quota-used-bytes>5</quota-used-bytes>
+    <getcontentlength>999</getcontentlength></prop><status>HTTP/1.1 404 Not Found</status></propstat>
+  <href> /dav/a%20b&amp;c </href>
+  <z:propstat xmlns:z="DAV:"><z:prop><z:getcontentlength>12345678901</z:getcontentlength>
+    <z:resourcetype/><z:getlastmodified>Sun, 06 Nov 1994 08:49:37 GMT</z:getlastmodified>
+    <z:getetag><![CDATA["tag"]]></z:getetag></z:prop><z:status>HTTP/1.1 200 OK</z:status></z:propstat>
+</response><response><href>/dav/gone</href><status>HTTP/1.1 404 Not Found</status></response>
+<response><href>/dav/sub/</href><propstat><prop><resourcetype><collection/><a:calendar/>
+</resourcetype><getcontentlength>none</getcontentlength></prop><status>HTTP/1.1 200 OK</status>
+</propstat></response></multistatus>)";
+  for (const size_t part_bytes : {size_t{1}, size_t{7}, document.size()}) {
+    const Outcome outcome = Read(document, part_bytes);
+    ASSERT_TRUE(outcome.complete);
+    ASSERT_EQ(outcome.resources.size(), 3U);
+    const Resource& file = outcome.resources[0];
+    EXPECT_EQ(file.href, "/dav/a%20b&c");
+    EXPECT_FALSE(file.is_folder);
+    EXPECT_EQ(file.size, 12345678901ULL);
+    EXPECT_EQ(file.modified, 784111777);
+    EXPECT_EQ(file.etag, "\"tag\"");
+    EXPECT_EQ(file.quota_used, std::nullopt) << "of a propstat with status 404";
+    EXPECT_EQ(outcome.resources[1].status, 404);
+    EXPECT_TRUE(outcome.resources[2].is_folder);
+    EXPECT_EQ(outcome.resources[2].size, std::nullopt);
+  }
+}
+
+TEST(MultistatusTest, WhatIsNoMultistatusIsRefused) {
+  const std::string deep_start = R"(<multistatus xmlns="DAV:">)";
+  std::string deep = deep_start;
+  for (int i = 0; i < 100; ++i) {
+    deep += "<x>";
+  }
+  EXPECT_FALSE(Read(deep).complete);
+  EXPECT_FALSE(Read(deep_start).complete) << "cut short";
+  EXPECT_FALSE(Read(deep_start + "<response><href>" + std::string(100'000, 'x')).complete);
+  EXPECT_FALSE(Read("<html><body>Welcome</body></html>").complete);
+  EXPECT_FALSE(Read("<multistatus/>").complete) << "of no namespace";
+  EXPECT_FALSE(Read("").complete);
+}
+
+TEST(MultistatusTest, DocumentTypesAndTheirEntitiesAreRefused) {
+  const Outcome outcome = Read(R"(<!DOCTYPE multistatus [<!ENTITY e SYSTEM "file:///etc/passwd">
+    <!ENTITY a "aaaaaaaaaa"><!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>
+    <multistatus xmlns="DAV:"><response><href>&e;&b;</href></response></multistatus>)");
+  EXPECT_FALSE(outcome.complete);
+  EXPECT_TRUE(outcome.resources.empty());
+}
+
+TEST(MultistatusTest, AListingOfManyThousandEntriesIsRead) {
+  std::string document = R"(<D:multistatus xmlns:D="DAV:">)";
+  for (int i = 0; i < 100'000; ++i) {
+    document += "<D:response><D:href>/dav/folder/with/a/long/path/to/file%20number%20" +
+                std::to_string(i) + "</D:href><D:propstat><D:prop><D:getcontentlength>1" +
+                "</D:getcontentlength></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>" +
+                "</D:response>\n";
+  }
+  const Outcome outcome = Read(document + "</D:multistatus>", 16384);
+  EXPECT_TRUE(outcome.complete);
+  EXPECT_EQ(outcome.resources.size(), 100'000U);
+}
+
+}  // namespace
+}  // namespace tarn::webdav

@@ -1,0 +1,359 @@
+// The module against answers that real servers give rarely.
+#include <atomic>
+#include <chrono>
+#include <gmock/gmock.h>
+#include <thread>
+
+#include "tests/support/http/scripted_server.h"
+#include "tests/unit/webdav/webdav_fixture.h"
+
+namespace tarn::webdav {
+namespace {
+
+using namespace std::chrono_literals;
+using test::DavResponse;
+using test::HttpAnswer;
+using test::kDavFolder;
+using test::MultistatusAnswer;
+using test::ScriptedServer;
+using test::TextSource;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using Clock = std::chrono::steady_clock;
+using Reply = ScriptedServer::Reply;
+using Request = ScriptedServer::Request;
+
+const std::string kRootAnswer = MultistatusAnswer(DavResponse("/", kDavFolder));
+
+std::string FileAnswer(const std::string& href, const std::string& etag) {
+  return MultistatusAnswer(
+      DavResponse(href, "<D:resourcetype/><D:getcontentlength>3</D:getcontentlength><D:getetag>" +
+                            etag + "</D:getetag>"));
+}
+
+// The script sees all but the question that Connect asks.
+class ScriptedTest : public WebdavTest {
+ protected:
+  void Serve(const ScriptedServer::Script& script, const std::string& data = "") {
+    server = std::make_unique<ScriptedServer>([this, script](const Request& request) {
+      return connected ? script(request) : Reply{.bytes = kRootAnswer};
+    });
+    ASSERT_EQ(ConnectTo(server->Url(), data), SUCCESS) << message;
+    connected = true;
+  }
+  void TearDown() override {
+    WebdavTest::TearDown();
+    server.reset();
+  }
+
+  std::atomic<bool> connected{false};
+  std::unique_ptr<ScriptedServer> server;
+};
+
+TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
+  Serve([](const Request& request) {
+    if (request.method == "HEAD") {
+      return Reply{.bytes =
+                       "HTTP/1.1 200 OK\r\nContent-Length: 77\r\n"
+                       "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n\r\n"};
+    }
+    return Reply{
+        .bytes = MultistatusAnswer(
+            DavResponse("/dir%20one/", kDavFolder) + DavResponse("/dir%20one", kDavFolder) +
+            DavResponse("http://10.0.0.1/dir%20one/caf%c3%a9/", kDavFolder) +
+            DavResponse("relative", "<D:getcontentlength>1</D:getcontentlength>") +
+            DavResponse("/dir one/raw#name?", "<D:getcontentlength>2</D:getcontentlength>") +
+            DavResponse("/dir%20one/no-size", "<D:getetag>W/\"weak\"</D:getetag>") +
+            DavResponse("/dir%20one/%FF%FE", "<D:getcontentlength>9</D:getcontentlength>") +
+            DavResponse("/somewhere/else", "<D:getcontentlength>9</D:getcontentlength>") +
+            "<D:response><D:href>/dir%20one/forbidden</D:href><D:status>HTTP/1.1 403 No</D:status>"
+            "</D:response>")};
+  });
+  const auto entries = List("/dir one");
+  EXPECT_THAT(Names("/dir one"), ElementsAre("caf\u00e9", "no-size", "raw#name?", "relative"));
+  EXPECT_EQ(entries.at("caf\u00e9").is_folder, 1);
+  EXPECT_EQ(entries.at("no-size").size, 77U);
+  EXPECT_EQ(entries.at("no-size").modified.seconds, 784111777);
+  EXPECT_STREQ(entries.at("no-size").version, "\"weak\"");
+  EXPECT_STREQ(entries.at("relative").version, "~0-1");
+  EXPECT_THAT(log.Text(), HasSubstr("%FF%FE")) << "what is left out is told";
+}
+
+TEST_F(ScriptedTest, RedirectsAreFollowedAndTheDriveMovesToAnAddressOnTheSameHost) {
+  ScriptedServer target([](const Request& request) {
+    return Reply{.bytes = request.method == "PROPFIND"
+                              ? MultistatusAnswer(DavResponse("/new/", kDavFolder))
+                              : HttpAnswer(201)};
+  });
+  ScriptedServer entrance([&](const Request& request) {
+    return Reply{
+        .bytes = HttpAnswer(301, "",
+                            "Location: " + target.Url("/new") + request.target.substr(4) + "\r\n")};
+  });
+  ASSERT_EQ(ConnectTo(entrance.Url("/old")), SUCCESS) << message;
+  EXPECT_EQ(Put("/file", "abc"), SUCCESS);
+  EXPECT_EQ(entrance.Requests().size(), 1U);
+  EXPECT_EQ(target.Requests().back().target, "/new/file");
+  EXPECT_THAT(target.Requests().front().body, HasSubstr("propfind")) << "redirected with its body";
+}
+
+TEST_F(ScriptedTest, TokensAreShownToTheServerAndToNobodyElse) {
+  ScriptedServer stranger([](const Request&) { return Reply{.bytes = HttpAnswer(200, "abc")}; });
+  Serve(
+      [&](const Request& request) {
+        return Reply{.bytes =
+                         request.method == "GET"
+                             ? HttpAnswer(302, "", "Location: " + stranger.Url() + "?sig=q\r\n")
+                             : FileAnswer("/file", "\"1\"")};
+      },
+      R"(,"token":"top-secret")");
+  std::string content;
+  EXPECT_EQ(Get("/file", content), SUCCESS);
+  EXPECT_EQ(content, "abc");
+  EXPECT_EQ(server->Requests().front().Header("Authorization"), "Bearer top-secret");
+  EXPECT_EQ(stranger.Requests().front().Header("Authorization"), "");
+  EXPECT_THAT(log.Text(), HasSubstr("Authorization: Bearer..."));
+  EXPECT_THAT(log.Text(), Not(HasSubstr("top-secret")));
+  EXPECT_THAT(log.Text(), Not(HasSubstr("sig=q")));
+}
+
+TEST_F(ScriptedTest, ServersWithoutRangesAndWithWrongOnesAreNoticed) {
+  const std::string whole = "0123456789";
+  std::string answer = HttpAnswer(200, whole);
+  Serve([&](const Request&) { return Reply{.bytes = answer}; });
+  char part[4] = {};
+  unsigned long long received = 0;
+  EXPECT_EQ(protocol->Read("/f", 3, part, 4, &received), SUCCESS);
+  EXPECT_EQ(std::string(part, received), "3456");
+  EXPECT_EQ(protocol->Read("/f", 8, part, 4, &received), SUCCESS);
+  EXPECT_EQ(std::string(part, received), "89");
+  EXPECT_EQ(protocol->Read("/f", 20, part, 4, &received), SUCCESS);
+  EXPECT_EQ(received, 0U);
+  answer = HttpAnswer(206, "3456", "Content-Range: bytes 5-8/10\r\n");
+  EXPECT_EQ(protocol->Read("/f", 3, part, 4, &received), FILE_READ_FAILED);
+  answer = HttpAnswer(206, "3456");
+  EXPECT_EQ(protocol->Read("/f", 3, part, 4, &received), FILE_READ_FAILED);
+  EXPECT_EQ(received, 0U);
+}
+
+TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMore) {
+  std::atomic<int> calls{0};
+  Serve([&](const Request& request) {
+    const int call = calls++;
+    if (request.target == "/busy") {
+      return Reply{.bytes = call == 0 ? HttpAnswer(503) : FileAnswer("/busy", "\"1\"")};
+    }
+    if (request.target == "/down") {
+      return Reply{.bytes = HttpAnswer(503)};
+    }
+    const std::string answer = HttpAnswer(206, "abcd", "Content-Range: bytes 0-3/4\r\n");
+    return call == 0 ? Reply{.bytes = answer.substr(0, answer.size() - 2), .closes = true}
+                     : Reply{.bytes = answer};
+  });
+  std::string content;
+  EXPECT_EQ(Get("/cut", content), SUCCESS);
+  EXPECT_EQ(content, "abcd");
+  FS_INFO info{};
+  calls = 0;
+  EXPECT_EQ(protocol->GetInfo("/busy", &info), SUCCESS);
+  calls = 0;
+  EXPECT_EQ(protocol->GetInfo("/down", &info), DEVICE_NOT_READY);
+  EXPECT_EQ(calls, 2);
+}
+
+TEST_F(ScriptedTest, AnUploadThatWasBegunIsNotSentAgain) {
+  Serve([&](const Request& request) {
+    if (request.method == "PUT") {
+      return Reply{.bytes = "", .closes = true};  // after the whole content, without an answer
+    }
+    return Reply{.bytes = FileAnswer("/file", "\"1\"")};
+  });
+  FS_INFO info{};
+  EXPECT_EQ(protocol->GetInfo("/file", &info), SUCCESS);  // leaves a connection to be used again
+  EXPECT_EQ(Put("/file", "content"), DEVICE_NOT_READY);
+  EXPECT_EQ(server->Count("PUT"), 1);
+}
+
+TEST_F(ScriptedTest, AConnectionThatTheServerClosedIsReplaced) {
+  Serve([&](const Request& request) {
+    return Reply{.bytes = request.method == "PUT" ? HttpAnswer(201) : FileAnswer("/f", "\"1\""),
+                 .closes = true};
+  });
+  FS_INFO info{};
+  for (int i = 0; i < 10; ++i) {  // the end may or may not have been noticed before
+    EXPECT_EQ(protocol->GetInfo("/f", &info), SUCCESS);
+  }
+  for (int i = 0; i < 3; ++i) {
+    const int requests = static_cast<int>(server->Requests().size());
+    while (server->Closed() < requests - 1) {  // Connect's connection was kept
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(Put("/f", "content"), SUCCESS);
+  }
+  EXPECT_EQ(server->Count("PUT"), 3);
+}
+
+TEST_F(ScriptedTest, RefusalsBecomeResultsAndTheServersWordsAreLogged) {
+  int status = 0;
+  Serve([&](const Request&) {
+    return Reply{.bytes = HttpAnswer(status, "<html><h1>The disk</h1> is <b>full</b></html>")};
+  });
+  struct Case {
+    int status;
+    AERROR upload;
+    AERROR deletion;
+  };
+  for (const Case& c :
+       {Case{401, ACCESS_DENIED, ACCESS_DENIED}, Case{403, ACCESS_DENIED, ACCESS_DENIED},
+        Case{423, SHARING_VIOLATION, SHARING_VIOLATION},
+        Case{503, DEVICE_NOT_READY, DEVICE_NOT_READY},
+        Case{413, FILE_WRITE_FAILED, FILE_WRITE_FAILED},
+        Case{507, FILE_WRITE_FAILED, FILE_WRITE_FAILED}}) {
+    status = c.status;
+    EXPECT_EQ(Put("/f", "x"), c.upload) << status;
+    EXPECT_EQ(protocol->DeleteFile("/f"), c.deletion) << status;
+  }
+  EXPECT_THAT(log.Text(), HasSubstr("507 As Scripted: The disk is full"));
+}
+
+TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
+  std::string etag = "W/\"1\"";  // a server that compares weak tags refuses even its own
+  Serve([&](const Request& request) {
+    if (request.method != "PUT") {
+      return Reply{.bytes = FileAnswer("/f", etag)};
+    }
+    const bool is_conditional = !request.Header("If-Match").empty();
+    return Reply{.bytes = HttpAnswer(is_conditional ? 412 : 204)};
+  });
+  EXPECT_EQ(Put("/f", "abc", "\"1\""), SUCCESS);
+  EXPECT_EQ(server->Requests().back().body, "abc");
+  EXPECT_EQ(server->Requests().back().Header("If-Match"), "");
+  etag = "\"2\"";
+  EXPECT_EQ(Put("/f", "abc", "\"1\""), SHARING_VIOLATION);
+}
+
+TEST_F(ScriptedTest, AnUploadReportsItsProgressToTheEnd) {
+  Serve([](const Request&) { return Reply{.bytes = HttpAnswer(201, "", "ETag: \"new\"\r\n")}; });
+  TextSource text(std::string(2'000'000, 'x'));
+  struct Seen {
+    long long total = 0;
+    long long sent = 0;
+  } seen;
+  const auto note = [](long long total, long long sent, void* context, double) {
+    EXPECT_GE(sent, static_cast<Seen*>(context)->sent);
+    *static_cast<Seen*>(context) = {total, sent};
+  };
+  EXPECT_EQ(protocol->Upload("/f", &text.source, text.content.size(), note, &seen), SUCCESS);
+  EXPECT_EQ(seen.total, 2'000'000);
+  EXPECT_EQ(seen.sent, 2'000'000);
+  EXPECT_STREQ(text.source.version, "\"new\"");
+  EXPECT_EQ(server->Requests().back().body, text.content);
+}
+
+TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
+  const std::string slow = HttpAnswer(200, std::string(1000, 'x'));
+  std::atomic<bool> drips{true};
+  Serve([&](const Request&) { return Reply{.bytes = slow, .between_parts = drips ? 1s : 0s}; });
+  std::atomic<int> started{0};
+  std::atomic<int> cancelled{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 20; ++i) {  // some of them wait for a connection
+    readers.emplace_back([&] {
+      ++started;
+      std::string content;
+      cancelled += Get("/slow", content) == READ_CANCELED ? 1 : 0;
+    });
+  }
+  while (server->Count("GET") < 16 || started < 20) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(server->Count("GET"), 16) << "more connections than allowed";
+  drips = false;  // for those who come only now
+  const auto start = Clock::now();
+  EXPECT_EQ(protocol->Cancel(), SUCCESS);
+  for (std::thread& reader : readers) {
+    reader.join();
+  }
+  EXPECT_LT(Clock::now() - start, 1s);
+  EXPECT_GE(cancelled, 16);
+  std::string content;
+  EXPECT_EQ(Get("/slow", content), SUCCESS);
+  EXPECT_EQ(content.size(), 1000U);
+}
+
+TEST_F(ScriptedTest, AllTransfersTogetherKeepToTheSpeedLimit) {
+  const std::string half = std::string(500'000, 'x');
+  const std::string answer = HttpAnswer(200, half);
+  Serve([&](const Request& request) {
+    return Reply{.bytes = request.method == "PUT" ? HttpAnswer(201) : answer};
+  });
+  protocol->SetOption("speedlimit", "1000000");
+  const auto start = Clock::now();
+  std::vector<std::thread> transfers;
+  for (int i = 0; i < 2; ++i) {
+    transfers.emplace_back([&] {
+      std::string content;
+      EXPECT_EQ(Get("/f", content), SUCCESS);
+    });
+    transfers.emplace_back([&] { EXPECT_EQ(Put("/f", half), SUCCESS); });
+  }
+  for (std::thread& transfer : transfers) {
+    transfer.join();
+  }
+  const std::chrono::duration<double> taken = Clock::now() - start;
+  EXPECT_GT(taken.count(), 1.8);
+  EXPECT_LT(taken.count(), 2.6);
+  protocol->SetOption("speedlimit", "0");
+  const auto unlimited = Clock::now();
+  EXPECT_EQ(Put("/f", std::string(5'000'000, 'x')), SUCCESS);
+  EXPECT_LT(Clock::now() - unlimited, 3s);
+}
+
+TEST_F(ScriptedTest, TheSizeIsTheOneThatWasSetElseTheServers) {
+  std::string quota =
+      "<D:quota-available-bytes>600</D:quota-available-bytes>"
+      "<D:quota-used-bytes>400</D:quota-used-bytes>";
+  ScriptedServer with_quota([&](const Request&) {
+    return Reply{.bytes = MultistatusAnswer(DavResponse("/", kDavFolder + quota))};
+  });
+  ASSERT_EQ(ConnectTo(with_quota.Url()), SUCCESS);
+  EXPECT_EQ(protocol->GetCapabilities() & FS_HAS_SIZE, FS_HAS_SIZE);
+  unsigned long long total = 0;
+  unsigned long long free = 0;
+  EXPECT_EQ(protocol->GetSize(&total, &free), SUCCESS);
+  EXPECT_EQ(total, 1000U);
+  EXPECT_EQ(free, 600U);
+  quota = "<D:quota-available-bytes>-3</D:quota-available-bytes>";
+  EXPECT_EQ(protocol->GetSize(&total, &free), NOT_SUPPORTED);
+  protocol->SetSize(5000, 1000);
+  EXPECT_EQ(protocol->GetSize(&total, &free), SUCCESS);
+  EXPECT_EQ(free, 4000U);
+}
+
+TEST_F(WebdavTest, AServerThatCannotBeReachedSaysWhyAndItsIdentityIsOfTheRequest) {
+  EXPECT_EQ(ConnectTo("http://127.0.0.1:1/dav"), DEVICE_NOT_READY);
+  EXPECT_THAT(message, HasSubstr("refuses connections"));
+  EXPECT_EQ(ConnectTo("http://no-such-host.invalid/"), DEVICE_NOT_READY);
+  EXPECT_THAT(message, HasSubstr("cannot be resolved"));
+  EXPECT_EQ(ConnectTo("ftp://127.0.0.1/"), INVALID_PARAMETER);
+  ScriptedServer no_dav([](const Request&) { return Reply{.bytes = HttpAnswer(200, "Welcome")}; });
+  EXPECT_EQ(ConnectTo(no_dav.Url()), FAILED);
+  EXPECT_THAT(message, HasSubstr("no WebDAV answer"));
+
+  ScriptedServer server([](const Request&) { return Reply{.bytes = kRootAnswer}; });
+  ASSERT_EQ(ConnectTo(server.Url("/a b"), R"(,"user":"bob")"), SUCCESS);
+  std::string identity(256, '\0');
+  int length = 10;
+  EXPECT_EQ(protocol->GetIdentity(identity.data(), &length), INSUFFICIENT_BUFFER);
+  length = 256;
+  EXPECT_EQ(protocol->GetIdentity(identity.data(), &length), SUCCESS);
+  identity.resize(static_cast<size_t>(length));
+  EXPECT_EQ(identity, "webdav:bob@" + server.Url("/a%20b/"));
+  FS_INFO info{};
+  protocol->Disconnect();
+  EXPECT_EQ(protocol->GetInfo("/", &info), DEVICE_NOT_READY);
+}
+
+}  // namespace
+}  // namespace tarn::webdav

@@ -1,0 +1,273 @@
+// The module against real servers.
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <thread>
+
+#include "tests/support/http/dav_server.h"
+#include "tests/unit/webdav/webdav_fixture.h"
+
+namespace tarn::webdav {
+namespace {
+
+namespace fs = std::filesystem;
+using test::DavServer;
+using test::TextSource;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr size_t kBytes = 20'000'000;
+constexpr size_t kPartBytes = 500'001;
+
+std::string Pattern(size_t bytes) {
+  std::string text(bytes, '\0');
+  for (size_t i = 0; i < bytes; ++i) {
+    text[i] = static_cast<char>(i * 7919 >> 3);
+  }
+  return text;
+}
+
+class ServerTest : public WebdavTest, public testing::WithParamInterface<DavServer::Kind> {
+ protected:
+  void SetUp() override {
+    ASSERT_NO_FATAL_FAILURE(WebdavTest::SetUp());
+    ASSERT_EQ(ConnectTo(server.Url()), SUCCESS) << message;
+  }
+  bool IsApache() const { return GetParam() == DavServer::Kind::kApache; }
+
+  DavServer server{GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(Servers, ServerTest,
+                         testing::Values(DavServer::Kind::kApache, DavServer::Kind::kNginx),
+                         [](const auto& tested) {
+                           return tested.param == DavServer::Kind::kApache ? "Apache" : "Nginx";
+                         });
+
+TEST_P(ServerTest, NamesOfEveryKindGoInAndComeOut) {
+  const std::vector<std::string> names = {
+      "plain.txt", "with blank", "hash#mark",    "question?mark", "percent%41",
+      "quote\"'s", "amp&lt;<b>", "plus+semi;",   "back\\slash",   "colon:at@",
+      "caf\u00e9", "cafe\u0301", "\u65e5\u672c", "trailing.",     "[brackets]{}|^`",
+  };
+  std::vector<std::string> expected = names;
+  std::sort(expected.begin(), expected.end());
+  ASSERT_EQ(protocol->CreateFolder("/a # folder"), SUCCESS);
+  for (const std::string& name : names) {
+    const std::string path = "/a # folder/" + name;
+    ASSERT_EQ(Put(path.c_str(), "content of " + name), SUCCESS) << name;
+    EXPECT_EQ(server.ReadFile(path), "content of " + name);
+  }
+  EXPECT_EQ(Names("/a # folder"), expected);
+  for (const std::string& name : names) {
+    const std::string path = "/a # folder/" + name;
+    std::string content;
+    EXPECT_EQ(Get(path.c_str(), content), SUCCESS) << name;
+    EXPECT_EQ(content, "content of " + name);
+    ASSERT_EQ(protocol->CreateFolder((path + ".d").c_str()), SUCCESS) << name;
+    EXPECT_EQ(protocol->Move(path.c_str(), (path + ".d/" + name).c_str()), SUCCESS) << name;
+    EXPECT_EQ(protocol->DeleteFile((path + ".d/" + name).c_str()), SUCCESS) << name;
+    EXPECT_EQ(protocol->DeleteFolder((path + ".d").c_str()), SUCCESS) << name;
+  }
+  EXPECT_TRUE(fs::is_empty(server.Root() / "a # folder"));
+}
+
+TEST_P(ServerTest, ListingsAndInfosSayTheSame) {
+  server.WriteFile("file", "12345");
+  fs::create_directory(server.Root() / "folder");
+  const auto entries = List("/");
+  ASSERT_EQ(entries.size(), 2U);
+  EXPECT_EQ(entries.at("folder").is_folder, 1);
+  EXPECT_EQ(entries.at("file").is_folder, 0);
+  EXPECT_EQ(entries.at("file").size, 5U);
+  const auto age = std::time(nullptr) - entries.at("file").modified.seconds;
+  EXPECT_TRUE(age >= 0 && age < 600) << age;
+  FS_INFO info{};
+  EXPECT_EQ(protocol->GetInfo("/file", &info), SUCCESS);
+  EXPECT_STREQ(info.version, entries.at("file").version);
+  EXPECT_STRNE(info.version, "");
+  EXPECT_EQ(protocol->GetInfo("/folder", &info), SUCCESS);
+  EXPECT_EQ(info.is_folder, 1);
+  EXPECT_EQ(protocol->GetInfo("/", &info), SUCCESS);
+  EXPECT_EQ(info.is_folder, 1);
+}
+
+TEST_P(ServerTest, PartsOfLargeFilesAreReadByManyThreadsAtOnce) {
+  const std::string content = Pattern(kBytes);
+  ASSERT_EQ(Put("/large", content), SUCCESS);
+  EXPECT_EQ(server.ReadFile("large"), content);
+  std::vector<std::thread> readers;
+  for (size_t start = 0; start < kBytes; start += kPartBytes) {  // more threads than connections
+    readers.emplace_back([this, start, &content] {
+      std::string part(kPartBytes, '\0');
+      unsigned long long received = 0;
+      EXPECT_EQ(protocol->Read("/large", start, part.data(), part.size(), &received), SUCCESS);
+      EXPECT_EQ(received, std::min(kPartBytes, kBytes - start));
+      EXPECT_EQ(part.substr(0, received), content.substr(start, received));
+    });
+  }
+  for (std::thread& reader : readers) {
+    reader.join();
+  }
+  char byte = 0;
+  unsigned long long received = 1;
+  EXPECT_EQ(protocol->Read("/large", kBytes, &byte, 1, &received), SUCCESS);
+  EXPECT_EQ(received, 0U);
+}
+
+TEST_P(ServerTest, SomebodyElsesChangeIsNotOverwritten) {
+  ASSERT_EQ(Put("/file", "first", ""), SUCCESS);
+  const std::string first = Version("/file");
+  server.WriteFile("file", "theirs, longer");
+  EXPECT_EQ(Put("/file", "mine", first.c_str()), SHARING_VIOLATION);
+  EXPECT_EQ(Put("/file", "mine", ""), SHARING_VIOLATION) << "nothing may be there";
+  EXPECT_EQ(server.ReadFile("file"), "theirs, longer");
+  const std::string theirs = Version("/file");
+  EXPECT_NE(theirs, first);
+  std::string stored;
+  EXPECT_EQ(Put("/file", "mine now", theirs.c_str(), &stored), SUCCESS);
+  EXPECT_EQ(server.ReadFile("file"), "mine now");
+  if (!stored.empty()) {
+    EXPECT_EQ(stored, Version("/file"));
+  }
+  EXPECT_EQ(Put("/other", "x", first.c_str()), SHARING_VIOLATION) << "what was there is gone";
+  EXPECT_EQ(Put("/file", "whatever was there"), SUCCESS);
+  EXPECT_EQ(server.ReadFile("file"), "whatever was there");
+  EXPECT_EQ(Names("/"), std::vector<std::string>{"file"});
+}
+
+TEST_P(ServerTest, AFailedUploadLeavesTheOldFile) {
+  ASSERT_EQ(Put("/file", "old"), SUCCESS);
+  TextSource broken(std::string(3'000'000, 'x'));
+  broken.fail_at = 2'000'000;
+  EXPECT_EQ(protocol->Upload("/file", &broken.source, 3'000'000, nullptr, nullptr),
+            FILE_READ_FAILED);
+  TextSource too_short("abc");
+  EXPECT_EQ(protocol->Upload("/file", &too_short.source, 4, nullptr, nullptr), FILE_READ_FAILED);
+  EXPECT_EQ(server.ReadFile("file"), "old");
+  EXPECT_EQ(Put("/file", ""), SUCCESS);
+  EXPECT_EQ(fs::file_size(server.Root() / "file"), 0U);
+}
+
+TEST_P(ServerTest, MovesReplaceFilesAndEmptyFoldersOnly) {
+  server.WriteFile("a", "content of a");
+  server.WriteFile("b", "content of b");
+  for (const char* path : {"/folder", "/empty", "/full", "/full/x"}) {
+    ASSERT_EQ(protocol->CreateFolder(path), SUCCESS);
+  }
+  ASSERT_EQ(Put("/folder/inside", "content"), SUCCESS);
+  EXPECT_EQ(protocol->Move("/a", "/b"), SUCCESS);
+  EXPECT_EQ(server.ReadFile("b"), "content of a");
+  EXPECT_FALSE(fs::exists(server.Root() / "a"));
+  EXPECT_EQ(protocol->Move("/b", "/folder/b"), SUCCESS);
+  EXPECT_EQ(protocol->Move("/folder", "/full"), DIR_NOT_EMPTY);
+  EXPECT_EQ(protocol->Move("/folder", "/empty"), SUCCESS);
+  EXPECT_EQ(server.ReadFile("empty/inside") + server.ReadFile("empty/b"), "contentcontent of a");
+  EXPECT_EQ(protocol->Move("/empty", "/new name"), SUCCESS);
+  EXPECT_EQ(protocol->Move("/new name/b", "/full"), ALREADY_EXISTS);
+  EXPECT_EQ(protocol->Move("/full", "/new name/b"), ALREADY_EXISTS);
+  EXPECT_EQ(protocol->Move("/gone", "/anything"), FILE_NOT_FOUND);
+  if (IsApache()) {  // nginx makes the folder that is missing
+    EXPECT_EQ(protocol->Move("/new name/b", "/no/folder"), PATH_NOT_FOUND);
+  }
+  EXPECT_THAT(Names("/"), ElementsAre("full", "new name"));
+
+  protocol->SetOption("allow_move", "false");
+  EXPECT_EQ(protocol->Move("/full", "/elsewhere"), NOT_SUPPORTED);
+  EXPECT_EQ(protocol->Move("/new name/b", "/b"), SUCCESS);
+  protocol->SetOption("allow_move", "true");
+  EXPECT_EQ(protocol->Move("/full", "/elsewhere"), SUCCESS);
+}
+
+TEST_P(ServerTest, WhatCannotBeDoneSaysWhy) {
+  FS_INFO info{};
+  std::string content;
+  ASSERT_EQ(protocol->CreateFolder("/full"), SUCCESS);
+  ASSERT_EQ(Put("/full/file", "x"), SUCCESS);
+  EXPECT_EQ(protocol->GetInfo("/gone", &info), FILE_NOT_FOUND);
+  EXPECT_EQ(Get("/gone", content), FILE_NOT_FOUND);
+  EXPECT_EQ(protocol->List("/gone", nullptr, nullptr), FILE_NOT_FOUND);
+  EXPECT_EQ(protocol->DeleteFile("/gone"), FILE_NOT_FOUND);
+  EXPECT_EQ(protocol->DeleteFolder("/gone"), FILE_NOT_FOUND);
+  EXPECT_EQ(protocol->DeleteFolder("/full/file"), INVALID_DIRECTORY);
+  EXPECT_EQ(protocol->CreateFolder("/full"), ALREADY_EXISTS);
+  EXPECT_EQ(protocol->CreateFolder("/no/folder"), PATH_NOT_FOUND);
+  EXPECT_EQ(Put("/no/file", "x"), PATH_NOT_FOUND);
+  EXPECT_EQ(protocol->DeleteFolder("/full"), DIR_NOT_EMPTY);
+  EXPECT_NE(protocol->DeleteFile("/full"), SUCCESS) << "a folder is not deleted as a file";
+  EXPECT_EQ(server.ReadFile("full/file"), "x");
+  EXPECT_EQ(protocol->GetInfo("/../etc", &info), INVALID_NAME);
+  EXPECT_EQ(protocol->Move("/full", "/../up"), INVALID_NAME);
+  EXPECT_EQ(ConnectTo(server.Url("/gone/")), PATH_NOT_FOUND);
+  EXPECT_THAT(message, HasSubstr("no such folder"));
+  EXPECT_EQ(ConnectTo(server.Url("/full/file")), PATH_NOT_FOUND);
+  EXPECT_EQ(ConnectTo(server.Url("/full")), SUCCESS);
+  EXPECT_EQ(Names("/"), std::vector<std::string>{"file"});
+}
+
+class LoginTest : public WebdavTest {
+ protected:
+  std::string CredentialOf(IProtocol_V2& connected) {
+    std::string text(65536, '\0');
+    int length = 65536;
+    EXPECT_EQ(connected.GetCredential(text.data(), &length), SUCCESS);
+    text.resize(static_cast<size_t>(length));
+    return text;
+  }
+  std::string UserOf(IProtocol_V2& connected) {
+    std::string text(4096, '\0');
+    int length = 4096;
+    EXPECT_EQ(connected.GetUserName(text.data(), &length), SUCCESS);
+    text.resize(static_cast<size_t>(length));
+    return text;
+  }
+};
+
+TEST_F(LoginTest, BasicAndDigestLoginsWorkAndNoSecretIsLogged) {
+  for (const auto login : {DavServer::Login::kBasic, DavServer::Login::kDigest}) {
+    const DavServer server(DavServer::Kind::kApache, {.login = login});
+    ASSERT_EQ(ConnectTo(server.Url(), R"(,"user":"alice","password":"open sesame")"), SUCCESS)
+        << message;
+    EXPECT_EQ(UserOf(*protocol), "alice");
+    EXPECT_EQ(CredentialOf(*protocol), "alice:open sesame");
+    std::vector<std::thread> writers;  // each on a connection of its own
+    for (int i = 0; i < 4; ++i) {
+      writers.emplace_back([this, i] {
+        const std::string path = "/file" + std::to_string(i);
+        EXPECT_EQ(Put(path.c_str(), Pattern(300'000), ""), SUCCESS);
+      });
+    }
+    for (std::thread& writer : writers) {
+      writer.join();
+    }
+    EXPECT_EQ(server.ReadFile("file3"), Pattern(300'000));
+    EXPECT_EQ(ConnectTo(server.Url(), R"(,"user":"alice","password":"guessed")"), ACCESS_DENIED);
+    EXPECT_THAT(message, HasSubstr("user and password"));
+    EXPECT_EQ(ConnectTo(server.Url()), ACCESS_DENIED);
+  }
+  const std::string logged = log.Text();
+  EXPECT_THAT(logged, HasSubstr("Authorization: Basic..."));
+  EXPECT_THAT(logged, HasSubstr("Authorization: Digest..."));
+  EXPECT_THAT(logged, Not(HasSubstr("open sesame")));
+  EXPECT_THAT(logged, Not(HasSubstr("YWxpY2U6")));  // "alice:" in a Basic login
+  EXPECT_THAT(logged, Not(HasSubstr("response=")));
+}
+
+TEST_F(LoginTest, CertificatesAreVerifiedUnlessTheClientSaysOtherwise) {
+  const DavServer server(DavServer::Kind::kApache, {.secure = true});
+  EXPECT_EQ(ConnectTo(server.Url(), "", "webdavs"), DEVICE_NOT_READY);
+  EXPECT_THAT(message, HasSubstr("certificate"));
+  EXPECT_EQ(ConnectTo(server.Url(), R"(,"insecure":1)", "webdavs"), SUCCESS) << message;
+  const std::string trusted = R"(,"ca_file":")" + server.Certificate() + "\"";
+  ASSERT_EQ(ConnectTo(server.Url(), trusted, "webdavs"), SUCCESS) << message;
+  EXPECT_EQ(Put("/file", "over TLS"), SUCCESS);
+  EXPECT_EQ(server.ReadFile("file"), "over TLS");
+
+  const DavServer other(DavServer::Kind::kApache, {.secure = true, .certified = "DNS:elsewhere"});
+  const std::string its_own = R"(,"ca_file":")" + other.Certificate() + "\"";
+  EXPECT_EQ(ConnectTo(other.Url(), its_own, "webdavs"), DEVICE_NOT_READY);
+  EXPECT_THAT(message, HasSubstr("certificate"));
+}
+
+}  // namespace
+}  // namespace tarn::webdav

@@ -100,12 +100,20 @@ class TestProtocol final : public IProtocol_V2 {
 }  // namespace
 
 #if defined(TEST_MODULE_INCOMPLETE)
-void GetSupportProtocol(char** list) { *list = ::strdup("incomplete"); }
+void GetSupportProtocol(char** list) {
+  *list = ::strdup("incomplete");
+}
 #else
-void GetSupportProtocol(char** list) { *list = ::strdup("none;test;ad_ftp"); }
-int GetProtocolVersion() { return 1; }
+void GetSupportProtocol(char** list) {
+  *list = ::strdup("none;test;ad_ftp");
+}
+int GetProtocolVersion() {
+  return 1;
+}
 #endif
-void FreeP(char* text) { std::free(text); }
+void FreeP(char* text) {
+  std::free(text);
+}
 bool GetProtocol(const char* connection_id, void* /*reserved*/, IProtocol_V2** protocol) {
   if (std::strcmp(connection_id, "null") != 0) {
     *protocol = std::make_unique<TestProtocol>(connection_id).release();

@@ -1,8 +1,8 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <ostream>
 #include <gtest/gtest.h>
+#include <ostream>
 
 #include "tarnsvc/CacheFolder.h"
 #include "tarnsvc/LogSettings.h"
@@ -20,7 +20,9 @@ struct IniCase {
   std::string value;
 };
 
-void PrintTo(const IniCase& shown, std::ostream* out) { *out << shown.what; }
+void PrintTo(const IniCase& shown, std::ostream* out) {
+  *out << shown.what;
+}
 
 class IniTest : public testing::TestWithParam<IniCase> {};
 

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <optional>
@@ -41,6 +42,10 @@ class MountingTest : public testing::Test {
   [[nodiscard]] int Unmount(const std::filesystem::path& mount_point) {
     return client->AskForResult(DriveMessage("disconnect", mount_point));
   }
+
+  // Writes a tree of folders and files into the volume, changes it and mounts once more, and looks
+  // for it there and in the folder `remote`. `mount` mounts the remote at `volume`.
+  void PutTreeThrough(const std::function<int()>& mount, const std::filesystem::path& remote);
 
   static void WriteFile(const std::filesystem::path& path, const std::string& content) {
     std::ofstream file(path, std::ios::binary);

@@ -29,7 +29,8 @@ class WebdavE2eTest : public MountingTest {
 class WebdavTreeTest : public WebdavE2eTest, public testing::WithParamInterface<DavServer::Kind> {};
 
 INSTANTIATE_TEST_SUITE_P(Servers, WebdavTreeTest,
-                         testing::Values(DavServer::Kind::kApache, DavServer::Kind::kNginx));
+                         testing::Values(DavServer::Kind::kApache, DavServer::Kind::kNginx),
+                         testing::PrintToStringParamName());
 
 TEST_P(WebdavTreeTest, ATreeGoesInAndComesOutBitForBit) {
   const DavServer server(GetParam());

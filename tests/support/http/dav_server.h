@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <ostream>
 #include <string>
 
 #include "tests/support/http/child_process.h"
@@ -48,5 +49,10 @@ class DavServer {
   int port = 0;
   std::unique_ptr<ChildProcess> process;
 };
+
+// For the names of tests.
+inline std::ostream& operator<<(std::ostream& stream, DavServer::Kind kind) {
+  return stream << (kind == DavServer::Kind::kApache ? "Apache" : "Nginx");
+}
 
 }  // namespace tarn::test

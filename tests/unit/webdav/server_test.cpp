@@ -40,9 +40,7 @@ class ServerTest : public WebdavTest, public testing::WithParamInterface<DavServ
 
 INSTANTIATE_TEST_SUITE_P(Servers, ServerTest,
                          testing::Values(DavServer::Kind::kApache, DavServer::Kind::kNginx),
-                         [](const auto& tested) {
-                           return tested.param == DavServer::Kind::kApache ? "Apache" : "Nginx";
-                         });
+                         testing::PrintToStringParamName());
 
 TEST_P(ServerTest, NamesOfEveryKindGoInAndComeOut) {
   const std::vector<std::string> names = {

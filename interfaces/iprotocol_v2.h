@@ -5,8 +5,8 @@
 #include "interfaces/irefobject.h"
 
 // Asks for the drive's total and free bytes: context given to SetQuotaCallback, null, where to put
-// the answer. Returns false, the values untouched, when there is no answer. May block for a minute;
-// never called while a program waits.
+// the answer. Returns false when there is no valid answer; the values then mean nothing. May block
+// for a minute: never to be called while a program waits.
 using QUOTA_CALLBACK = bool (*)(void* context, void* reserved, long long* total, long long* free);
 
 // One connection to a remote store, made by a protocol module.

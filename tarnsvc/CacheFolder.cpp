@@ -37,7 +37,7 @@ Claim ClaimFolder(const std::string& path, UniqueFd& lock) {
   if (!folder.valid()) {
     return Claim::kFailed;
   }
-  if (::flock(folder.get(), LOCK_EX | LOCK_NB) != 0) {
+  if (RetryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX | LOCK_NB); }) != 0) {
     return errno == EWOULDBLOCK ? Claim::kInUse : Claim::kFailed;
   }
   if (!IsSameFolder(folder.get(), path)) {

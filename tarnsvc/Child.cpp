@@ -61,6 +61,7 @@ bool ConnectChannels(CChildPipe& session, const std::string& name) {
     __LOG__A(logger, LOGLEVEL_ERROR, "%s:: failed to create client pipe of %s [%s:%d]",
              "StartChild", name.c_str(), TARN_SOURCE);
     Trace("client create failed\n");
+    tarn::RemoveFifos(tarn::EventChannel(wide_name));
     return false;
   }
   __LOG__A(logger, LOGLEVEL_DEBUG, "%s:: created to client pipe of %s [%s:%d]", "StartChild",
@@ -150,6 +151,9 @@ void StartChild(char* pipe_id, char* label) {
   StartLibraries(label);
   MountAndWait(*session);
   ReleaseLibraries();
+  if (!session->let_go()) {
+    ::_exit(1);  // a call into a module never came back: nothing may be destroyed under it
+  }
 }
 
 void StartCache(char* label) {

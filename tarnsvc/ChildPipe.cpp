@@ -61,9 +61,15 @@ const CChildPipe::Command CChildPipe::kCommands[] = {
 CChildPipe::CChildPipe() : request_pipe(tarn::ServiceIsGone), event_pipe(tarn::ServiceIsGone) {}
 
 CChildPipe::~CChildPipe() {
+  (void)let_go();   // whoever needs to know has asked before
+  mounter.reset();  // while what its last events go through is still there
+}
+
+bool CChildPipe::let_go() {
   if (recv_thread && recv_thread->joinable()) {
     recv_thread->join();
   }
+  return !mounter || mounter->let_go();
 }
 
 bool CChildPipe::connect(const std::wstring& name, void (*callback)(void*, int)) {
@@ -177,6 +183,8 @@ void CChildPipe::parse(const std::shared_ptr<char>& message) {
     }
   } catch (AERROR) {
     __LOG__A(logger, kError, "%s:: command ignored: not JSON [%s:%d]", "parse", TARN_SOURCE);
+  } catch (const std::exception& error) {
+    __LOG__A(logger, kError, "%s:: command lost: %s [%s:%d]", "parse", error.what(), TARN_SOURCE);
   }
 }
 

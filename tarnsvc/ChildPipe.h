@@ -17,8 +17,7 @@
 //           commands on the receive thread, joined by the destructor; send_fsevent() and
 //           request_drive_quota() on threads of the file-system library and of modules.
 // Locks:    handler_mutex guards events_enabled; quota_mutex makes questions go one at a time. Each
-// is
-//           held while a message is written, and neither while the other is taken.
+//           is held while a message is written, and neither while the other is taken.
 // Errors:   result codes. Waits end when a channel breaks or the service is gone.
 class CChildPipe {
  public:
@@ -50,6 +49,10 @@ class CChildPipe {
   static bool request_drive_quota(void* context, char* drive, long long* total, long long* free);
 
   [[nodiscard]] const std::shared_ptr<CMounter>& get_mounter() const { return mounter; }
+
+  // Waits for the receive thread and unmounts a drive that is still mounted. False: the drive, or a
+  // call inside a module, would not end; this object must then not be destroyed.
+  [[nodiscard]] bool let_go();
 
  private:
   struct Command;

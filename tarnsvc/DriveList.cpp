@@ -25,4 +25,14 @@ std::shared_ptr<CParentPipe> FindDrive(const std::string& drive) {
   return {};
 }
 
+void RemoveListedFifos() {
+  if (!childlist_lock.try_lock()) {
+    return;
+  }
+  for (const auto& child : child_list) {
+    child->remove_request_fifos();
+  }
+  childlist_lock.unlock();
+}
+
 }  // namespace tarn

@@ -19,4 +19,8 @@ namespace tarn {
 // The first listed drive with this "/data/drive"; empty when there is none.
 std::shared_ptr<CParentPipe> FindDrive(const std::string& drive) TARN_EXCLUDES(childlist_lock);
 
+// Removes the service's FIFO files of the drives that outlive it, as the process ends. Their
+// channels go on. Does nothing while somebody still holds the list.
+void RemoveListedFifos() TARN_EXCLUDES(childlist_lock);
+
 }  // namespace tarn

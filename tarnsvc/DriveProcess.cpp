@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -26,14 +27,22 @@ constexpr size_t kUnmountCommandBytes = 1024;
 constexpr auto kEndLimit = std::chrono::seconds(2);
 constexpr auto kEndPoll = std::chrono::milliseconds(50);
 
+void LogFailedStart(const char* path, int error) {
+  __LOG__A(logger, LOGLEVEL_ERROR, "%s:: failed to exec %s. errno %d [%s:%d]", "operator()", path,
+           error, TARN_SOURCE);
+}
+
 // The program path; empty where it does not fit.
 std::string ProgramPath() {
   std::array<char, kProgramPathBytes> folder = {};
-  if (::getcwd(folder.data(), folder.size()) == nullptr) {
-    return "";
+  const std::string path = ::getcwd(folder.data(), folder.size()) != nullptr
+                               ? folder.data() + std::string("/tarnsvc")
+                               : "";
+  if (!path.empty() && path.size() < kProgramPathBytes) {
+    return path;
   }
-  const std::string path = std::string(folder.data()) + "/tarnsvc";
-  return path.size() < kProgramPathBytes ? path : "";
+  LogFailedStart(path.c_str(), path.empty() ? errno : ENAMETOOLONG);
+  return "";
 }
 
 // This process's environment with the service's process id added; valid while `added` is.
@@ -54,9 +63,9 @@ std::vector<char*> DriveEnvironment(std::string& added) {
 // Runs in the forked process, so nothing here may lock or allocate but the one message, after which
 // nothing follows.
 [[noreturn]] void Execute(const char* path, const char* id, const char* label, char** variables) {
+  (void)::setpgid(0, 0);  // a Ctrl-C for the service must not end drives before they are unmounted
   ::execle(path, path, "-c", id, label, static_cast<char*>(nullptr), variables);
-  __LOG__A(logger, LOGLEVEL_ERROR, "%s:: failed to exec %s. errno %d [%s:%d]", "operator()", path,
-           errno, TARN_SOURCE);
+  LogFailedStart(path, errno);
   ::_exit(1);
 }
 
@@ -116,23 +125,21 @@ void DriveProcess::wait_for_end() {
   {
     // Reaped under the lock, so that no signal goes to a number that is free again.
     MutexLock held(lock);
-    (void)::waitpid(child, nullptr, 0);  // its exit status means nothing
+    // Its exit status means nothing.
+    (void)RetryOnInterrupt([&] { return ::waitpid(child, nullptr, 0); });
     pid = -1;
   }
   set_ended();
 }
 
-bool DriveProcess::end() {
-  if (ends_within(kEndLimit)) {
-    return true;
-  }
+void DriveProcess::end() {
   for (const int signal_number : {SIGTERM, SIGKILL}) {
-    send_signal(signal_number);
     if (ends_within(kEndLimit)) {
-      break;
+      return;
     }
+    send_signal(signal_number);
   }
-  return false;
+  (void)ends_within(kEndLimit);  // a process in uninterruptible sleep ends when its call does
 }
 
 void DriveProcess::set_ended() {
@@ -164,13 +171,20 @@ void DriveProcess::send_signal(int signal_number) {
 }
 
 void ForceUnmount(const std::string& drive) {
-  const std::string command = "umount -f " + drive;
-  if (drive.empty() || command.size() >= kUnmountCommandBytes) {
+  // A relative path must look like one: "LABEL=x" and "-a" mean something else to umount.
+  const std::string path = drive.starts_with('/') ? drive : "./" + drive;
+  if (drive.empty() || ("umount -f " + path).size() >= kUnmountCommandBytes) {
     return;
   }
-  if (!RunProgram({"umount", "-f", "--", drive.c_str()})) {
-    (void)RunProgram({"fusermount3", "-u", "-z", "--", drive.c_str()});  // not mounted: all is well
+  if (!RunProgram({"umount", "-f", "--", path.c_str()})) {
+    (void)RunProgram({"fusermount3", "-u", "-z", "--", path.c_str()});  // not mounted: all is well
   }
+}
+
+bool IsDeadVolume(const std::string& drive) {
+  struct statvfs status = {};
+  return ::statvfs(drive.c_str(), &status) != 0 && errno != ENOENT && errno != ENOTDIR &&
+         errno != EACCES;
 }
 
 }  // namespace tarn

@@ -22,13 +22,15 @@ class DriveProcess {
   // Returns the process id; -1 when it could not be started, which counts as its end.
   [[nodiscard]] pid_t start(const std::string& id, const std::string& label) TARN_EXCLUDES(lock);
 
+  // Instead of start(), when there is no thread for it: counts as its end.
+  void give_up() TARN_EXCLUDES(lock) { set_ended(); }
+
   // Returns when the process has ended and is reaped.
   void wait_for_end() TARN_EXCLUDES(lock);
 
   // Gives a process that is to end 2 s, then asks it with SIGTERM, then ends it with SIGKILL.
-  // Returns when it has ended, or at once when the service itself is stopping. True: it needed no
-  // signal.
-  bool end() TARN_EXCLUDES(lock);
+  // Returns when it has ended, or at once when the service itself is stopping.
+  void end() TARN_EXCLUDES(lock);
 
   [[nodiscard]] bool has_ended() const { return ended; }
 
@@ -46,5 +48,9 @@ class DriveProcess {
 // Forces the volume at `drive` off ("umount -f"; where that fails, as an ordinary user or with a
 // volume in use, "fusermount3 -u -z") and waits for it. Starts the commands without a shell.
 void ForceUnmount(const std::string& drive);
+
+// Whether a volume at `drive` has lost the process that served it. Not the answer of a folder, of a
+// volume that is well, or of nothing at all.
+[[nodiscard]] bool IsDeadVolume(const std::string& drive);
 
 }  // namespace tarn

@@ -1,5 +1,6 @@
 #include "tarnsvc/Mounter.h"
 
+#include <algorithm>
 #include <array>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -13,7 +14,6 @@
 #include "interfaces/module.h"
 #include "tarnsvc/FSEvent.h"
 #include "tarnsvc/Result.h"
-#include "tarnsvc/ServiceWatch.h"
 #include "tarnsvc/main.h"
 
 namespace {
@@ -109,12 +109,17 @@ CMounter::CMounter(void* child_pipe)
     : owner(child_pipe), fs_event(std::make_unique<FSEvent>(child_pipe).release(), ReleaseRef{}) {}
 
 CMounter::~CMounter() {
+  if (let_go()) {
+    unload_module();
+  }
+}
+
+bool CMounter::let_go() {
   if (mounted) {
     unmount();
   }
-  if (!mounted) {
-    unload_module();
-  }
+  return !mounted && std::all_of(added.begin(), added.end(),
+                                 [](const auto& protocol) { return protocol.expired(); });
 }
 
 void CMounter::unload_module() {
@@ -135,6 +140,7 @@ void* CMounter::FindModule(std::string wanted_type) {
 }
 
 int CMounter::get_protocol(Json info, IProtocol_V2** out) {
+  const auto watch = watch_service();
   *out = nullptr;
   module = FindModule(info.GetObject("/data/type"));
   if (module == nullptr) {
@@ -176,13 +182,16 @@ int CMounter::get_protocol(Json info, IProtocol_V2** out) {
   return result;
 }
 
-AERROR CMounter::connect(IProtocol_V2* protocol) {
-  // A module may take its time here, and the service may go away meanwhile.
-  const tarn::ServiceWatch watch([this] {
+// A module may take its time, and the service may go away meanwhile.
+std::unique_ptr<tarn::ServiceWatch> CMounter::watch_service() {
+  return std::make_unique<tarn::ServiceWatch>([this] {
     if (mounted) {
       unmount();
     }
   });
+}
+
+AERROR CMounter::connect(IProtocol_V2* protocol) {
   char* message = nullptr;
   const AERROR result = protocol->Connect(&message);
   if (message != nullptr) {
@@ -227,6 +236,7 @@ void CMounter::add_protocol(IProtocol_V2* protocol) {
   if (fs_drive != nullptr) {
     fs_drive->SetEventSink(fs_event);
     fs_drive->AddProtocol(shared);
+    added.push_back(shared);
   }
 }
 
@@ -260,6 +270,7 @@ int CMounter::unmount(std::string mount_point) {
 }
 
 void CMounter::for_each_protocol(const std::function<void(IProtocol_V2&)>& operation) {
+  const auto watch = watch_service();
   const int count = fs_drive != nullptr ? fs_drive->GetProtocolCount() : 0;
   for (int i = 0; i < count; ++i) {
     std::shared_ptr<IProtocol_V2> protocol;

@@ -4,23 +4,23 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/json.h"
 #include "common/sync.h"
 #include "interfaces/ifsdrive.h"
 #include "interfaces/ifsevent.h"
 #include "interfaces/iprotocol_v2.h"
+#include "tarnsvc/ServiceWatch.h"
 
 // Finds and loads the protocol module of the drive's type, connects its protocol object, mounts the
 // drive through the file-system library, and passes the service's settings on to every protocol of
 // the drive.
 //
 // Owned by: the child pipe. The protocols belong to the mounted drive, which lets go of them when
-// it
-//           is unmounted; only then may their module be unloaded.
+//           it is unmounted; only then may their module be unloaded.
 // Threads:  mount() and empty_mount() on the main thread, before the receive thread starts, which
-// runs
-//           the rest; request_protocol_quota() on threads of the protocols.
+//           runs the rest; request_protocol_quota() on threads of the protocols.
 // Locks:    `lock` serialises add_protocol().
 // Errors:   result codes. Throws an AERROR for information that lacks a member it needs, and
 //           std::range_error for text that is not UTF-8.
@@ -29,8 +29,7 @@ class CMounter {
   using QuotaProvider = bool (*)(void* owner, char* drive, long long* total, long long* free);
 
   explicit CMounter(void* child_pipe);
-  // Unmounts a drive that is still mounted and unloads the module, unless the drive could not be
-  // unmounted and still uses it.
+  // Unmounts a drive that is still mounted and unloads the module, unless somebody still uses it.
   ~CMounter();
   CMounter(const CMounter&) = delete;
   CMounter& operator=(const CMounter&) = delete;
@@ -62,6 +61,9 @@ class CMounter {
   int unmount();
   int unmount(std::string mount_point);
 
+  // Unmounts a drive that is still mounted. True: nothing uses this object or the module any more.
+  [[nodiscard]] bool let_go();
+
   void set_size(unsigned long long total, unsigned long long free);  // bytes
   void set_move_folder(int flag);                                    // 1: folders may be moved
   void set_speedlimit(long long speed);                              // bytes per second, 0 no limit
@@ -92,9 +94,11 @@ class CMounter {
  private:
   void for_each_protocol(const std::function<void(IProtocol_V2&)>& operation);
   void unload_module();
+  [[nodiscard]] std::unique_ptr<tarn::ServiceWatch> watch_service();
 
   IFSDrive* fs_drive = nullptr;
   tarn::Mutex lock;
   void* module = nullptr;
   std::shared_ptr<IFSEvent> fs_event;
+  std::vector<std::weak_ptr<IProtocol_V2>> added;  // those that somebody still holds can be called
 };

@@ -1,24 +1,28 @@
 #include "tarnsvc/NSession.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
 #include "common/frame.h"
 #include "common/log.h"
 #include "common/posix.h"
+#include "tarnsvc/main.h"
 
 namespace {
 
 constexpr int kReceiveWaitMilliseconds = 5000;
-constexpr int kSendProgressMilliseconds = 10000;
-constexpr auto kStopLimit = std::chrono::seconds(5);
+constexpr int kSendSliceMilliseconds = 100;
+constexpr auto kSendProgressLimit = std::chrono::seconds(10);
+constexpr int kUnsentBytes = 16384;
+constexpr auto kResultSlice = std::chrono::milliseconds(100);
 constexpr auto kResultLimit = std::chrono::seconds(30);
 constexpr auto kEmptySendPause = std::chrono::milliseconds(5);
 constexpr auto kResultPause = std::chrono::milliseconds(10);
@@ -37,6 +41,9 @@ CNSession::CNSession(void* owning_server, int socket, Callback notify)
     : sock(socket), callback(notify), owner(owning_server) {
   const int no_delay = 1;
   (void)::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof no_delay);
+  // Room shows after every few kilobytes that the client takes, not after megabytes.
+  const int unsent = kUnsentBytes;
+  (void)::setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsent, sizeof unsent);
   __LOG__A(logger, LOGLEVEL_DEBUG | LOGLEVEL_SERVICE, "%s Create CNSession [%s:%d]", "CNSession",
            TARN_SOURCE);
 }
@@ -76,9 +83,13 @@ void CNSession::receive_loop() {
       parse(tarn::DecodeFrameHeader(header));
     }
   }
-  disconnect();
-  if (callback != nullptr) {
-    callback(owner, "remove", this);
+  try {
+    disconnect();
+    if (callback != nullptr) {
+      callback(owner, "remove", this);
+    }
+  } catch (const std::exception&) {
+    // The thread ends all the same.
   }
   tarn::MutexLock lock(result_lock);
   receiving = false;
@@ -148,8 +159,16 @@ int CNSession::_send(const char* data, int length) {
   return sent;
 }
 
+// Up to 10 s without room for a byte; not at all once the session or the service is to end.
 bool CNSession::wait_until_writable(int fd) {
-  return PollOne(fd, POLLOUT, kSendProgressMilliseconds) > 0;
+  const auto deadline = std::chrono::steady_clock::now() + kSendProgressLimit;
+  while (running && ProcessStarted && std::chrono::steady_clock::now() < deadline) {
+    const int ready = PollOne(fd, POLLOUT, kSendSliceMilliseconds);
+    if (ready != 0) {
+      return ready > 0;
+    }
+  }
+  return false;
 }
 
 void CNSession::send_result(int code) {
@@ -163,7 +182,7 @@ void CNSession::send_result(int code) {
 int CNSession::sendNwait(const char* data, int length) {
   std::uint64_t mark = 0;
   (void)send_frame(data, length, mark);  // a session that has ended ends the wait too
-  return wait_result_after(mark);
+  return wait_result_after(mark, [] { return false; });
 }
 
 int CNSession::wait_result() {
@@ -172,17 +191,19 @@ int CNSession::wait_result() {
     tarn::MutexLock lock(result_lock);
     mark = result_signals;
   }
-  return wait_result_after(mark);
+  return wait_result_after(mark, [] { return false; });
 }
 
-int CNSession::wait_result_after(std::uint64_t mark) {
+int CNSession::wait_result_after(std::uint64_t mark, const std::function<bool()>& given_up) {
   const auto deadline = std::chrono::steady_clock::now() + kResultLimit;
   tarn::MutexLock lock(result_lock);
   while (result_signals == mark) {
-    if (!running || !result_cond.wait_until(result_lock, deadline)) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!running || now >= deadline || given_up()) {
       quota_error = -1;
       break;
     }
+    (void)result_cond.wait_until(result_lock, std::min(deadline, now + kResultSlice));
   }
   return quota_error;
 }
@@ -195,16 +216,42 @@ std::uint64_t CNSession::signal_result() {
   return result_signals;
 }
 
-CNSession::Quota CNSession::ask_quota(const std::string& question) {
-  tarn::MutexLock one_at_a_time(question_lock);
+CNSession::Quota CNSession::ask_quota(const std::string& question,
+                                      const std::function<bool()>& asker_gone) {
+  if (!take_turn(asker_gone)) {
+    return {};
+  }
+  std::uint64_t mark = 0;
+  (void)send_frame(question.data(), static_cast<int>(question.size()), mark);
+  const int error = wait_result_after(mark, asker_gone);
+  Quota quota;
   {
     tarn::MutexLock lock(result_lock);
-    quota_total = 0;
-    quota_free = 0;
+    quota = {quota_total, quota_free, error};
   }
-  const int error = sendNwait(question.data(), static_cast<int>(question.size()));
+  give_turn();
+  return quota;
+}
+
+// The answers name no drive, so one question is out at a time. True: it is this thread's turn.
+bool CNSession::take_turn(const std::function<bool()>& given_up) {
   tarn::MutexLock lock(result_lock);
-  return {quota_total, quota_free, error};
+  while (asking) {
+    if (!running || given_up()) {
+      return false;
+    }
+    (void)result_cond.wait_until(result_lock, std::chrono::steady_clock::now() + kResultSlice);
+  }
+  asking = true;
+  quota_total = 0;
+  quota_free = 0;
+  return true;
+}
+
+void CNSession::give_turn() {
+  tarn::MutexLock lock(result_lock);
+  asking = false;
+  result_cond.notify_all();
 }
 
 void CNSession::shut_down() {
@@ -227,19 +274,17 @@ void CNSession::close_socket() {
   }
 }
 
-void CNSession::stop() {
+void CNSession::stop(Deadline deadline) {
   shut_down();
-  std::shared_ptr<std::thread> thread;
+  std::shared_ptr<std::thread> thread;  // stays empty on the receive thread, which can't wait for
+                                        // itself; the destructor detaches it
   {
     tarn::MutexLock lock(sock_lock);
-    if (recv_thread && recv_thread->get_id() == std::this_thread::get_id()) {
-      thread = nullptr;  // must not wait for itself; the destructor detaches it
-    } else {
+    if (recv_thread && recv_thread->get_id() != std::this_thread::get_id()) {
       thread = std::exchange(recv_thread, nullptr);
     }
   }
-  if (thread && thread->joinable()) {
-    const auto deadline = std::chrono::steady_clock::now() + kStopLimit;
+  if (thread) {
     tarn::MutexLock lock(result_lock);
     while (receiving && result_cond.wait_until(result_lock, deadline)) {
     }

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -16,12 +18,11 @@
 // Owned by: the server's list, its own receive thread while that runs, and the drives it mounted.
 //           Made by make(), because it hands its own handle to those.
 // Threads:  the receive thread runs all commands, one at a time. allsend() and ask_quota() on any
-//           thread; stop() on any thread but, with the same meaning, the receive thread itself.
+//           thread; stop() on one other thread, and at its end on the receive thread itself.
 // Locks:    send_lock covers one outgoing frame and the closing of the socket (it comes after the
 //           server's sessionlist_lock); sock_lock covers the socket's number for an instant;
-//           result_lock the quota answer and the end of the receive thread; question_lock one quota
-//           question of any drive, held while the client is asked. result_lock and sock_lock are
-//           innermost.
+//           result_lock the quota answer, whose turn it is to ask, and the end of the receive
+//           thread. result_lock and sock_lock are innermost.
 // Errors:   results; whatever a handler throws ends in parse(), which answers and goes on.
 class CNSession {
  public:
@@ -38,9 +39,11 @@ class CNSession {
   // Starts the receive thread. Throws std::system_error where no thread can be had.
   void start();
 
-  // Ends the connection and waits for the receive thread, 5 s at most: a command that waits for a
-  // drive process outlives it. On the receive thread itself it only closes the socket.
-  void stop();
+  // Ends the connection and waits for the receive thread, until the deadline at most: a command
+  // that waits for something else outlives it. On the receive thread itself it only closes the
+  // socket.
+  using Deadline = std::chrono::steady_clock::time_point;
+  void stop(Deadline deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5));
   void disconnect() { stop(); }
 
   // Makes the receive thread end soon, without waiting for it.
@@ -70,14 +73,17 @@ class CNSession {
     std::int64_t free_bytes = 0;
     std::int32_t error = -1;  // greater than 0: the answer counts
   };
-  // Asks the client for a drive's quota, one question at a time. At once invalid without a client.
-  [[nodiscard]] Quota ask_quota(const std::string& question);
+  // Asks the client for a drive's quota, one question at a time. Invalid at once without a client,
+  // and soon when `asker_gone` answers true.
+  [[nodiscard]] Quota ask_quota(const std::string& question,
+                                const std::function<bool()>& asker_gone);
 
   // Reads a body of that many bytes, runs its command and answers.
   void parse(int length);
   [[nodiscard]] bool do_init(Json message);
 
   int mount(Json message);
+  void announce_drivesize_callback();
   static std::wstring GenRandomString();
   int unmount(Json message);
   void unmount_all(Json message);
@@ -87,7 +93,8 @@ class CNSession {
   int send_json_n_wait_string(Json message);
   int send_json_toall_n_wait_int(Json message);
 
-  // 0 no events asked for, 1 events of this client's drives, 2 of all drives.
+  enum Mode : int { kNoEvents = 0, kOwnEvents = 1, kAllEvents = 2 };
+  // Which events the client asked for.
   [[nodiscard]] int mode() const { return callback_mode; }
 
  private:
@@ -101,7 +108,9 @@ class CNSession {
   [[nodiscard]] bool wait_until_writable(int fd);
   int send_frame(const char* data, int length, std::uint64_t& mark);
   std::uint64_t signal_result();
-  [[nodiscard]] int wait_result_after(std::uint64_t mark);
+  [[nodiscard]] int wait_result_after(std::uint64_t mark, const std::function<bool()>& given_up);
+  [[nodiscard]] bool take_turn(const std::function<bool()>& given_up);
+  void give_turn();
 
   void run(const Command& command, const Json& message);
   void answer_incomplete(const Command& command);
@@ -126,7 +135,7 @@ class CNSession {
   void* const owner;
   std::shared_ptr<std::thread> recv_thread TARN_GUARDED_BY(sock_lock);
   bool drivesize_callback = false;
-  std::atomic<int> callback_mode{0};
+  std::atomic<int> callback_mode{kNoEvents};
   std::wstring winuser;
   int pid = 0;
   std::atomic<bool> running{false};
@@ -139,6 +148,6 @@ class CNSession {
   std::uint64_t result_signals TARN_GUARDED_BY(result_lock) = 0;
   bool receiving TARN_GUARDED_BY(result_lock) = false;
   tarn::Mutex sock_lock;
-  tarn::Mutex question_lock;
+  bool asking TARN_GUARDED_BY(result_lock) = false;
   std::weak_ptr<CNSession> self;
 };

@@ -21,15 +21,15 @@ enum class Incomplete { kNoDrive, kRefuse, kSilence };
 // What a body grows by while it arrives: memory follows the bytes that really came.
 constexpr int kBodyStepBytes = 64 * 1024;
 
-constexpr int kAllEvents = 2;
-constexpr int kOwnEvents = 1;
-
 int CallbackMode(int global) {
-  return global == 1 ? kAllEvents : kOwnEvents;
+  return global == 1 ? CNSession::kAllEvents : CNSession::kOwnEvents;
 }
 
 void LogCommand(LogForm form, const Json& message) {
   constexpr LOGLEVEL kLevel = LOGLEVEL_DEBUG | LOGLEVEL_SERVICE;
+  if (logger == nullptr || (logger->GetLevel() & LOGLEVEL_DEBUG) == 0) {
+    return;  // a message may hold megabytes of text
+  }
   if (form == LogForm::kOneBlank) {
     __LOG__A(logger, kLevel, "%s parse : %s [%s:%d]", "parse", message.ToText().c_str(),
              TARN_SOURCE);

@@ -29,17 +29,24 @@ std::string NarrowLabel(const std::wstring& wide) {
   return label;
 }
 
-// {"cmd":"fs_event","data":{"drive":drive,"method":method}}; without a drive when that is null.
-std::string DriveEvent(const std::string* drive, const char* method) {
-  JsonObject data;
-  if (drive != nullptr) {
-    data.Insert("drive", *drive);
-  }
-  data.Insert("method", std::string(method));
+std::string Event(const JsonObject& data) {
   Json event;
   event.Insert("cmd", std::string("fs_event"));
   event.Insert("data", data);
   return event.ToText();
+}
+
+std::string DriveEvent(const std::string& drive, const char* method) {
+  JsonObject data;
+  data.Insert("drive", drive);
+  data.Insert("method", std::string(method));
+  return Event(data);
+}
+
+std::string AllDisconnectedEvent() {
+  JsonObject data;
+  data.Insert("method", std::string("disconnected_all"));
+  return Event(data);
 }
 
 // The first character of UTF-8 text; half a character would make no JSON text.
@@ -79,6 +86,8 @@ int StartDrive(CParentPipe& drive, const std::wstring& id, const std::string& la
     result = drive.mount();
   } catch (AERROR) {
     // What the drive process said makes no sense: as if it could not be reached.
+  } catch (const std::system_error&) {
+    // No thread to receive its events.
   }
   __LOG__A(logger, result == kOk ? kDebug : kError,
            result == kOk ? "%s:: mounted. label :%s, pipe: %s [%s:%d]"
@@ -101,9 +110,9 @@ void AbandonDrive(const std::shared_ptr<CParentPipe>& drive) {
   }
 }
 
-void UnmountForGood(const std::shared_ptr<CParentPipe>& drive, const Json& message) {
+void UnmountForGood(const std::shared_ptr<CParentPipe>& drive, const std::string& command) {
   drive->state = CParentPipe::kUnmounting;
-  (void)drive->send_json_int(message);  // whatever it answers, it leaves the list
+  (void)drive->unmount(command);  // whatever it answers, it leaves the list
   drive->close();
   drive->state = CParentPipe::kClosed;
 }
@@ -121,7 +130,7 @@ std::wstring CNSession::GenRandomString() {
 
 int CNSession::mount(Json message) {
   const auto drive = std::make_shared<CParentPipe>();
-  message.Insert("callback", callback_mode != 0 ? 1 : 0);
+  message.Insert("callback", callback_mode != kNoEvents ? 1 : 0);
   drive->set_request(message, self.lock());
   (void)drive->mount_info.GetObject("/data");
   const std::wstring id = GenRandomString();
@@ -133,30 +142,29 @@ int CNSession::mount(Json message) {
   tarn::RemoveFifos(tarn::EventChannel(name));
   drive->state = CParentPipe::kStarting;
 
-  int result = kDriveUnreachable;
-  try {
-    result = StartDrive(*drive, id, label);
-  } catch (const std::system_error&) {
-    __LOG__A(logger, kError, "%s:: failed to execute child, label: %s, pipe: %s [%s:%d]", "mount",
-             label.c_str(), ws2s(id).c_str(), TARN_SOURCE);
-  }
+  const int result = StartDrive(*drive, id, label);
   if (result == kOk) {
     ListDrive(drive);
+    drive->clean_up_after_end();  // if it ended before it was listed
   }
   send_result(result);
   if (result == kOk) {
-    api_server.send_fsevent(this, DriveEvent(&drive->drive(), "connected"));
+    api_server.send_fsevent(this, DriveEvent(drive->drive(), "connected"));
     drive->set_mounted();
+  } else {
+    AbandonDrive(drive);
   }
+  announce_drivesize_callback();
+  return result;
+}
+
+// A client that provides sizes says so to every drive again once there may be one more.
+void CNSession::announce_drivesize_callback() {
   if (drivesize_callback) {
     Json announcement;
     announcement.Insert("cmd", std::string("set_drivesize_callback"));
     (void)send_json_toall_n_wait_int(announcement);
   }
-  if (result != kOk) {
-    AbandonDrive(drive);
-  }
-  return result;
 }
 
 int CNSession::unmount(Json message) {
@@ -166,12 +174,12 @@ int CNSession::unmount(Json message) {
   int result = kNoDrive;
   if (drive) {
     drive->state = CParentPipe::kUnmounting;
-    result = drive->send_json_int(message);
+    result = drive->unmount(message.ToText());
   }
   send_result(result);
   if (drive && result == kOk) {
     drive->state = CParentPipe::kClosed;
-    api_server.send_fsevent(this, DriveEvent(&name, "disconnected"));
+    api_server.send_fsevent(this, DriveEvent(name, "disconnected"));
     UnlistDrive(drive);
     drive->close();
   }
@@ -180,22 +188,21 @@ int CNSession::unmount(Json message) {
 
 void CNSession::unmount_all(Json message) {
   __LOG__A(logger, kDebug, "%s disconnect all [%s:%d]", "unmount_all", TARN_SOURCE);
+  const std::string command = message.ToText();
   std::string letters;
   std::list<std::shared_ptr<CParentPipe>> unmounted;  // dropped after the lock: that may wait
   {
     tarn::MutexLock lock(childlist_lock);
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (const auto& drive : child_list) {
       letters += FirstCharacter(drive->drive());
       try {
-        threads.emplace_back([drive, message] { UnmountForGood(drive, message); });
+        threads.emplace_back([drive, command] { UnmountForGood(drive, command); });
       } catch (const std::system_error&) {
-        UnmountForGood(drive, message);  // no thread to be had: one after the other then
+        UnmountForGood(drive, command);  // no thread to be had: one after the other then
       }
     }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    threads.clear();  // waits for them
     unmounted.swap(child_list);
   }
   unmounted.clear();
@@ -206,5 +213,5 @@ void CNSession::unmount_all(Json message) {
   (void)allsend(answer.ToText());  // a client that is gone needs no answer
   __LOG__A(logger, kDebug, "unmount all drive for %s [%s:%d]", answer.ToText().c_str(),
            TARN_SOURCE);
-  api_server.send_fsevent(this, DriveEvent(nullptr, "disconnected_all"));
+  api_server.send_fsevent(this, AllDisconnectedEvent());
 }

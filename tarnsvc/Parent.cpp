@@ -10,6 +10,7 @@
 #include "common/log.h"
 #include "common/posix.h"
 #include "interfaces/logger.h"
+#include "tarnsvc/DriveList.h"
 #include "tarnsvc/LogSettings.h"
 #include "tarnsvc/TCPServer.h"
 #include "tarnsvc/main.h"
@@ -86,6 +87,7 @@ bool StartServer() {
 
 void StopServer() {
   api_server.stop();
+  tarn::RemoveListedFifos();
 }
 
 void write_port(int port) {

@@ -1,8 +1,8 @@
 #include "tarnsvc/ParentPipe.h"
 
-#include <cerrno>
 #include <chrono>
-#include <sys/stat.h>
+#include <exception>
+#include <system_error>
 #include <utility>
 
 #include "common/log.h"
@@ -16,6 +16,19 @@ namespace {
 
 constexpr auto kLastEventsLimit = std::chrono::seconds(1);
 
+// The "/data/result" of an answer; -1 for an answer without one.
+int ResultOf(const char* answer) {
+  try {
+    const Json document(answer);
+    if (document.HasObject("/data/result")) {
+      return document.GetObject("/data/result");
+    }
+  } catch (AERROR) {
+    // Not JSON.
+  }
+  return kNoDrive;
+}
+
 }  // namespace
 
 CParentPipe::CParentPipe()
@@ -24,7 +37,12 @@ CParentPipe::CParentPipe()
 
 CParentPipe::~CParentPipe() {
   if (recv_thread && recv_thread->joinable()) {
-    recv_thread->join();
+    // It held a handle, so it has let go of this object, unless it is the one that ends it.
+    if (recv_thread->get_id() == std::this_thread::get_id()) {
+      recv_thread->detach();
+    } else {
+      recv_thread->join();
+    }
   }
 }
 
@@ -36,9 +54,13 @@ void CParentPipe::set_request(const Json& request, std::shared_ptr<CNSession> cr
 
 bool CParentPipe::execute_child(const std::wstring& id, const std::string& label) {
   pipe_name = tarn::PipeName(id);
-  std::thread([self = shared_from_this(), narrow_id = tarn::NarrowName(id), label] {
-    self->wait_for_process(narrow_id, label);
-  }).detach();
+  try {
+    std::thread([self = shared_from_this(), narrow_id = tarn::NarrowName(id), label] {
+      self->wait_for_process(narrow_id, label);
+    }).detach();
+  } catch (const std::system_error&) {
+    process.give_up();
+  }
   return true;
 }
 
@@ -56,29 +78,33 @@ void CParentPipe::wait_for_process(const std::string& id, const std::string& lab
 }
 
 void CParentPipe::clean_up_after_end() {
-  notifyUnexpectedDeathOfChild();
-  const std::shared_ptr<CParentPipe> self = shared_from_this();
-  tarn::MutexLock lock(childlist_lock);
-  for (const auto& child : child_list) {
-    if (child == self) {
-      tarn::ForceUnmount(drive_name);
-      child_list.remove(self);
-      close();
-      tarn::RemoveFifos(tarn::EventChannel(pipe_name));
-      break;
-    }
+  if (!process.has_ended()) {
+    return;
   }
+  let_receiver_finish();
+  (void)notifyUnexpectedDeathOfChild();  // the receive thread may have been first
+  bool was_listed = false;
+  {
+    tarn::MutexLock lock(childlist_lock);
+    const bool may_have_left_a_volume = volume_up || !mount_answered;
+    if (may_have_left_a_volume && tarn::IsDeadVolume(drive_name)) {
+      tarn::ForceUnmount(drive_name);
+    }
+    was_listed = child_list.remove(shared_from_this()) > 0;
+  }
+  if (was_listed) {
+    close();  // else whoever mounts or unmounts it still reads what the process has left
+  }
+  tarn::RemoveFifos(tarn::EventChannel(pipe_name));
 }
 
 void CParentPipe::set_mounted() {
   int expected = kStarting;
-  if (!state.compare_exchange_strong(expected, kMounted)) {
-    return;  // another client unmounts it already
-  }
-  if (process.has_ended()) {
-    clean_up_after_end();
-  } else if (!event_pipe.is_connected()) {
-    notifyUnexpectedDeathOfChild();
+  // Not when another client unmounts it already.
+  (void)state.compare_exchange_strong(expected, kMounted);
+  clean_up_after_end();
+  if (is_channel_broken()) {
+    notice_broken_channel();
   }
 }
 
@@ -106,21 +132,31 @@ int CParentPipe::mount() {
   if (!answer) {
     return kDriveUnreachable;
   }
+  mount_answered = true;
   const int result = Json(answer.get()).GetObject("/data/result");
   if (result == kOk) {
+    volume_up = true;
     start_recv();
   }
   return result;
 }
 
 std::shared_ptr<std::thread> CParentPipe::start_recv() {
-  {
-    tarn::MutexLock lock(receive_lock);
-    receiving = true;
+  set_receiving(true);
+  try {
+    recv_thread =
+        std::make_shared<std::thread>([self = shared_from_this()] { self->receive_events(); });
+  } catch (const std::system_error&) {
+    set_receiving(false);
+    throw;
   }
-  // Without a handle of its own: the destructor waits for this thread.
-  recv_thread = std::make_shared<std::thread>([this] { receive_events(); });
   return recv_thread;
+}
+
+void CParentPipe::set_receiving(bool now) {
+  tarn::MutexLock lock(receive_lock);
+  receiving = now;
+  receive_ended.notify_all();
 }
 
 void CParentPipe::receive_events() {
@@ -129,10 +165,17 @@ void CParentPipe::receive_events() {
     tarn::PausePipePoll();
   }
   relay_waiting_events();
-  notifyUnexpectedDeathOfChild();
-  tarn::MutexLock lock(receive_lock);
-  receiving = false;
-  receive_ended.notify_all();
+  set_receiving(false);
+  notice_broken_channel();
+}
+
+// A drive whose channel broke is gone for the clients. If its process lives on, it goes too: nobody
+// reads its events, and its programs would hang once the channel is full.
+void CParentPipe::notice_broken_channel() {
+  if (notifyUnexpectedDeathOfChild() && !process.has_ended()) {
+    close();
+    process.end();
+  }
 }
 
 void CParentPipe::relay_waiting_events() {
@@ -157,6 +200,9 @@ void CParentPipe::parse(const std::shared_ptr<char>& message) {
     __LOG__A(logger, LOGLEVEL_ERROR | LOGLEVEL_SERVICE,
              "%s:: event of %s not understood: %d [%s:%d]", "parse", drive_name.c_str(), error,
              TARN_SOURCE);
+  } catch (const std::exception& error) {
+    __LOG__A(logger, LOGLEVEL_ERROR | LOGLEVEL_SERVICE, "%s:: event of %s lost: %s [%s:%d]",
+             "parse", drive_name.c_str(), error.what(), TARN_SOURCE);
   }
 }
 
@@ -168,7 +214,8 @@ void CParentPipe::request_quota() {
   question.Insert("cmd", std::string("request_quota"));
   question.Insert("data", question_data);
 
-  const CNSession::Quota quota = creator_session->ask_quota(question.ToText());
+  const CNSession::Quota quota =
+      creator_session->ask_quota(question.ToText(), [this] { return is_broken(); });
 
   JsonObject answer_data;
   answer_data.Insert("total", static_cast<long long>(quota.total_bytes));
@@ -180,10 +227,10 @@ void CParentPipe::request_quota() {
   event_pipe.write(answer.ToText());
 }
 
-void CParentPipe::notifyUnexpectedDeathOfChild() {
+bool CParentPipe::notifyUnexpectedDeathOfChild() {
   int expected = kMounted;
   if (!state.compare_exchange_strong(expected, kClosed)) {
-    return;
+    return false;
   }
   JsonObject data;
   data.Insert("drive", drive_name);
@@ -193,39 +240,49 @@ void CParentPipe::notifyUnexpectedDeathOfChild() {
   event.Insert("cmd", std::string("fs_event"));
   event.Insert("data", data);
   api_server.send_fsevent(creator_session.get(), event.ToText());
+  return true;
 }
 
 int CParentPipe::send_json_int(const Json& message) {
   bool sent = false;
-  const std::shared_ptr<char> answer = ask(message, sent);
-  if (!answer) {
-    return sent ? kOk : kDriveUnreachable;
+  const std::shared_ptr<char> answer = ask(message.ToText(), sent);
+  return answer ? ResultOf(answer.get()) : result_without_answer(sent);
+}
+
+int CParentPipe::unmount(const std::string& command) {
+  bool sent = false;
+  const std::shared_ptr<char> answer = ask(command, sent);
+  const int result = answer ? ResultOf(answer.get()) : result_without_answer(sent);
+  if (answer && result == kOk) {
+    volume_up = false;
   }
-  try {
-    const Json document(answer.get());
-    if (document.HasObject("/data/result")) {
-      return document.GetObject("/data/result");
-    }
-  } catch (AERROR) {
-    // Not JSON: an answer without a result.
-  }
-  return kNoDrive;
+  return result;
 }
 
 std::string CParentPipe::send_json_string(const Json& message) {
   bool sent = false;
-  const std::shared_ptr<char> answer = ask(message, sent);
+  const std::shared_ptr<char> answer = ask(message.ToText(), sent);
   return answer ? answer.get() : "";
 }
 
-std::shared_ptr<char> CParentPipe::ask(const Json& message, bool& sent) {
+std::shared_ptr<char> CParentPipe::ask(const std::string& command, bool& sent) {
   tarn::MutexLock lock(command_lock);
-  sent = request_pipe.write(message.ToText());
+  sent = request_pipe.write(command);
   return sent ? wait_message() : nullptr;
 }
 
+// A drive that went away before it answered needs its command no more; one that a stopping service
+// no longer waits for may not have carried it out.
+int CParentPipe::result_without_answer(bool sent) const {
+  return sent && is_channel_broken() ? kOk : kDriveUnreachable;
+}
+
+bool CParentPipe::is_channel_broken() const {
+  return !request_pipe.is_connected() || !event_pipe.is_connected();
+}
+
 bool CParentPipe::is_broken() const {
-  return !request_pipe.is_connected() || !event_pipe.is_connected() || !ProcessStarted;
+  return is_channel_broken() || !ProcessStarted;
 }
 
 // The next message of the request channel; empty when none can come any more.
@@ -260,12 +317,11 @@ void CParentPipe::let_receiver_finish() {
 void CParentPipe::abandon() {
   state = kClosed;
   close();
-  const bool ended_by_itself = process.end();
-  struct stat status = {};
-  if (!ended_by_itself && ::stat(drive_name.c_str(), &status) != 0 && errno == ENOTCONN) {
-    tarn::ForceUnmount(drive_name);  // killed between its mount and its answer
-  }
-  // The request channel's files go with its object; a process that was killed leaves the others.
-  tarn::RemoveFifos(tarn::RequestChannel(pipe_name));
+  process.end();
+  remove_request_fifos();
   tarn::RemoveFifos(tarn::EventChannel(pipe_name));
+}
+
+void CParentPipe::remove_request_fifos() const {
+  tarn::RemoveFifos(tarn::RequestChannel(pipe_name));
 }

@@ -16,17 +16,16 @@ class CNSession;
 // request, carries commands to it and brings the answers back, receives its events and quota
 // questions, and tells the clients when it dies.
 //
-// Owned by: child_list while mounted, the session that mounts it, and the waiting thread until the
-//           process has ended. Holds its creator session alive.
-// Threads:  the waiting thread (detached, holds a shared handle), the receive thread (joined by the
-//           destructor), and any session thread that sends a command.
+// Owned by: child_list while mounted, the session that mounts it, its receive thread while that
+//           runs, and the waiting thread until the process has ended. Holds its creator session.
+// Threads:  the waiting thread (detached), the receive thread, and any session thread that sends a
+//           command.
 // Locks:    command_lock makes commands go out and come back one at a time; quota_mutex covers a
-// whole
-//           quota question; receive_lock guards `receiving`. None is taken while another is held.
-//           childlist_lock may be held around send_json_int and close(); the waiting thread marks
-//           the channels broken before it asks for it.
+//           whole quota question; receive_lock guards `receiving`. None of the three is taken while
+//           another is held. childlist_lock may be held around send_json_int and close(); the
+//           waiting thread marks the channels broken before it asks for it.
 // Errors:   result codes. Every wait ends when the process ends, a channel breaks or the service
-// stops.
+//           stops.
 class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
  public:
   enum State : int { kStarting = 0, kMounted = 1, kUnmounting = 2, kClosed = 3 };
@@ -43,8 +42,8 @@ class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
   // The drive's identity, "/data/drive" of the request.
   [[nodiscard]] const std::string& drive() const { return drive_name; }
 
-  // Starts the drive process on the waiting thread. Always true: what goes wrong ends the process,
-  // and with it every wait below.
+  // Starts the drive process on the waiting thread. Always true: what goes wrong counts as the end
+  // of the process, and ends every wait below.
   bool execute_child(const std::wstring& id, const std::string& label);
 
   // The request channel and the event channel of the pipe name.
@@ -61,6 +60,10 @@ class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
   // one, -6 when the command could not be sent, 0 when the drive went away before it answered.
   [[nodiscard]] int send_json_int(const Json& message);
 
+  // As send_json_int, for a command that unmounts. A drive that answers 0 has taken its volume
+  // away.
+  [[nodiscard]] int unmount(const std::string& command);
+
   // The whole answer; empty when there was none.
   [[nodiscard]] std::string send_json_string(const Json& message);
 
@@ -68,8 +71,8 @@ class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
   void parse(const std::shared_ptr<char>& message);
   void request_quota();
 
-  // Tells the clients, once, that a mounted drive went away.
-  void notifyUnexpectedDeathOfChild();
+  // Tells the clients, once, that a mounted drive went away. True: this was the time.
+  bool notifyUnexpectedDeathOfChild();
 
   // Closes both channels; ends every wait on them. Events that had come by then still reach the
   // clients, unless a client takes longer than a second over one.
@@ -78,13 +81,16 @@ class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
   // After a failed mount: ends the process and removes what it left.
   void abandon();
 
-  // What follows the end of the process: the event if it was mounted, the forced unmount, the list.
-  // Does nothing the second time, or for a drive that is not listed.
+  // Once the process has ended: the event if the drive was mounted, the forced unmount of a volume
+  // that it left behind, the list, the channels. Nothing to do the second time.
   void clean_up_after_end();
 
-  // A drive that is listed, and whose mount the clients have heard of, becomes one whose death they
-  // hear of too; also of a death in between.
+  // A drive whose mount the clients have heard of becomes one whose death they hear of too; also of
+  // a death in between.
   void set_mounted();
+
+  // Removes the files of the request channel, which nobody opens any more.
+  void remove_request_fifos() const;
 
   std::atomic<int> state{kClosed};
   Json mount_info;
@@ -95,12 +101,18 @@ class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
   void receive_events();
   void relay_waiting_events();
   void let_receiver_finish();
+  void set_receiving(bool now);
+  void notice_broken_channel();
   [[nodiscard]] bool is_broken() const;
   [[nodiscard]] std::shared_ptr<char> wait_message();
-  [[nodiscard]] std::shared_ptr<char> ask(const Json& message, bool& sent);
+  [[nodiscard]] bool is_channel_broken() const;
+  [[nodiscard]] std::shared_ptr<char> ask(const std::string& command, bool& sent);
+  [[nodiscard]] int result_without_answer(bool sent) const;
 
   std::string drive_name;
   std::wstring pipe_name;
+  std::atomic<bool> volume_up{false};       // mounted, and not taken away by the drive itself
+  std::atomic<bool> mount_answered{false};  // whatever the answer was
   tarn::DriveProcess process;
   CPipeSession request_pipe;
   CPipeSession event_pipe;

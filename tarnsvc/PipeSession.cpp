@@ -1,10 +1,13 @@
 #include "tarnsvc/PipeSession.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -16,6 +19,7 @@
 namespace {
 
 constexpr mode_t kFifoMode = 0666;
+constexpr int kRoomWaitMilliseconds = 50;
 constexpr auto kPollInterval = std::chrono::milliseconds(10);
 
 // Not one byte has come yet.
@@ -27,7 +31,8 @@ CPipeSession::CPipeSession(std::function<bool()> gone) : peer_gone(std::move(gon
 
 CPipeSession::~CPipeSession() {
   if (owner) {
-    tarn::RemoveFifos(name);
+    remove_fifo(tarn::FirstFifo(name), first_made);
+    remove_fifo(tarn::SecondFifo(name), second_made);
   }
 }
 
@@ -36,7 +41,7 @@ bool CPipeSession::create(std::wstring channel_name, void (*notify)(void*, int))
   callback = notify;
   const std::string incoming = tarn::FirstFifo(name);
   const std::string outgoing = tarn::SecondFifo(name);
-  if (!make_fifo(incoming)) {
+  if (!make_fifo(incoming, first_made)) {
     return false;
   }
   tarn::UniqueFd reader = tarn::OpenFile(incoming, O_RDWR | O_NONBLOCK);
@@ -45,7 +50,7 @@ bool CPipeSession::create(std::wstring channel_name, void (*notify)(void*, int))
   }
   tarn::MutexLock lock(io_mutex);
   read_fd = reader.release();
-  if (!make_fifo(outgoing) || !open_until_there(outgoing, O_WRONLY, write_fd)) {
+  if (!make_fifo(outgoing, second_made) || !open_until_there(outgoing, O_WRONLY, write_fd)) {
     return false;
   }
   owner = true;
@@ -112,16 +117,36 @@ void CPipeSession::mark_broken() {
   connected = false;
 }
 
+// Writes in pieces that a FIFO takes whole or not at all, each when there is room for it, so that
+// the wait for a peer that reads no more can be given up.
 bool CPipeSession::_write(const void* buffer, int length) {
-  // Several pieces only when a signal arrives in between, which a blocking write reports as short.
-  const ssize_t written = write_fd > 0 ? tarn::RetryOnInterrupt([&] {
-    return ::write(write_fd, buffer, static_cast<size_t>(length));
-  })
-                                       : -1;
-  if (written > 0 && written == length) {
-    return true;
+  const char* next = static_cast<const char*>(buffer);
+  int left = length;
+  while (left > 0 && wait_for_room()) {
+    const int piece = std::min(left, static_cast<int>(PIPE_BUF));
+    const ssize_t written =
+        tarn::RetryOnInterrupt([&] { return ::write(write_fd, next, static_cast<size_t>(piece)); });
+    if (written != piece) {
+      break;
+    }
+    next += piece;
+    left -= piece;
   }
-  connected = false;
+  const bool all_written = length > 0 && left == 0;
+  if (!all_written) {
+    connected = false;
+  }
+  return all_written;
+}
+
+// True also when the peer is gone: the write then says so.
+bool CPipeSession::wait_for_room() {
+  while (write_fd > 0 && !given_up()) {
+    pollfd entry = {write_fd, POLLOUT, 0};
+    if (::poll(&entry, 1, kRoomWaitMilliseconds) > 0) {
+      return true;
+    }
+  }
   return false;
 }
 
@@ -164,7 +189,8 @@ bool CPipeSession::given_up() const {
 bool CPipeSession::open_until_there(const std::string& fifo, int flags, int& fd) {
   for (;;) {
     tarn::UniqueFd opened = tarn::OpenFile(fifo, flags | O_NONBLOCK);
-    if (opened.valid()) {
+    struct stat status = {};
+    if (opened.valid() && ::fstat(opened.get(), &status) == 0 && S_ISFIFO(status.st_mode)) {
       fd = opened.release();
       return flags != O_WRONLY || ::fcntl(fd, F_SETFL, O_WRONLY) == 0;
     }
@@ -175,12 +201,25 @@ bool CPipeSession::open_until_there(const std::string& fifo, int flags, int& fd)
   }
 }
 
-bool CPipeSession::make_fifo(const std::string& fifo) {
+bool CPipeSession::make_fifo(const std::string& fifo, FileId& made) {
   struct stat status = {};
   if (::lstat(fifo.c_str(), &status) == 0) {
     (void)::remove(fifo.c_str());  // mkfifo tells when it is still there
   }
-  return ::mkfifo(fifo.c_str(), kFifoMode) == 0;
+  const auto make = [&] { return ::mkfifo(fifo.c_str(), kFifoMode); };
+  if (tarn::RetryOnInterrupt(make) != 0 || ::lstat(fifo.c_str(), &status) != 0) {
+    return false;
+  }
+  made = {status.st_dev, status.st_ino};
+  return true;
+}
+
+void CPipeSession::remove_fifo(const std::string& fifo, const FileId& made) {
+  struct stat status = {};
+  if (::lstat(fifo.c_str(), &status) == 0 && status.st_dev == made.device &&
+      status.st_ino == made.number) {
+    (void)::remove(fifo.c_str());  // somebody else was faster
+  }
 }
 
 namespace tarn {

@@ -4,17 +4,16 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 
 #include "common/sync.h"
 
 // One bidirectional, message-framed channel between two processes, made of two named FIFOs: `name`
-// +
-// "_1" carries messages to the side that made them, `name` + "_2" to the side that connected.
+// + "_1" carries messages to the side that made them, `name` + "_2" to the side that connected.
 //
 // Order:   create() or connect() once, then write() and read() from any threads, then close().
-// Threads: any. Waits poll in 10 ms steps and have no time limit; they end when the channel is
-// marked
-//          broken or `peer_gone` answers true.
+// Threads: any. Waits have no time limit; they end when the channel is marked broken or `peer_gone`
+//          answers true.
 // Locks:   io_mutex is held for a whole frame, also while the rest of one is awaited.
 // Errors:  results only. A failed write or a length that makes no sense marks the channel broken;
 //          what has already arrived can still be read then.
@@ -24,7 +23,8 @@ class CPipeSession {
   CPipeSession(const CPipeSession&) = delete;
   CPipeSession& operator=(const CPipeSession&) = delete;
 
-  // Removes both FIFOs on the creating side. Closes no descriptor: close() does.
+  // Removes both FIFOs on the creating side, if they are still the ones that it made. Closes no
+  // descriptor: close() does.
   ~CPipeSession();
 
   // Become the creating or the connecting side; return when the peer is there. False: a FIFO could
@@ -32,7 +32,7 @@ class CPipeSession {
   [[nodiscard]] bool create(std::wstring channel_name, void (*notify)(void*, int));
   [[nodiscard]] bool connect(std::wstring channel_name, void (*notify)(void*, int));
 
-  // Sends one frame. Blocks while the FIFO is full and its reader lives.
+  // Sends one frame. Waits while the FIFO is full.
   bool write(void* buffer, int length);
   bool write(const std::string& text);
 
@@ -51,12 +51,18 @@ class CPipeSession {
 
  private:
   bool _write(const void* buffer, int length) TARN_REQUIRES(io_mutex);
+  bool wait_for_room() TARN_REQUIRES(io_mutex);
   int _read(void* buffer, int length) TARN_REQUIRES(io_mutex);
   bool collect(char* buffer, int length, int already) TARN_REQUIRES(io_mutex);
 
   [[nodiscard]] bool given_up() const;
   bool open_until_there(const std::string& fifo, int flags, int& fd);
-  bool make_fifo(const std::string& fifo);
+  struct FileId {
+    dev_t device = 0;
+    ino_t number = 0;
+  };
+  static bool make_fifo(const std::string& fifo, FileId& made);
+  static void remove_fifo(const std::string& fifo, const FileId& made);
 
   std::wstring name;
   std::atomic<bool> connected{false};
@@ -67,6 +73,8 @@ class CPipeSession {
   bool owner = false;
 
   std::atomic<bool> broken{false};  // for good; also before the channel was connected
+  FileId first_made;  // an end of an earlier service's may still be about to remove its own
+  FileId second_made;
   const std::function<bool()> peer_gone;
 };
 

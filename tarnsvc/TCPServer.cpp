@@ -2,8 +2,10 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
 #include <unistd.h>
@@ -18,17 +20,23 @@ namespace {
 
 constexpr int kBacklog = 128;
 constexpr int kLastPort = 65535;
-constexpr int kAllEvents = 2;
+constexpr auto kStopLimit = std::chrono::seconds(5);
+constexpr auto kShortagePause = std::chrono::milliseconds(50);
 
 tarn::NeverDestroyed<CTCPServer> server_object;
 
-// A connection that failed before it was taken says nothing about the next one.
-bool ConcernsOneConnection(int error) {
-  return error == ECONNABORTED || error == EPROTO;
-}
-
 bool OutOfDescriptors(int error) {
   return error == EMFILE || error == ENFILE;
+}
+
+// The listening socket itself is no good any more; anything else concerns one connection or passes.
+bool IsForGood(int error) {
+  return error == EBADF || error == EINVAL || error == ENOTSOCK || error == EOPNOTSUPP;
+}
+
+bool IsConnectionWaiting(int listening_socket) {
+  pollfd entry = {listening_socket, POLLIN, 0};
+  return ::poll(&entry, 1, 0) > 0;
 }
 
 }  // namespace
@@ -51,7 +59,12 @@ int CTCPServer::start(int requested) {
       (void)socket.release();
       port = candidate;
       spare = tarn::OpenFile("/dev/null", O_RDONLY);
-      listen_thread = std::make_shared<std::thread>(&CTCPServer::ListenThread, this);
+      try {
+        listen_thread = std::make_shared<std::thread>(&CTCPServer::ListenThread, this);
+      } catch (const std::system_error&) {
+        stop();
+        port = -1;
+      }
       return port;
     }
     listen_socket = -1;
@@ -75,16 +88,24 @@ void CTCPServer::ListenThread(void* server) {
     tarn::UniqueFd connection = tarn::AcceptConnection(self->listen_socket);
     if (connection.valid()) {
       self->create_session(connection.release());
-    } else if (OutOfDescriptors(errno) && self->spare.valid()) {
-      // Takes the connection with the spare descriptor and ends it: the client learns at once that
-      // there is no room, and the next one is not waited for in vain.
-      self->spare.reset();
-      connection = tarn::AcceptConnection(self->listen_socket);
-      connection.reset();
-      self->spare = tarn::OpenFile("/dev/null", O_RDONLY);
-    } else if (!ConcernsOneConnection(errno)) {
+    } else if (IsForGood(errno)) {
       break;
+    } else if (OutOfDescriptors(errno)) {
+      self->refuse_connection();
     }
+  }
+}
+
+// Takes the waiting connection with the spare descriptor and ends it: the client learns at once
+// that there is no room, and the next one is not waited for in vain.
+void CTCPServer::refuse_connection() {
+  spare.reset();
+  if (IsConnectionWaiting(listen_socket)) {
+    const tarn::UniqueFd refused = tarn::AcceptConnection(listen_socket);
+  }
+  spare = tarn::OpenFile("/dev/null", O_RDONLY);
+  if (!spare.valid()) {
+    std::this_thread::sleep_for(kShortagePause);  // another thread got it: let it finish
   }
 }
 
@@ -140,8 +161,9 @@ void CTCPServer::stop() {
   for (const auto& session : sessions) {
     session->shut_down();  // all of them first, so that they end side by side
   }
+  const auto deadline = std::chrono::steady_clock::now() + kStopLimit;
   for (const auto& session : sessions) {
-    session->disconnect();
+    session->stop(deadline);
   }
 }
 
@@ -156,7 +178,7 @@ void CTCPServer::send_fsevent(CNSession* origin, const std::string& text) {
 void CTCPServer::send_to_receivers(const CNSession* origin, const char* text, int length_bytes) {
   tarn::MutexLock lock(sessionlist_lock);
   for (const auto& session : session_list) {
-    if (session.get() == origin || session->mode() == kAllEvents) {
+    if (session.get() == origin || session->mode() == CNSession::kAllEvents) {
       (void)session->allsend(text,
                              length_bytes);  // a client that is gone is no other client's loss
     }

@@ -18,8 +18,7 @@ class CNSession;
 // Owned by: the process; there is one, api_server.
 // Threads:  start() and stop() on the main thread, once each; the rest on any thread.
 // Locks:    sessionlist_lock comes before a session's send_lock, and is held while an event is
-// sent.
-//           Never taken while childlist_lock is held.
+//           sent. Never taken while childlist_lock is held.
 // Errors:   results only.
 class CTCPServer {
  public:
@@ -47,6 +46,7 @@ class CTCPServer {
   [[nodiscard]] bool listen(int requested_port);
   static void ListenThread(void* server);
   void create_session(int connected_socket);
+  void refuse_connection();
   static void session_callback(void* owner, std::string message, CNSession* session);
   void send_to_receivers(const CNSession* origin, const char* text, int length_bytes);
 

@@ -111,6 +111,49 @@ TEST_F(DrivesE2eTest, ADriveProcessThatDiesLeavesNoMount) {
   EXPECT_EQ(ReadFile(volume / "file"), "closed, so stored");
 }
 
+TEST_F(DrivesE2eTest, ADriveProcessThatDiesWhileItIsDisconnectedLeavesNoMount) {
+  for (const char* command : {R"({"cmd":"disconnect_all"})", R"({"cmd":"disconnect"})"}) {
+    ASSERT_EQ(Mount(backing, volume, "L"), 0);
+    const pid_t drive = service.DriveProcesses().at(0);
+    ::kill(drive, SIGSTOP);  // the command finds it deaf
+    const bool all = std::string(command).find("_all") != std::string::npos;
+    client->Send(all ? command : DriveMessage("disconnect", volume));
+    ::kill(drive, SIGKILL);
+    EXPECT_TRUE(WaitUntil([&] { return !IsMounted(volume); })) << command;
+    EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
+    client.emplace(service);
+    client->Introduce(true);
+  }
+}
+
+TEST_F(DrivesE2eTest, ADriveProcessKilledBetweenMountAndAnswerLeavesNoMount) {
+  for (int delay_ms = 20; delay_ms <= 60; delay_ms += 4) {
+    client->Send(ConnectMessage(backing, volume, "L"));
+    ASSERT_TRUE(WaitUntil([&] { return !service.DriveProcesses().empty(); }));
+    const pid_t drive = service.DriveProcesses().at(0);
+    (void)WaitUntil([&] { return IsMounted(volume); }, std::chrono::milliseconds(delay_ms));
+    ::kill(drive, SIGKILL);
+    EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
+    EXPECT_TRUE(WaitUntil([&] { return !IsMounted(volume); })) << delay_ms;
+    client.emplace(service);
+    client->Introduce(true);
+  }
+}
+
+TEST_F(DrivesE2eTest, ADeadDriveTakesNoOtherVolumeWithIt) {
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  const pid_t first = service.DriveProcesses().at(0);
+  Detach(volume);
+  (void)client->WaitForEvent("disconnected_force");
+  ASSERT_EQ(Mount(backing, volume, "M"), 0);
+  ::kill(first, SIGKILL);
+  (void)client->WaitForEvent("disconnected");
+  EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().size() == 1; }));
+  WriteFile(volume / "file", "still there");
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_EQ(ReadFile(backing / "file"), "still there");
+}
+
 TEST_F(DrivesE2eTest, AVolumeUnmountedFromOutsideIsReported) {
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
   Detach(volume);

@@ -75,6 +75,15 @@ class DrivesTest : public testing::Test {
     return names;
   }
 
+  // The list is empty, soon.
+  static void ExpectNoDrives(test::Client& client) {
+    const std::string none = R"({"cmd":"get_drive_list", "drives": []})";
+    const auto deadline = steady_clock::now() + std::chrono::seconds(5);
+    while (client.Ask(R"({"cmd":"get_drive_list"})") != none) {
+      ASSERT_LT(steady_clock::now(), deadline);
+    }
+  }
+
   // No child process (the waiting threads reap them) and no FIFO, soon.
   static void ExpectNothingLeft() {
     const auto deadline = steady_clock::now() + std::chrono::seconds(10);
@@ -184,10 +193,7 @@ TEST_F(DrivesTest, ADriveThatDiesIsReportedOnceAndForgotten) {
   std::vector<std::string> heard = {client.Receive(), client.Receive()};
   std::sort(heard.begin(), heard.end());
   EXPECT_EQ(heard, (std::vector<std::string>{unexpected, Result(0)}));
-  const auto deadline = steady_clock::now() + std::chrono::seconds(5);
-  while (client.Ask(R"({"cmd":"get_drive_list"})") != R"({"cmd":"get_drive_list", "drives": []})") {
-    ASSERT_LT(steady_clock::now(), deadline);
-  }
+  ExpectNoDrives(client);
   ExpectNothingLeft();
   Mount(client, "/d", "ghost");
   EXPECT_EQ(client.Receive(), unexpected);
@@ -215,6 +221,21 @@ TEST_F(DrivesTest, QuotaQuestionsGoToTheOwnerAndItsAnswerToTheDrive) {
   EXPECT_EQ(owner->Receive(), R"({"cmd":"request_quota","data":{"drive":"/d"}})");
   owner.reset();
   EXPECT_EQ(other.Receive(), Result(-1));
+}
+
+TEST_F(DrivesTest, AnOwnerThatNeverAnswersHoldsUpNobodyElse) {
+  test::Client owner(port);
+  test::Client asking(port);
+  test::Client other(port);
+  Mount(owner, "/d", "d");
+  asking.Send(Command("spindle_remove_protocol", "/d"));
+  EXPECT_EQ(owner.Receive(), R"({"cmd":"request_quota","data":{"drive":"/d"}})");
+  const auto begin = steady_clock::now();
+  ::kill(test::ChildrenOf(::getpid()).at(0), SIGKILL);
+  EXPECT_EQ(asking.Receive(), Result(0));
+  ExpectNoDrives(asking);
+  ExpectNoDrives(other);
+  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
 TEST_F(DrivesTest, DisconnectAllTakesEveryDriveEvenOneThatRefuses) {

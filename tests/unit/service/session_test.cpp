@@ -1,7 +1,10 @@
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <future>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 
@@ -158,6 +161,42 @@ TEST_F(ServerTest, StopEndsManyClientsAtOnce) {
   }
 }
 
+TEST_F(ServerTest, StopWaitsForNoReaderThatNeverReads) {
+  test::Client deaf(port);
+  EXPECT_EQ(deaf.Ask(R"({"cmd":"set_callback","data":{"global":1}})"), kRefused);
+  std::thread relay([&] { server.send_fsevent(nullptr, std::string(32 << 20, 'e')); });
+  while (true) {  // the event is on its way
+    int waiting = 0;
+    ASSERT_EQ(::ioctl(deaf.socket.get(), FIONREAD, &waiting), 0);
+    if (waiting > 0) {
+      break;
+    }
+  }
+  const auto begin = steady_clock::now();
+  ProcessStarted = false;
+  server.stop();
+  relay.join();
+  ProcessStarted = true;
+  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
+TEST_F(ServerTest, ServesTheNextClientAfterDescriptorsRanOut) {
+  rlimit limit = {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  rlimit low = limit;
+  const UniqueFd highest(::dup(STDIN_FILENO));
+  low.rlim_cur = static_cast<rlim_t>(highest.get() + 2);  // one more descriptor: the client's own
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  {
+    test::Client refused(port);
+    EXPECT_EQ(refused.Receive(), "(closed)");
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  for (int i = 0; i < 3; ++i) {
+    test::Client(port).Settle();
+  }
+}
+
 // A session without a server, on one end of a pair of sockets.
 class QuotaTest : public testing::Test {
  protected:
@@ -187,9 +226,14 @@ class QuotaTest : public testing::Test {
   std::shared_ptr<CNSession> session;
 };
 
+bool Never() {
+  return false;
+}
+
 TEST_F(QuotaTest, TheAnswerReachesTheAskerHoweverFastItComes) {
   for (long long i = 1; i <= 200; ++i) {
-    auto answer = std::async(std::launch::async, [&] { return session->ask_quota("question"); });
+    auto answer =
+        std::async(std::launch::async, [&] { return session->ask_quota("question", Never); });
     EXPECT_EQ(ReceiveFrame(), "question");
     SendFrame(R"({"cmd":"result_quota","error":1,"data":{"total":10737418240,"free":)" +
               std::to_string(i) + "}}");
@@ -201,13 +245,27 @@ TEST_F(QuotaTest, TheAnswerReachesTheAskerHoweverFastItComes) {
 }
 
 TEST_F(QuotaTest, AClientThatLeavesGivesAnInvalidAnswerAtOnce) {
-  auto answer = std::async(std::launch::async, [&] { return session->ask_quota("question"); });
+  auto answer =
+      std::async(std::launch::async, [&] { return session->ask_quota("question", Never); });
   EXPECT_EQ(ReceiveFrame(), "question");
   const auto begin = steady_clock::now();
   peer.reset();
   EXPECT_EQ(answer.get().error, -1);
-  EXPECT_EQ(session->ask_quota("again").error, -1);
+  EXPECT_EQ(session->ask_quota("again", Never).error, -1);
   EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+TEST_F(QuotaTest, AnAskerThatIsGoneWaitsForNoAnswerAndNoTurn) {
+  std::atomic<bool> gone{false};
+  const auto asker_gone = [&] { return gone.load(); };
+  auto first = std::async(std::launch::async, [&] { return session->ask_quota("1", asker_gone); });
+  EXPECT_EQ(ReceiveFrame(), "1");
+  auto second = std::async(std::launch::async, [&] { return session->ask_quota("2", asker_gone); });
+  const auto begin = steady_clock::now();
+  gone = true;
+  EXPECT_EQ(first.get().error, -1);
+  EXPECT_EQ(second.get().error, -1);
+  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(2));
 }
 
 }  // namespace

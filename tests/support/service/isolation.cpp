@@ -29,12 +29,13 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kFailedStatus = 1;
+constexpr int kNotIsolatedStatus = 125;  // no test has run
 constexpr const char* kLockFile = "/tmp/tarn_e2e_tests.lock";
 constexpr std::chrono::seconds kTimeForStragglers{10};
 
-int Fail(const char* what) {
+int NotIsolated(const char* what) {
   (void)std::fprintf(stderr, "tests cannot be isolated: %s: %s\n", what, std::strerror(errno));
-  return kFailedStatus;
+  return kNotIsolatedStatus;
 }
 
 // What stands below /tmp and must stay visible when a new /tmp covers the old one.
@@ -94,13 +95,16 @@ int StatusOf(int wait_status) {
   return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
 }
 
-// Reaps everything until `process` has ended; its wait status.
+// Reaps everything until `process` has ended; its exit status.
 int ReapUntil(pid_t process) {
   for (;;) {
     int status = 0;
     const pid_t ended = ::waitpid(-1, &status, 0);
-    if (ended == process || (ended < 0 && errno == ECHILD)) {
-      return status;
+    if (ended == process) {
+      return StatusOf(status);
+    }
+    if (ended < 0 && errno != EINTR) {
+      return kFailedStatus;
     }
   }
 }
@@ -131,17 +135,21 @@ bool HasVolumes(size_t expected) {
   return true;
 }
 
+bool PrepareWorld() {
+  return CoverTmp() &&
+         ::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0 &&
+         RaiseLoopback();
+}
+
+void EndWithParent() {
+  (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);  // cannot fail
+}
+
 // The first process of the new world; everything in it ends with this one.
 int RunWorld(int (*test_main)(int, char**), int count, char** texts) {
-  (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);  // cannot fail
-  if (!CoverTmp()) {
-    return Fail("/tmp");
-  }
-  if (::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
-    return Fail("/proc");
-  }
-  if (!RaiseLoopback()) {
-    return Fail("loopback");
+  EndWithParent();
+  if (!PrepareWorld()) {
+    return NotIsolated("/tmp, /proc or loopback");
   }
   const size_t mounts_before = MountsBelow("/tmp").size();
   const pid_t tests = ::fork();
@@ -149,12 +157,28 @@ int RunWorld(int (*test_main)(int, char**), int count, char** texts) {
     std::exit(test_main(count, texts));
   }
   if (tests < 0) {
-    return Fail("fork");
+    return NotIsolated("fork");
   }
-  const int status = StatusOf(ReapUntil(tests));
+  const int status = ReapUntil(tests);
   const bool has_stragglers = HasStragglers();
   const bool has_volumes = HasVolumes(mounts_before);
   return status == 0 && (has_stragglers || has_volumes) ? kFailedStatus : status;
+}
+
+// Makes the world and waits for it.
+int EnterWorld(int (*test_main)(int, char**), int count, char** texts) {
+  EndWithParent();
+  if (::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID) != 0 ||
+      ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    return NotIsolated("namespaces");
+  }
+  const pid_t world = ::fork();
+  if (world == 0) {
+    const int status = RunWorld(test_main, count, texts);
+    (void)std::fflush(nullptr);
+    ::_exit(status);
+  }
+  return world > 0 ? ReapUntil(world) : NotIsolated("fork");
 }
 
 int RunInPlace(int (*test_main)(int, char**), int count, char** texts) {
@@ -169,21 +193,19 @@ int RunInPlace(int (*test_main)(int, char**), int count, char** texts) {
 
 }  // namespace
 
+// Three processes: this one stays as it is, so that it can still run the tests in place; its child
+// leaves for the new world, of which the third is the first inhabitant. The first two end without
+// clean-up, and so without a second leak check.
 void RunIsolated(int (*test_main)(int, char**), int count, char** texts) {
-  if (::geteuid() != 0 || ::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID) != 0) {
-    std::exit(RunInPlace(test_main, count, texts));
+  const pid_t child = ::geteuid() == 0 ? ::fork() : -1;
+  if (child == 0) {
+    ::_exit(EnterWorld(test_main, count, texts));
   }
-  if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    ::_exit(Fail("mounts"));
-  }
-  const pid_t world = ::fork();
-  if (world == 0) {
-    const int status = RunWorld(test_main, count, texts);
-    (void)std::fflush(nullptr);
+  const int status = child > 0 ? ReapUntil(child) : kNotIsolatedStatus;
+  if (status != kNotIsolatedStatus) {
     ::_exit(status);
   }
-  // No clean-up here, and so no leak check: it would start a process in a world that has ended.
-  ::_exit(world < 0 ? Fail("fork") : StatusOf(ReapUntil(world)));
+  std::exit(RunInPlace(test_main, count, texts));
 }
 
 }  // namespace tarn::test

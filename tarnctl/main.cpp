@@ -1,5 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 #include <string_view>
 
 #include "tarnctl/verbs.h"
@@ -125,9 +126,7 @@ int Run(const std::string& name, const Arguments& arguments) {
   return verb->run(context, arguments);  // each subcommand stands in the table
 }
 
-}  // namespace
-
-int main(int count, char** texts) {
+int ParseAndRun(int count, char** texts) {
   CLI::App app("Starts, asks and ends the network-drive service.", "tarnctl");
   Arguments arguments;
   app.add_flag("--json", arguments.json, "Print JSON, one object a line");
@@ -140,12 +139,23 @@ int main(int count, char** texts) {
   AddDriveCommands(app, arguments);
   try {
     app.parse(count, texts);
-    return Run(app.get_subcommands().front()->get_name(), arguments);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? tarn::kExitOk : tarn::kExitUsage;
-  } catch (const std::exception& error) {
-    return tarn::Output(arguments.json).Fail(error.what());
+  }
+  try {
+    return Run(app.get_subcommands().front()->get_name(), arguments);
   } catch (AERROR error) {
     return tarn::Output(arguments.json).Fail("an answer of the service makes no sense", error);
+  }
+}
+
+}  // namespace
+
+int main(int count, char** texts) {
+  try {
+    return ParseAndRun(count, texts);
+  } catch (const std::exception& error) {
+    (void)std::fprintf(stderr, "tarnctl: %s\n", error.what());
+    return tarn::kExitFailed;
   }
 }

@@ -82,7 +82,7 @@ std::string RealPath(const std::string& path) {
 
 // The same for a mount point, which need not be there yet.
 std::string RealMountPoint(const std::string& path) {
-  const std::string real = RealPath(path);
+  std::string real = RealPath(path);
   const size_t name = path.rfind('/');
   if (!real.empty() || name == std::string::npos) {
     return real;

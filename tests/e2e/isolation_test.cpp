@@ -33,7 +33,7 @@ constexpr int kInAWorld = 3;
 class IsolationTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (StatusInIsolation([](int, char**) { return ::getpid() == 2 ? kInAWorld : 0; }) !=
+    if (StatusInIsolation([](int, char**) { return ::getppid() == 1 ? kInAWorld : 0; }) !=
         kInAWorld) {
       GTEST_SKIP() << "this user may not make a world of its own";
     }

@@ -18,6 +18,7 @@ RunningProgram::RunningProgram(const std::vector<std::string>& arguments,
                                const std::filesystem::path& home,
                                const std::filesystem::path& folder) {
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     pointers.push_back(const_cast<char*>(argument.c_str()));  // execvp changes nothing
   }

@@ -56,13 +56,14 @@ std::vector<std::string> Environment(const fs::path& home, const ServiceProcess:
   }
   texts.push_back("HOME=" + home.string());
   for (const auto& [name, value] : options.environment) {
-    texts.push_back(name + "=" + value);
+    texts.push_back(std::string(name).append("=").append(value));
   }
   return texts;
 }
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) {
     pointers.push_back(text.data());
   }

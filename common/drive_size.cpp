@@ -82,7 +82,7 @@ void DriveSize::AskWhenWanted() {
     const Clock::time_point asked = Clock::now();
     const bool has_answer = ask != nullptr && ask(callback_context, nullptr, &total, &free);
     hold.lock();
-    if (has_answer && total >= 0) {
+    if (has_answer && total > 0) {  // nothing at all is no size
       answer.total = static_cast<unsigned long long>(total);
       answer.free = static_cast<unsigned long long>(std::clamp(free, 0LL, total));
       is_answered = true;

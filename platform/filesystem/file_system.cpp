@@ -13,7 +13,7 @@ namespace tarn::fs {
 namespace {
 
 constexpr Space kUnknownSpace{1ULL << 40, 1ULL << 40};  // 1 TiB: large enough for any copy dialog
-constexpr std::chrono::seconds kSpaceTimeOut{30};
+constexpr std::chrono::seconds kSpaceTimeOut{5};
 constexpr int kMaxAttempts = 10;
 
 }  // namespace

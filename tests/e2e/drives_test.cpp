@@ -212,6 +212,33 @@ TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientSaysItIs) {
   }));
 }
 
+TEST_F(DrivesE2eTest, TheOwnerIsAskedForTheSize) {
+  EXPECT_EQ(client->AskForResult(R"({"cmd":"set_drivesize_callback"})"), 0);
+  client->Send(ConnectMessage(backing, volume, "L"));
+  std::string question;
+  while (question.find("request_quota") == std::string::npos) {
+    question = client->Receive();
+    (void)fs::space(volume);  // somebody looks
+  }
+  EXPECT_EQ(question, R"({"cmd":"request_quota","data":{"drive":")" + volume.string() + "\"}}");
+  client->Send(R"({"cmd":"result_quota","error":1,"data":{"total":1073741824,"free":4096}})");
+  EXPECT_TRUE(WaitUntil([&] { return fs::space(volume).capacity == 1073741824; }));
+  EXPECT_EQ(fs::space(volume).free, 4096U);
+}
+
+TEST_F(DrivesE2eTest, SettingsReachADriveThatRuns) {
+  ASSERT_EQ(Mount(backing, volume, "Labelled"), 0);
+  EXPECT_EQ(client->AskForResult(R"({"cmd":"set_loglevel","data":{"level":"DEBUG"}})"), 0);
+  EXPECT_EQ(client->AskForResult(R"({"cmd":"set_speedlimit_all","data":{"speed":1048576}})"), 0);
+  EXPECT_NE(ReadFile(home.LogFile()).find("[tarnsvc_Labelled] parse command set_speedlimit_all"),
+            std::string::npos);
+  const auto begin = std::chrono::steady_clock::now();
+  WriteFile(volume / "file", std::string(3 << 20, 'x'));
+  EXPECT_TRUE(WaitUntil(
+      [&] { return fs::exists(backing / "file") && fs::file_size(backing / "file") == 3 << 20; }));
+  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+}
+
 TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
   const fs::path second = home.MakeFolder("second");
   fs::create_directories(backing / "both");

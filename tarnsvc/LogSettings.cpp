@@ -8,7 +8,7 @@ namespace tarn {
 
 namespace {
 
-constexpr size_t kSettingsLimitBytes = 1024 * 1024;
+constexpr size_t kSettingsLimitBytes = size_t{1} << 20;
 
 std::string LogFile() {
   const auto folder = JoinPath(HomeFolder(), "/Library/Logs/" + ServiceName());

@@ -129,7 +129,7 @@ void CMounter::unload_module() {
   }
 }
 
-void* CMounter::FindModule(std::string wanted_type) {
+void* CMounter::FindModule(const std::string& wanted_type) {
   for (const std::string& file : ModuleFiles()) {
     Library library(::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL));
     if (library && ServesType(library.get(), wanted_type)) {
@@ -139,7 +139,7 @@ void* CMounter::FindModule(std::string wanted_type) {
   return nullptr;
 }
 
-int CMounter::get_protocol(Json info, IProtocol_V2** out) {
+int CMounter::get_protocol(const Json& info, IProtocol_V2** out) {
   const auto watch = watch_service();
   *out = nullptr;
   module = FindModule(info.GetObject("/data/type"));
@@ -201,7 +201,7 @@ AERROR CMounter::connect(IProtocol_V2* protocol) {
   return result;
 }
 
-int CMounter::empty_mount(Json info, void* /*reserved*/) {
+int CMounter::empty_mount(const Json& info, void* /*reserved*/) {
   const int mode = (option & kOptionMode1) != 0 ? 1 : 2;
   const std::string volume_name = ws2s(s2ws(label));
   if (Mount(drive.c_str(), volume_name.c_str(), mode, &fs_drive, nullptr) != 0) {
@@ -217,7 +217,7 @@ int CMounter::empty_mount(Json info, void* /*reserved*/) {
   return kOk;
 }
 
-int CMounter::mount(Json info, void* reserved) {
+int CMounter::mount(const Json& info, void* reserved) {
   IProtocol_V2* made = nullptr;
   if (const int result = get_protocol(info, &made); result != kOk) {
     return result;
@@ -240,7 +240,7 @@ void CMounter::add_protocol(IProtocol_V2* protocol) {
   }
 }
 
-int CMounter::get_add_protocol(Json message) {
+int CMounter::get_add_protocol(const Json& message) {
   IProtocol_V2* protocol = nullptr;
   const int result = get_protocol(message, &protocol);
   if (result == kOk) {
@@ -249,7 +249,7 @@ int CMounter::get_add_protocol(Json message) {
   return result;
 }
 
-int CMounter::remove_protocol(Json /*message*/) {
+int CMounter::remove_protocol(const Json& /*message*/) {
   return kNoDrive;
 }
 
@@ -265,7 +265,7 @@ int CMounter::unmount() {
   return result;
 }
 
-int CMounter::unmount(std::string mount_point) {
+int CMounter::unmount(const std::string& mount_point) {
   return Unmount(mount_point.c_str());
 }
 
@@ -330,5 +330,5 @@ bool CMounter::request_protocol_quota(void* context, void* /*reserved*/, long lo
 }
 
 // This platform shows no icons of volumes.
-void CMounter::tarnmap_mount(std::string /*icon_path*/) {}
-void CMounter::tarnmap_unmount(std::string /*mount_point*/) {}
+void CMounter::tarnmap_mount(const std::string& /*icon_path*/) {}
+void CMounter::tarnmap_unmount(const std::string& /*mount_point*/) {}

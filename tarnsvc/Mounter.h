@@ -36,30 +36,30 @@ class CMounter {
 
   // Connects the protocol and mounts the drive with it. 0; -1 no module, 10, 11 or 12 the protocol
   // did not connect, -5 the volume could not be mounted. `reserved` is not used.
-  [[nodiscard]] int mount(Json info, void* reserved);
+  [[nodiscard]] int mount(const Json& info, void* reserved);
 
   // Mounts the drive without a protocol: 0 or -5.
-  [[nodiscard]] int empty_mount(Json info, void* reserved);
+  [[nodiscard]] int empty_mount(const Json& info, void* reserved);
 
   // Makes and connects the protocol object that `info` asks for. On 0 it is the caller's to
   // release.
-  [[nodiscard]] int get_protocol(Json info, IProtocol_V2** out);
+  [[nodiscard]] int get_protocol(const Json& info, IProtocol_V2** out);
 
   // Loads the first module in the Frameworks folder that serves `type`. Null when there is none.
-  [[nodiscard]] void* FindModule(std::string wanted_type);
+  [[nodiscard]] void* FindModule(const std::string& wanted_type);
 
   [[nodiscard]] AERROR connect(IProtocol_V2* protocol);
 
   // Gives a connected protocol to the mounted drive.
   void add_protocol(IProtocol_V2* protocol);
-  [[nodiscard]] int get_add_protocol(Json message);
+  [[nodiscard]] int get_add_protocol(const Json& message);
 
   // Not supported: -1.
-  [[nodiscard]] int remove_protocol(Json message);
+  [[nodiscard]] int remove_protocol(const Json& message);
 
   // The file-system library's result: 0 when the volume is gone.
   int unmount();
-  int unmount(std::string mount_point);
+  int unmount(const std::string& mount_point);
 
   // Unmounts a drive that is still mounted. True: nothing uses this object or the module any more.
   [[nodiscard]] bool let_go();
@@ -76,8 +76,8 @@ class CMounter {
   static bool request_protocol_quota(void* context, void* reserved, long long* total,
                                      long long* free);
 
-  void tarnmap_mount(std::string icon_path);
-  void tarnmap_unmount(std::string mount_point);
+  void tarnmap_mount(const std::string& icon_path);
+  void tarnmap_unmount(const std::string& mount_point);
 
   std::string connect_message;
   std::string drive;

@@ -26,7 +26,7 @@
 // Errors:   results; whatever a handler throws ends in parse(), which answers and goes on.
 class CNSession {
  public:
-  using Callback = void (*)(void* owner, std::string message, CNSession* session);
+  using Callback = void (*)(void* owner, const std::string& message, CNSession* session);
 
   CNSession(void* owning_server, int socket, Callback notify);
   // Does not close the socket: the end of the receive thread, or stop(), does.
@@ -80,18 +80,18 @@ class CNSession {
 
   // Reads a body of that many bytes, runs its command and answers.
   void parse(int length);
-  [[nodiscard]] bool do_init(Json message);
+  [[nodiscard]] bool do_init(const Json& message);
 
   int mount(Json message);
   void announce_drivesize_callback();
   static std::wstring GenRandomString();
-  int unmount(Json message);
-  void unmount_all(Json message);
+  int unmount(const Json& message);
+  void unmount_all(const Json& message);
 
   void get_drive_list();
-  int send_json_n_wait_int(Json message);
-  int send_json_n_wait_string(Json message);
-  int send_json_toall_n_wait_int(Json message);
+  int send_json_n_wait_int(const Json& message);
+  int send_json_n_wait_string(const Json& message);
+  int send_json_toall_n_wait_int(const Json& message);
 
   enum Mode : int { kNoEvents = 0, kOwnEvents = 1, kAllEvents = 2 };
   // Which events the client asked for.
@@ -116,18 +116,18 @@ class CNSession {
   void answer_incomplete(const Command& command);
   void end_refused();
 
-  void on_connect(Json message);
-  void on_disconnect(Json message);
-  void on_set_drivesize_callback(Json message);
-  void on_result_quota(Json message);
-  void on_init(Json message);
-  void on_relay_int(Json message);
-  void on_relay_string(Json message);
-  void on_relay_all(Json message);
-  void on_set_loglevel(Json message);
-  void on_set_callback(Json message);
-  void on_kill(Json message);
-  void on_get_drive_list(Json message);
+  void on_connect(const Json& message);
+  void on_disconnect(const Json& message);
+  void on_set_drivesize_callback(const Json& message);
+  void on_result_quota(const Json& message);
+  void on_init(const Json& message);
+  void on_relay_int(const Json& message);
+  void on_relay_string(const Json& message);
+  void on_relay_all(const Json& message);
+  void on_set_loglevel(const Json& message);
+  void on_set_callback(const Json& message);
+  void on_kill(const Json& message);
+  void on_get_drive_list(const Json& message);
 
   std::atomic<int> sock;  // -1 once closed, which close_socket() alone does
   const Callback callback;

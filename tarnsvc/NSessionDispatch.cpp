@@ -26,15 +26,15 @@ int CallbackMode(int global) {
 }
 
 void LogCommand(LogForm form, const Json& message) {
-  constexpr LOGLEVEL kLevel = LOGLEVEL_DEBUG | LOGLEVEL_SERVICE;
+  constexpr LOGLEVEL level = LOGLEVEL_DEBUG | LOGLEVEL_SERVICE;
   if (logger == nullptr || (logger->GetLevel() & LOGLEVEL_DEBUG) == 0) {
     return;  // a message may hold megabytes of text
   }
   if (form == LogForm::kOneBlank) {
-    __LOG__A(logger, kLevel, "%s parse : %s [%s:%d]", "parse", message.ToText().c_str(),
+    __LOG__A(logger, level, "%s parse : %s [%s:%d]", "parse", message.ToText().c_str(),
              TARN_SOURCE);
   } else if (form == LogForm::kTwoBlanks) {
-    __LOG__A(logger, kLevel, "%s  parse : %s [%s:%d]", "parse", message.ToText().c_str(),
+    __LOG__A(logger, level, "%s  parse : %s [%s:%d]", "parse", message.ToText().c_str(),
              TARN_SOURCE);
   }
 }
@@ -48,31 +48,31 @@ void LogIgnored(const char* reason) {
 
 struct CNSession::Command {
   std::string_view name;
+  void (CNSession::*run)(const Json& message);
   LogForm log;
-  void (CNSession::*run)(Json message);
   Incomplete incomplete = Incomplete::kNoDrive;
 };
 
 const CNSession::Command CNSession::kCommands[] = {
-    {"connect", LogForm::kNone, &CNSession::on_connect},
-    {"disconnect", LogForm::kOneBlank, &CNSession::on_disconnect},
-    {"disconnect_all", LogForm::kTwoBlanks, &CNSession::unmount_all},
-    {"set_size", LogForm::kTwoBlanks, &CNSession::on_relay_int},
-    {"set_drivesize_callback", LogForm::kTwoBlanks, &CNSession::on_set_drivesize_callback},
-    {"result_quota", LogForm::kTwoBlanks, &CNSession::on_result_quota, Incomplete::kSilence},
-    {"init", LogForm::kNone, &CNSession::on_init, Incomplete::kRefuse},
-    {"set_move_folder", LogForm::kOneBlank, &CNSession::on_relay_int},
-    {"get_credential", LogForm::kOneBlank, &CNSession::on_relay_string},
-    {"get_username", LogForm::kOneBlank, &CNSession::on_relay_string},
-    {"set_speedlimit", LogForm::kOneBlank, &CNSession::on_relay_int},
-    {"set_speedlimit_all", LogForm::kOneBlank, &CNSession::on_relay_all},
-    {"set_loglevel", LogForm::kOneBlank, &CNSession::on_set_loglevel},
-    {"set_callback", LogForm::kTwoBlanks, &CNSession::on_set_callback},
-    {"spindle_mount", LogForm::kOneBlank, &CNSession::on_connect},
-    {"spindle_add_protocol", LogForm::kOneBlank, &CNSession::on_relay_int},
-    {"spindle_remove_protocol", LogForm::kOneBlank, &CNSession::on_relay_int},
-    {"kill", LogForm::kOneBlank, &CNSession::on_kill},
-    {"get_drive_list", LogForm::kOneBlank, &CNSession::on_get_drive_list},
+    {"connect", &CNSession::on_connect, LogForm::kNone},
+    {"disconnect", &CNSession::on_disconnect, LogForm::kOneBlank},
+    {"disconnect_all", &CNSession::unmount_all, LogForm::kTwoBlanks},
+    {"set_size", &CNSession::on_relay_int, LogForm::kTwoBlanks},
+    {"set_drivesize_callback", &CNSession::on_set_drivesize_callback, LogForm::kTwoBlanks},
+    {"result_quota", &CNSession::on_result_quota, LogForm::kTwoBlanks, Incomplete::kSilence},
+    {"init", &CNSession::on_init, LogForm::kNone, Incomplete::kRefuse},
+    {"set_move_folder", &CNSession::on_relay_int, LogForm::kOneBlank},
+    {"get_credential", &CNSession::on_relay_string, LogForm::kOneBlank},
+    {"get_username", &CNSession::on_relay_string, LogForm::kOneBlank},
+    {"set_speedlimit", &CNSession::on_relay_int, LogForm::kOneBlank},
+    {"set_speedlimit_all", &CNSession::on_relay_all, LogForm::kOneBlank},
+    {"set_loglevel", &CNSession::on_set_loglevel, LogForm::kOneBlank},
+    {"set_callback", &CNSession::on_set_callback, LogForm::kTwoBlanks},
+    {"spindle_mount", &CNSession::on_connect, LogForm::kOneBlank},
+    {"spindle_add_protocol", &CNSession::on_relay_int, LogForm::kOneBlank},
+    {"spindle_remove_protocol", &CNSession::on_relay_int, LogForm::kOneBlank},
+    {"kill", &CNSession::on_kill, LogForm::kOneBlank},
+    {"get_drive_list", &CNSession::on_get_drive_list, LogForm::kOneBlank},
 };
 
 const CNSession::Command* CNSession::FindCommand(const std::string& name) {
@@ -150,13 +150,13 @@ void CNSession::end_refused() {
   running = false;
 }
 
-void CNSession::on_init(Json message) {
+void CNSession::on_init(const Json& message) {
   if (!do_init(message)) {
     end_refused();
   }
 }
 
-bool CNSession::do_init(Json message) {
+bool CNSession::do_init(const Json& message) {
   const std::string key = message.GetObject("/data/key");
   if (key != tarn::ServiceName()) {
     send_result(kInitRefused);
@@ -175,20 +175,20 @@ bool CNSession::do_init(Json message) {
   return true;
 }
 
-void CNSession::on_connect(Json message) {
+void CNSession::on_connect(const Json& message) {
   (void)mount(message);
 }
 
-void CNSession::on_disconnect(Json message) {
+void CNSession::on_disconnect(const Json& message) {
   (void)unmount(message);
 }
 
-void CNSession::on_set_drivesize_callback(Json message) {
+void CNSession::on_set_drivesize_callback(const Json& message) {
   drivesize_callback = true;
   (void)send_json_toall_n_wait_int(message);
 }
 
-void CNSession::on_result_quota(Json message) {
+void CNSession::on_result_quota(const Json& message) {
   const int error = message.GetObject("error");
   const long long total = message.GetObject("/data/total");
   const long long free = message.GetObject("/data/free");
@@ -201,37 +201,37 @@ void CNSession::on_result_quota(Json message) {
   (void)signal_result();
 }
 
-void CNSession::on_relay_int(Json message) {
+void CNSession::on_relay_int(const Json& message) {
   (void)send_json_n_wait_int(message);
 }
 
-void CNSession::on_relay_string(Json message) {
+void CNSession::on_relay_string(const Json& message) {
   (void)send_json_n_wait_string(message);
 }
 
-void CNSession::on_relay_all(Json message) {
+void CNSession::on_relay_all(const Json& message) {
   (void)send_json_toall_n_wait_int(message);
 }
 
-void CNSession::on_set_loglevel(Json message) {
+void CNSession::on_set_loglevel(const Json& message) {
   if (logger != nullptr && message.HasObject("/data/level")) {
     logger->SetLevel(tarn::ThresholdFromText(message.GetObject("/data/level")));
   }
   (void)send_json_toall_n_wait_int(message);
 }
 
-void CNSession::on_set_callback(Json message) {
+void CNSession::on_set_callback(const Json& message) {
   callback_mode = CallbackMode(message.GetObject("/data/global"));
   (void)send_json_toall_n_wait_int(message);
 }
 
-void CNSession::on_kill(Json /*message*/) {
+void CNSession::on_kill(const Json& /*message*/) {
   Json disconnect_all;
   disconnect_all.Insert("cmd", std::string("disconnect_all"));
   unmount_all(disconnect_all);
   ProcessStarted = false;
 }
 
-void CNSession::on_get_drive_list(Json /*message*/) {
+void CNSession::on_get_drive_list(const Json& /*message*/) {
   get_drive_list();
 }

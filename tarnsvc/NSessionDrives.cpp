@@ -167,7 +167,7 @@ void CNSession::announce_drivesize_callback() {
   }
 }
 
-int CNSession::unmount(Json message) {
+int CNSession::unmount(const Json& message) {
   const std::string name = message.GetObject("/data/drive");
   __LOG__A(logger, kDebug, "%s %s [%s:%d]", "unmount", name.c_str(), TARN_SOURCE);
   const std::shared_ptr<CParentPipe> drive = tarn::FindDrive(name);
@@ -186,7 +186,7 @@ int CNSession::unmount(Json message) {
   return result;
 }
 
-void CNSession::unmount_all(Json message) {
+void CNSession::unmount_all(const Json& message) {
   __LOG__A(logger, kDebug, "%s disconnect all [%s:%d]", "unmount_all", TARN_SOURCE);
   const std::string command = message.ToText();
   std::string letters;

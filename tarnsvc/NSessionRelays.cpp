@@ -36,7 +36,7 @@ void CNSession::get_drive_list() {
   (void)allsend(answer + "]}");  // a client that is gone needs no answer
 }
 
-int CNSession::send_json_n_wait_int(Json message) {
+int CNSession::send_json_n_wait_int(const Json& message) {
   const std::string name = message.GetObject("/data/drive");
   __LOG__A(logger, kDebug, "%s %s [%s:%d]", "send_json_n_wait_int", name.c_str(), TARN_SOURCE);
   const std::shared_ptr<CParentPipe> drive = tarn::FindDrive(name);
@@ -45,7 +45,7 @@ int CNSession::send_json_n_wait_int(Json message) {
   return result;
 }
 
-int CNSession::send_json_n_wait_string(Json message) {
+int CNSession::send_json_n_wait_string(const Json& message) {
   const std::string name = message.GetObject("/data/drive");
   __LOG__A(logger, kDebug, "%s %s [%s:%d]", "send_json_n_wait_string", name.c_str(), TARN_SOURCE);
   const std::shared_ptr<CParentPipe> drive = tarn::FindDrive(name);
@@ -53,7 +53,7 @@ int CNSession::send_json_n_wait_string(Json message) {
   return 0;
 }
 
-int CNSession::send_json_toall_n_wait_int(Json message) {
+int CNSession::send_json_toall_n_wait_int(const Json& message) {
   {
     tarn::MutexLock lock(childlist_lock);
     for (const auto& drive : child_list) {

@@ -94,8 +94,8 @@ std::shared_ptr<char> CPipeSession::read() {
     mark_broken();
     return {};
   }
-  const std::shared_ptr<char> message(
-      static_cast<char*>(std::calloc(static_cast<size_t>(length) + 1, 1)), std::free);
+  std::shared_ptr<char> message(static_cast<char*>(std::calloc(static_cast<size_t>(length) + 1, 1)),
+                                std::free);
   if (!message || !collect(message.get(), length, 0)) {
     mark_broken();  // in the middle of a frame the next length cannot be found any more
     return {};

@@ -123,7 +123,7 @@ void CTCPServer::create_session(int connected_socket) {
   }
 }
 
-void CTCPServer::session_callback(void* owner, std::string message, CNSession* session) {
+void CTCPServer::session_callback(void* owner, const std::string& message, CNSession* session) {
   if (message == "remove") {
     static_cast<CTCPServer*>(owner)->remove_session(session);
   }

@@ -47,7 +47,7 @@ class CTCPServer {
   static void ListenThread(void* server);
   void create_session(int connected_socket);
   void refuse_connection();
-  static void session_callback(void* owner, std::string message, CNSession* session);
+  static void session_callback(void* owner, const std::string& message, CNSession* session);
   void send_to_receivers(const CNSession* origin, const char* text, int length_bytes);
 
   int port = -1;

@@ -31,8 +31,10 @@ void AddMount(CLI::App& app, Arguments& arguments) {
   mount->add_option("--label", arguments.mount.label,
                     "Volume name (default: the mount point's last name)");
   mount
-      ->add_option("--data", arguments.mount.data,
-                   "Setting of the protocol module: KEY=TEXT, or KEY:=JSON for other values")
+      ->add_option(
+          "--data", arguments.mount.data,
+          "Setting of the protocol module: KEY=TEXT, KEY:=JSON for other values, KEY:@FILE for a "
+          "text that others are not to see")
       ->take_all()
       ->allow_extra_args(false);
 }

@@ -1,13 +1,17 @@
 #include "tarnctl/mount_message.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <jansson.h>
+
+#include "common/posix.h"
 
 namespace tarn {
 
 namespace {
 
 constexpr const char* kFolderType = "local";
+constexpr size_t kLargestSettingBytes = 65536;
 
 // A folder of this machine may be given as a relative path.
 std::string UrlFor(const MountRequest& request) {
@@ -23,19 +27,36 @@ std::string LabelFor(const MountRequest& request) {
   return std::filesystem::path(AbsolutePath(request.mount_point)).filename().string();
 }
 
-// KEY=TEXT, or KEY:=JSON for a value that is not a text.
-bool InsertSetting(JsonObject& data, const std::string& setting) {
-  const size_t equals = setting.find('=');
-  if (equals == std::string::npos || equals == 0) {
-    return false;
-  }
-  const std::string text = setting.substr(equals + 1);
-  if (setting[equals - 1] != ':') {
-    return data.Insert(setting.substr(0, equals).c_str(), text);
-  }
+bool InsertJson(JsonObject& data, const std::string& key, const std::string& text) {
   const std::shared_ptr<json_t> value(
       json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr), json_decref);
-  return value != nullptr && data.Insert(setting.substr(0, equals - 1).c_str(), JsonObject(value));
+  return value != nullptr && data.Insert(key.c_str(), JsonObject(value));
+}
+
+// For secrets, which other users could read on a command line.
+bool InsertFile(JsonObject& data, const std::string& key, const std::string& path) {
+  std::string text;
+  if (!ReadFile(path, kLargestSettingBytes, text)) {
+    return false;
+  }
+  while (text.ends_with('\n') || text.ends_with('\r')) {
+    text.pop_back();
+  }
+  return data.Insert(key.c_str(), text);
+}
+
+// KEY=TEXT, KEY:=JSON or KEY:@FILE, whichever sign comes first.
+bool InsertSetting(JsonObject& data, const std::string& setting) {
+  const size_t key_length = std::min(setting.find('='), setting.find(":@"));
+  if (key_length == std::string::npos || key_length == 0) {
+    return false;
+  }
+  if (setting[key_length] == ':') {
+    return InsertFile(data, setting.substr(0, key_length), setting.substr(key_length + 2));
+  }
+  const std::string value = setting.substr(key_length + 1);
+  return setting[key_length - 1] == ':' ? InsertJson(data, setting.substr(0, key_length - 1), value)
+                                        : data.Insert(setting.substr(0, key_length).c_str(), value);
 }
 
 }  // namespace
@@ -62,7 +83,8 @@ std::optional<Json> MountMessage(const MountRequest& request, std::string& probl
   }
   for (const std::string& setting : request.data) {
     if (!InsertSetting(data, setting)) {
-      problem = "--data needs KEY=TEXT or KEY:=JSON, not \"" + setting + "\"";
+      problem = "--data needs KEY=TEXT, KEY:=JSON or KEY:@FILE (that can be read), not \"" +
+                setting + "\"";
       return std::nullopt;
     }
   }

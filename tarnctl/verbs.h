@@ -23,7 +23,7 @@ struct MountRequest {
   std::string url;
   std::string mount_point;
   std::string label;              // empty: the last name of the mount point
-  std::vector<std::string> data;  // KEY=TEXT, or KEY:=JSON
+  std::vector<std::string> data;  // KEY=TEXT, KEY:=JSON or KEY:@FILE
 };
 
 int Up(const Context& context);

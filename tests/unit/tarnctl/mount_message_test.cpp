@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
+#include "tests/support/temp_folder.h"
+
 namespace tarn {
 namespace {
 
@@ -31,6 +33,17 @@ TEST(MountMessageTest, PathsBecomeAbsoluteAndSettingsKeepTheirTypes) {
   EXPECT_FALSE(static_cast<bool>(message->GetObject("/data/verify")));
 }
 
+TEST(MountMessageTest, SecretsComeFromFiles) {
+  const test::TempFolder folder;
+  const std::string file = folder.Write("secret", "pass=:@word\r\n");
+  std::string problem;
+  const std::optional<Json> message =
+      MountMessage({"webdav", "u", "/drive", "", {"password:@" + file, "mail=a:@b"}}, problem);
+  ASSERT_TRUE(message) << problem;
+  EXPECT_EQ(TextAt(*message, "/data/password"), "pass=:@word");
+  EXPECT_EQ(TextAt(*message, "/data/mail"), "a:@b");
+}
+
 TEST(MountMessageTest, UrlsStayAsTheyAre) {
   for (const auto& [type, url] :
        {std::pair("local", "file:///a%20b"), std::pair("webdav", "x/y")}) {
@@ -43,11 +56,13 @@ TEST(MountMessageTest, UrlsStayAsTheyAre) {
 }
 
 TEST(MountMessageTest, WhatCannotBeSentIsRefused) {
-  for (const MountRequest& request : {MountRequest{"local", "/x", "/drive", "\xC3", {}},
-                                      MountRequest{"local", "/x", "/\xFF", "", {}},
-                                      MountRequest{"local", "/x", "/drive", "", {"no value"}},
-                                      MountRequest{"local", "/x", "/drive", "", {"=empty key"}},
-                                      MountRequest{"local", "/x", "/drive", "", {"broken:={"}}}) {
+  for (const MountRequest& request :
+       {MountRequest{"local", "/x", "/drive", "\xC3", {}},
+        MountRequest{"local", "/x", "/\xFF", "", {}},
+        MountRequest{"local", "/x", "/drive", "", {"no value"}},
+        MountRequest{"local", "/x", "/drive", "", {"=empty key"}},
+        MountRequest{"local", "/x", "/drive", "", {"broken:={"}},
+        MountRequest{"local", "/x", "/drive", "", {"missing:@/none"}}}) {
     std::string problem;
     EXPECT_FALSE(MountMessage(request, problem));
     EXPECT_NE(problem, "");

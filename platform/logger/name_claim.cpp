@@ -61,7 +61,8 @@ std::optional<NameClaim> NameClaim::Take(const std::string& folder, std::string_
   const std::string path = folder + "/" + FileName(name);
   for (;;) {
     UniqueFd lock = OpenFile(path, O_RDWR | O_CREAT, 0600);
-    if (!lock.valid() || RetryOnInterrupt([&] { return ::flock(lock.get(), LOCK_EX | LOCK_NB); }) != 0) {
+    if (!lock.valid() ||
+        RetryOnInterrupt([&] { return ::flock(lock.get(), LOCK_EX | LOCK_NB); }) != 0) {
       return std::nullopt;
     }
     if (StillNamed(path, lock.get())) {

@@ -130,6 +130,10 @@ void FileSystem::DropOpenFileIfUnused(const std::shared_ptr<OpenFile>& file) {
     file->work.reset();
   }
   if (file->handles == 0 && open_files.erase(file->ino) != 0) {
+    if (file->reader) {
+      Remember(file->ino);
+    }
+    DropReader(*file);
     nodes.Unpin(file->ino);
     if (!nodes.Exists(file->ino)) {
       kernel.erase(file->ino);

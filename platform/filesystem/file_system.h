@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -113,6 +114,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   // Sends everything that the remote lacks. Returns the number of files that could not be sent.
   int StoreAll();
+  // Nothing is open any more, whatever was not closed.
+  void CloseAll();
   // Grows while an upload moves.
   [[nodiscard]] std::uint64_t GetProgress() const { return progress; }
 
@@ -123,7 +126,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
     Clock::time_point looked_up = {};  // when the remote told of it for a lookup
   };
 
-  struct StoreSource;  // the content on its way to the remote
+  struct StoreSource;    // the content on its way to the remote
+  struct RemoteContent;  // the content on its way from there
 
   [[nodiscard]] std::optional<std::string> PathOf(Ino folder, const std::string& name) const
       TARN_REQUIRES(lock);
@@ -152,16 +156,19 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   Opened MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) TARN_REQUIRES(lock);
   [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(lock);
   [[nodiscard]] int FindForOpen(Ino ino, Attributes& attributes);
+  void Refresh(OpenFile& file, const Attributes& attributes) TARN_REQUIRES(lock);
   [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
 
   // The file's work file, made and filled with the first `keep` bytes of the remote's content when
   // there is none.
   [[nodiscard]] int WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t keep,
                             std::shared_ptr<WorkFile>& work);
-  [[nodiscard]] int Fetch(const std::string& path, const Attributes& attributes,
-                          std::uint64_t length, WorkFile& work);
-  [[nodiscard]] int ReadRemote(const OpenFile& file, std::uint64_t offset, void* buffer,
-                               size_t length, size_t& received);
+  [[nodiscard]] int Fetch(const std::shared_ptr<OpenFile>& file, std::uint64_t length,
+                          WorkFile& work);
+  std::shared_ptr<Reader> ReaderFor(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
+  static void DropReader(OpenFile& file);
+  // Keeps the inode number of a file that was read, and so its blocks in the cache.
+  void Remember(Ino ino) TARN_REQUIRES(lock);
   // Lets those who have the file open keep its content, which the remote is about to lose.
   [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
 
@@ -200,6 +207,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   };
   std::unordered_map<std::uint64_t, OpenedFolder> open_folders TARN_GUARDED_BY(lock);
   std::uint64_t next_handle TARN_GUARDED_BY(lock) = 1;
+  std::list<Ino> remembered TARN_GUARDED_BY(lock);  // the last read first
   Space space TARN_GUARDED_BY(lock);
   Clock::time_point space_asked TARN_GUARDED_BY(lock) = {};
   bool asking_space TARN_GUARDED_BY(lock) = false;

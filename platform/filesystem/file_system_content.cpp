@@ -17,7 +17,7 @@ namespace {
 // ask again.
 constexpr std::chrono::milliseconds kSameCall{10};
 constexpr std::uint64_t kWhole = std::numeric_limits<std::uint64_t>::max();
-constexpr size_t kFetchBytes = 4 * 1024 * 1024;
+constexpr size_t kMaxRemembered = 4096;
 
 bool WantsToWrite(int flags) {
   return (flags & O_ACCMODE) != O_RDONLY;
@@ -118,10 +118,7 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     }
     file = EnsureOpenFile(ino);
     if (!is_local) {
-      if (file->handles > 0 && file->remote.version != attributes.version) {
-        ++file->serial;
-      }
-      file->remote = attributes;
+      Refresh(*file, attributes);
       file->at_remote = true;
     }
     opened = MakeHandle(file, flags);
@@ -134,6 +131,19 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     Release(opened.handle);
   }
   return truncated;
+}
+
+// A file was opened, and this is what the remote has by now.
+void FileSystem::Refresh(OpenFile& file, const Attributes& attributes) {
+  const bool is_new = file.handles == 0;
+  const bool has_changed =
+      file.remote.version != attributes.version || (file.reader && file.reader->HasChanged());
+  if (is_new || has_changed) {
+    file.serial += is_new ? 0 : 1;
+    file.is_fresh = is_new && kernel[file.ino].version != attributes.version;
+    DropReader(file);
+  }
+  file.remote = attributes;
 }
 
 int FileSystem::Truncate(const std::shared_ptr<OpenFile>& file) {
@@ -163,8 +173,7 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
   }
   int error = WorkFile::Make(work);
   if (error == 0 && keep > 0) {
-    error = path ? Fetch(*path, attributes, std::min<std::uint64_t>(keep, attributes.size), *work)
-                 : ESTALE;
+    error = path ? Fetch(file, keep, *work) : ESTALE;
   }
   const MutexLock guard(lock);
   file->preparing = false;
@@ -172,39 +181,28 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
   if (error == 0) {
     work->SetFilled(attributes.modified);
     file->work = work;
+    DropReader(*file);
   }
   return error;
 }
 
-int FileSystem::Fetch(const std::string& path, const Attributes& attributes, std::uint64_t length,
-                      WorkFile& work) {
-  std::vector<char> buffer(std::min<std::uint64_t>(kFetchBytes, length));
-  for (std::uint64_t offset = 0; offset < length;) {
-    const size_t wanted = std::min<std::uint64_t>(buffer.size(), length - offset);
+int FileSystem::Fetch(const std::shared_ptr<OpenFile>& file, std::uint64_t length, WorkFile& work) {
+  const auto reader = ReaderFor(file);
+  const std::uint64_t end = std::min(length, reader->GetFile().size);
+  std::vector<char> buffer(std::min<std::uint64_t>(Reader::kPieceBytes, end));
+  for (std::uint64_t offset = 0; offset < end;) {
+    const size_t wanted = std::min<std::uint64_t>(buffer.size(), end - offset);
     size_t received = 0;
-    const AERROR error =
-        remote.Read(attributes.protocol, path, offset, buffer.data(), wanted, received);
-    if (error != SUCCESS) {
-      events.Failed(FS_EVENT_READ, error, path, path);
-      return ErrnoOf(error);
+    if (const int error = reader->Read(offset, buffer.data(), wanted, received); error != 0) {
+      return error == ESTALE ? EIO : error;
     }
-    if (received < wanted) {
-      return EIO;  // shorter than it was when it was opened
-    }
-    if (const int failure = work.Fill(offset, buffer.data(), received); failure != 0) {
-      return failure;
+    if (const int error = work.Fill(offset, buffer.data(), received); error != 0) {
+      return error;
     }
     offset += received;
     ++progress;
   }
-  Listings::Answer after;
-  if (const int error = Find(path, true, after); error != 0) {
-    return error;
-  }
-  const bool is_the_same = after.known == Listings::Known::kPresent &&
-                           after.attributes.version == attributes.version &&
-                           after.attributes.size == attributes.size;
-  return is_the_same ? 0 : EIO;  // parts of two versions may be in it
+  return 0;
 }
 
 int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
@@ -219,44 +217,123 @@ int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
   return error == ENOENT ? 0 : error;
 }
 
-int FileSystem::ReadRemote(const OpenFile& file, std::uint64_t offset, void* buffer, size_t length,
-                           size_t& received) {
-  std::optional<std::string> path;
-  Attributes attributes;
-  {
-    const MutexLock guard(lock);
-    path = nodes.PathOf(file.ino);
-    attributes = file.remote;
+// Asks again when the file was renamed meanwhile, because something else may be in its old place.
+struct FileSystem::RemoteContent : ReadSource {
+  RemoteContent(std::shared_ptr<FileSystem> of, std::shared_ptr<OpenFile> read,
+                Attributes as_opened)
+      : files(std::move(of)), file(std::move(read)), attributes(std::move(as_opened)) {}
+
+  int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) override {
+    return WhereItIs([&](const std::string& path) {
+      const AERROR error =
+          files->remote.Read(attributes.protocol, path, offset, buffer, length, received);
+      files->events.Failed(FS_EVENT_READ, error, path, path);
+      return ErrnoOf(error) == ENOENT ? ESTALE : ErrnoOf(error);
+    });
   }
-  if (!path || offset >= attributes.size) {
-    return path ? 0 : EIO;
+
+  int Confirm() override {
+    return WhereItIs([&](const std::string& path) {
+      Listings::Answer now;
+      if (const int error = files->Find(path, true, now); error != 0) {
+        return error;
+      }
+      const bool is_the_same = now.known == Listings::Known::kPresent &&
+                               now.attributes.version == attributes.version &&
+                               now.attributes.size == attributes.size;
+      return is_the_same ? 0 : ESTALE;
+    });
   }
-  const size_t wanted = std::min<std::uint64_t>(length, attributes.size - offset);
-  const AERROR error = remote.Read(attributes.protocol, *path, offset, buffer, wanted, received);
-  if (error != SUCCESS) {
-    events.Failed(FS_EVENT_READ, error, *path, *path);
-    return ErrnoOf(error) == ENOENT ? EIO : ErrnoOf(error);
+
+  // ESTALE when there is a work file by now: what the remote has under the name may be another's.
+  template <typename Ask>
+  int WhereItIs(Ask ask) {
+    std::optional<std::string> path = Path();
+    while (path) {
+      const int error = ask(*path);
+      std::optional<std::string> path_now = Path();
+      if (path_now == path) {
+        return error;
+      }
+      path = std::move(path_now);
+    }
+    return ESTALE;
   }
-  return received < wanted ? EIO : 0;  // shorter than it was when it was opened
+
+  std::optional<std::string> Path() {
+    const MutexLock guard(files->lock);
+    return file->work ? std::nullopt : files->nodes.PathOf(file->ino);
+  }
+
+  const std::shared_ptr<FileSystem> files;
+  const std::shared_ptr<OpenFile> file;
+  const Attributes attributes;
+};
+
+std::shared_ptr<Reader> FileSystem::ReaderFor(const std::shared_ptr<OpenFile>& file) {
+  const MutexLock guard(lock);
+  if (!file->reader) {
+    file->reader = std::make_shared<Reader>(
+        std::make_shared<RemoteContent>(shared_from_this(), file, file->remote),
+        Reader::File{.key = std::to_string(file->ino),
+                     .version = file->remote.version,
+                     .size = file->remote.size,
+                     .is_fresh = file->is_fresh});
+  }
+  return file->reader;
+}
+
+void FileSystem::DropReader(OpenFile& file) {
+  if (file.reader) {
+    file.reader->Stop();
+    file.reader.reset();
+  }
+}
+
+void FileSystem::Remember(Ino ino) {
+  const auto known = std::find(remembered.begin(), remembered.end(), ino);
+  if (known != remembered.end()) {
+    remembered.splice(remembered.begin(), remembered, known);
+    return;
+  }
+  nodes.Pin(ino);
+  remembered.push_front(ino);
+  if (remembered.size() > kMaxRemembered) {
+    const Ino oldest = remembered.back();
+    remembered.pop_back();
+    nodes.Unpin(oldest);
+    if (!nodes.Exists(oldest)) {
+      kernel.erase(oldest);
+    }
+  }
 }
 
 int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, void* buffer, size_t length,
                      size_t& received) {
-  received = 0;
   const auto open = GetHandle(handle);
   if (!open) {
     return EBADF;
   }
-  std::shared_ptr<WorkFile> work;
-  {
+  const auto find_work = [&](std::shared_ptr<WorkFile>& work) {
     const MutexLock guard(lock);
-    if (open->serial != open->file->serial) {
-      return EIO;  // changed elsewhere since it was opened; a new open sees the change
-    }
     work = open->file->work;
+    return open->serial == open->file->serial;
+  };
+  std::shared_ptr<WorkFile> work;
+  if (!find_work(work)) {
+    return EIO;  // changed elsewhere since it was opened; a new open sees the change
   }
-  return work ? work->Read(offset, buffer, length, received)
-              : ReadRemote(*open->file, offset, buffer, length, received);
+  int error = 0;
+  if (!work) {
+    error = ReaderFor(open->file)->Read(offset, buffer, length, received);
+    if (!find_work(work)) {
+      return EIO;
+    }
+  }
+  if (work) {  // perhaps made meanwhile, because the remote's content was about to go
+    error = work->Read(offset, buffer, length, received);
+  }
+  return error == ESTALE ? EIO : error;
 }
 
 int FileSystem::Write(std::uint64_t handle, std::uint64_t offset, const void* data, size_t length,

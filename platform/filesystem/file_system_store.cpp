@@ -100,6 +100,8 @@ void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
   const MutexLock guard(lock);
   file.at_remote = true;
   file.remote = stored;
+  file.is_fresh = false;
+  DropReader(file);
   kernel[file.ino].version = stored.version;
   listings.SetPresent(path, stored, Clock::now());
 }
@@ -119,6 +121,17 @@ int FileSystem::StoreAll() {
     DropOpenFileIfUnused(file);
   }
   return failures;
+}
+
+void FileSystem::CloseAll() {
+  std::unordered_map<Ino, std::shared_ptr<OpenFile>> closed;  // ends after the lock
+  const MutexLock guard(lock);
+  closed.swap(open_files);
+  handles.clear();
+  open_folders.clear();
+  for (const auto& [ino, file] : closed) {
+    DropReader(*file);
+  }
 }
 
 }  // namespace tarn::fs

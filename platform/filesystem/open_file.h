@@ -5,6 +5,7 @@
 
 #include "platform/filesystem/attributes.h"
 #include "platform/filesystem/nodes.h"
+#include "platform/filesystem/reader.h"
 #include "platform/filesystem/work_file.h"
 
 namespace tarn::fs {
@@ -18,10 +19,12 @@ struct OpenFile {
   int handles = 0;
   int writers = 0;  // of the handles
   std::shared_ptr<WorkFile> work;
-  bool preparing = false;    // somebody is making `work`; wait for FileSystem::prepared
-  bool at_remote = false;    // the remote has something under this file's name
-  Attributes remote;         // what the remote has, as of the last open or upload
-  std::uint64_t serial = 0;  // counts the changes made elsewhere that an open has seen
+  bool preparing = false;          // somebody is making `work`; wait for FileSystem::prepared
+  bool at_remote = false;          // the remote has something under this file's name
+  Attributes remote;               // what the remote has, as of the last open or upload
+  bool is_fresh = false;           // nobody was given anything of `remote` before it was opened
+  std::shared_ptr<Reader> reader;  // of `remote`; made when it is needed
+  std::uint64_t serial = 0;        // counts the changes made elsewhere that an open has seen
 };
 
 // One open(2).

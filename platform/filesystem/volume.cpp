@@ -134,6 +134,7 @@ void Volume::Keep() {
   if (!files->GetRemote().Close(kAfterCancel)) {
     Log(LOGLEVEL_ERROR, "a protocol of %s does not come back", given_path.c_str());
   }
+  files->CloseAll();
   mount_point.GiveBack();
   files->GetEvents().Unmounted(given_path);
   files->GetEvents().SetSink(nullptr);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/temp_folder.h"
+#include "tests/unit/filesystem/lent_libraries.h"
 #include "tests/unit/filesystem/mounted_drive.h"
 #include "tests/unit/filesystem/random_operations.h"
 
@@ -21,6 +22,7 @@ void CompareWithRemote(MemoryProtocol::Store& store, Calls& plain) {
 
 class RandomTest : public testing::TestWithParam<unsigned> {
  protected:
+  LentLibraries libraries;
   MemoryProtocol protocol;
   TempFolder folder;
   FolderCalls plain{folder.path()};

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/sync.h"
+
+namespace tarn::fs {
+
+// Where a Reader gets the content of its file from. Any thread. Errors: 0 or an errno value.
+class ReadSource {
+ public:
+  virtual ~ReadSource() = default;
+  [[nodiscard]] virtual int Read(std::uint64_t offset, void* buffer, size_t length,
+                                 size_t& received) = 0;
+  // Asks whether the file still is what it was when it was opened: ESTALE when it has changed.
+  [[nodiscard]] virtual int Confirm() = 0;
+};
+
+// The content of one version of one open file: fetched in pieces, ahead of a program that reads on
+// and on, and kept in blocks in the bound cache.
+//
+// A piece may be given out together with others only when the file was found unchanged after the
+// piece was fetched; else bytes of two versions could meet. So every piece is confirmed, but for
+// one that is the whole file, and the very first one: alone it is no mixture, and what comes later
+// confirms it too. Once a change was found, everything that is not there yet fails with ESTALE.
+//
+// Owns:    the pieces in memory, a bounded number of bytes; shares the source.
+// Threads: any. Tasks in the bound queue share ownership of the reader. A program never waits for a
+//          task that has not begun: it does the work itself.
+// Locks:   `lock` guards the pieces; not held while anything is fetched or copied.
+class Reader : public std::enable_shared_from_this<Reader> {
+ public:
+  // The unit of the cache and of a read at a random place: as much as the kernel asks for at a time
+  // when it reads ahead, and no more than 5 ms on a line of 200 Mbit/s, well below a round trip.
+  static constexpr size_t kBlockBytes = 128 * 1024;
+  static constexpr size_t kPieceBytes = 1024 * 1024;  // of one request when reading on and on
+  static constexpr size_t kMaxAheadBytes = 16 * kPieceBytes;  // one for each worker of the queue
+  static constexpr size_t kMaxHeldBytes = 24 * kPieceBytes;
+
+  struct File {
+    std::string key;  // for the cache: differs between files
+    std::string version;
+    std::uint64_t size = 0;  // bytes
+    bool is_fresh = false;   // nothing of this version was given to anybody yet
+  };
+
+  Reader(std::shared_ptr<ReadSource> content_source, File described)
+      : source(std::move(content_source)), file(std::move(described)) {}
+
+  // Fewer bytes than asked for only at the end of the file.
+  [[nodiscard]] int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received);
+
+  [[nodiscard]] const File& GetFile() const { return file; }
+  // Ends what is fetched ahead: nobody reads any more.
+  void Stop();
+  // Whether the file was found changed; another reader is needed for what it is now.
+  [[nodiscard]] bool HasChanged();
+
+ private:
+  enum class State { kWaiting, kBusy, kDone };
+  struct Piece {
+    std::uint64_t offset;
+    size_t length;
+    State state = State::kWaiting;
+    int error = 0;
+    std::vector<char> data;
+  };
+  using PiecePtr = std::shared_ptr<Piece>;
+  struct Task;
+
+  [[nodiscard]] PiecePtr FindPiece(std::uint64_t offset) const TARN_REQUIRES(lock);
+  PiecePtr AddPiece(std::uint64_t offset, size_t length) TARN_REQUIRES(lock);
+  void RemovePiece(const PiecePtr& piece) TARN_REQUIRES(lock);
+  [[nodiscard]] size_t LengthFor(std::uint64_t offset) const TARN_REQUIRES(lock);
+  void Note(std::uint64_t offset, size_t length) TARN_REQUIRES(lock);
+  void DropWaiting() TARN_REQUIRES(lock);
+  void Bound() TARN_REQUIRES(lock);
+
+  // Waits for the piece, or does it when nobody has begun.
+  [[nodiscard]] int Finish(const PiecePtr& piece);
+  void Load(Piece& piece);
+  [[nodiscard]] bool LoadFromCache(Piece& piece);
+  [[nodiscard]] int Fetch(Piece& piece, bool is_first);
+  [[nodiscard]] int ReadSourceFor(Piece& piece);
+  [[nodiscard]] int ConfirmAfterFirst();
+  void KeepInCache(const Piece& piece);
+  void ReadAhead(std::uint64_t end);
+  [[nodiscard]] bool Push(const PiecePtr& piece);
+
+  const std::shared_ptr<ReadSource> source;
+  const File file;
+
+  Mutex lock;
+  CondVar done;
+  std::map<std::uint64_t, PiecePtr> pieces TARN_GUARDED_BY(lock);  // by offset, none overlap
+  std::deque<PiecePtr> held TARN_GUARDED_BY(lock);  // those that are done, the oldest first
+  size_t held_bytes TARN_GUARDED_BY(lock) = 0;
+  std::uint64_t last_end TARN_GUARDED_BY(lock) = 0;  // where the program has read to
+  std::uint64_t read_on TARN_GUARDED_BY(lock) = 0;   // bytes that it has read on and on
+  bool has_read TARN_GUARDED_BY(lock) = false;
+  bool has_begun TARN_GUARDED_BY(lock) = false;      // to load pieces
+  bool first_is_busy TARN_GUARDED_BY(lock) = false;  // the one piece that is not confirmed itself
+  bool has_changed TARN_GUARDED_BY(lock) = false;
+  bool stopped TARN_GUARDED_BY(lock) = false;
+};
+
+}  // namespace tarn::fs

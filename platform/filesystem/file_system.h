@@ -1,9 +1,11 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <unordered_map>
@@ -64,7 +66,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] Remote& GetRemote() { return remote; }
   [[nodiscard]] Events& GetEvents() { return events; }
 
-  // Names. Lookup, Create, MakeFolder and LookUpEntry count one lookup, which Forget takes back.
+  // Names. For ENOENT, Lookup says in `valid_for` how long that holds. Lookup, Create, MakeFolder
+  // and LookUpEntry count one lookup, which Forget takes back.
   [[nodiscard]] int Lookup(Ino folder, const std::string& name, Stat& stat);
   void Forget(Ino ino, std::uint64_t lookups);
   [[nodiscard]] int MakeFolder(Ino folder, const std::string& name, Stat& stat);
@@ -122,10 +125,15 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
  private:
   // What the kernel holds of a file.
   struct KernelState {
-    std::string version;               // of the pages that it may have
-    Clock::time_point looked_up = {};  // when the remote told of it for a lookup
+    std::string version;                   // of the pages that it may have
+    Clock::time_point looked_up = {};      // when the remote told of it for a lookup
+    Clock::time_point fetched_ahead = {};  // when its content was, unchanged since it was listed
   };
 
+  struct SmallFile {
+    Ino folder = 0;
+    std::string name;
+  };
   struct StoreSource;    // the content on its way to the remote
   struct RemoteContent;  // the content on its way from there
 
@@ -134,6 +142,20 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Believable knowledge, from the remote unless it is there already or is to be asked anew.
   [[nodiscard]] int Find(const std::string& path, bool ask_anew, Listings::Answer& answer)
       TARN_EXCLUDES(lock);
+  [[nodiscard]] int FindInFolder(const std::string& path, Listings::Answer& answer)
+      TARN_EXCLUDES(lock);
+  // The believable listing of a folder; asked for once when several want it at the same time.
+  [[nodiscard]] AERROR GetListing(const std::string& path, FolderContent& content)
+      TARN_EXCLUDES(lock);
+  // Fetches what programs are likely to want next, in the background, a bounded number at a time.
+  void ListAhead(const std::string& folder, const std::vector<Entry>& entries) TARN_EXCLUDES(lock);
+  void ReadsOneAfterAnother(const OpenFile& file) TARN_EXCLUDES(lock);
+  [[nodiscard]] std::vector<std::string> NextSmall(const std::vector<Entry>& entries) const
+      TARN_REQUIRES(lock);
+  std::shared_ptr<Reader> StartReading(Ino ino, Attributes& expected) TARN_EXCLUDES(lock);
+  std::shared_ptr<Reader> MakeReader(Ino ino, const Attributes& attributes, bool is_fresh);
+  void FetchFileAhead(Ino folder, const std::string& name) TARN_EXCLUDES(lock);
+  bool StartAhead(std::function<void(FileSystem&)> work) TARN_EXCLUDES(lock);
   [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino ino) const TARN_REQUIRES(lock);
   [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino folder, const std::string& name) const
       TARN_REQUIRES(lock);
@@ -165,7 +187,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
                             std::shared_ptr<WorkFile>& work);
   [[nodiscard]] int Fetch(const std::shared_ptr<OpenFile>& file, std::uint64_t length,
                           WorkFile& work);
-  std::shared_ptr<Reader> ReaderFor(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
+  std::shared_ptr<Reader> ReaderFor(OpenFile& file) TARN_EXCLUDES(lock);
   static void DropReader(OpenFile& file);
   // Keeps the inode number of a file that was read, and so its blocks in the cache.
   void Remember(Ino ino) TARN_REQUIRES(lock);
@@ -207,6 +229,10 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   };
   std::unordered_map<std::uint64_t, OpenedFolder> open_folders TARN_GUARDED_BY(lock);
   std::uint64_t next_handle TARN_GUARDED_BY(lock) = 1;
+  std::set<std::string> listing_now TARN_GUARDED_BY(lock);
+  int ahead_tasks TARN_GUARDED_BY(lock) = 0;
+  SmallFile last_small TARN_GUARDED_BY(lock);       // that was opened
+  std::string ahead_until TARN_GUARDED_BY(lock);    // the last name there that was fetched ahead
   std::list<Ino> remembered TARN_GUARDED_BY(lock);  // the last read first
   Space space TARN_GUARDED_BY(lock);
   Clock::time_point space_asked TARN_GUARDED_BY(lock) = {};

@@ -17,6 +17,9 @@ namespace {
 // ask again.
 constexpr std::chrono::milliseconds kSameCall{10};
 constexpr std::uint64_t kWhole = std::numeric_limits<std::uint64_t>::max();
+// The first open of a file that was fetched ahead takes what was found then, for a short time: a
+// program that goes through a folder of small files would wait for every one of them otherwise.
+constexpr std::chrono::seconds kAheadTrust{1};
 constexpr size_t kMaxRemembered = 4096;
 
 bool WantsToWrite(int flags) {
@@ -81,7 +84,9 @@ int FileSystem::FindForOpen(Ino ino, Attributes& attributes) {
     const MutexLock guard(lock);
     path = nodes.PathOf(ino);
     const auto looked_up = std::exchange(kernel[ino].looked_up, Clock::time_point{});
-    just_looked_up = looked_up + kSameCall > Clock::now();
+    const auto ahead = std::exchange(kernel[ino].fetched_ahead, Clock::time_point{});
+    const auto now = Clock::now();
+    just_looked_up = looked_up + kSameCall > now || ahead + kAheadTrust > now;
   }
   Listings::Answer answer;
   if (const int error = path ? Find(*path, !just_looked_up, answer) : ESTALE; error != 0) {
@@ -106,6 +111,8 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
       return 0;
     }
   }
+  Attributes expected;
+  const auto begun = (flags & O_ACCMODE) == O_RDONLY ? StartReading(ino, expected) : nullptr;
   Attributes attributes;
   const int error = FindForOpen(ino, attributes);
   std::shared_ptr<OpenFile> file;
@@ -119,6 +126,12 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     file = EnsureOpenFile(ino);
     if (!is_local) {
       Refresh(*file, attributes);
+      if (begun && !file->reader && attributes.version == expected.version &&
+          attributes.size == expected.size && attributes.protocol == expected.protocol) {
+        file->reader = begun;
+      } else if (begun) {
+        begun->Stop();
+      }
       file->at_remote = true;
     }
     opened = MakeHandle(file, flags);
@@ -126,6 +139,7 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     opened.keep_cache = is_local || version == attributes.version;
     version = is_local ? version : attributes.version;
   }
+  ReadsOneAfterAnother(*file);
   const int truncated = WantsToWrite(flags) && (flags & O_TRUNC) != 0 ? Truncate(file) : 0;
   if (truncated != 0) {
     Release(opened.handle);
@@ -187,7 +201,7 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
 }
 
 int FileSystem::Fetch(const std::shared_ptr<OpenFile>& file, std::uint64_t length, WorkFile& work) {
-  const auto reader = ReaderFor(file);
+  const auto reader = ReaderFor(*file);
   const std::uint64_t end = std::min(length, reader->GetFile().size);
   std::vector<char> buffer(std::min<std::uint64_t>(Reader::kPieceBytes, end));
   for (std::uint64_t offset = 0; offset < end;) {
@@ -219,9 +233,8 @@ int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
 
 // Asks again when the file was renamed meanwhile, because something else may be in its old place.
 struct FileSystem::RemoteContent : ReadSource {
-  RemoteContent(std::shared_ptr<FileSystem> of, std::shared_ptr<OpenFile> read,
-                Attributes as_opened)
-      : files(std::move(of)), file(std::move(read)), attributes(std::move(as_opened)) {}
+  RemoteContent(std::shared_ptr<FileSystem> of, Ino read, Attributes as_opened)
+      : files(std::move(of)), ino(read), attributes(std::move(as_opened)) {}
 
   int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) override {
     return WhereItIs([&](const std::string& path) {
@@ -262,25 +275,31 @@ struct FileSystem::RemoteContent : ReadSource {
 
   std::optional<std::string> Path() {
     const MutexLock guard(files->lock);
-    return file->work ? std::nullopt : files->nodes.PathOf(file->ino);
+    const auto file = files->FindOpenFile(ino);
+    return file && file->work ? std::nullopt : files->nodes.PathOf(ino);
   }
 
   const std::shared_ptr<FileSystem> files;
-  const std::shared_ptr<OpenFile> file;
+  const Ino ino;
   const Attributes attributes;
 };
 
-std::shared_ptr<Reader> FileSystem::ReaderFor(const std::shared_ptr<OpenFile>& file) {
+std::shared_ptr<Reader> FileSystem::MakeReader(Ino ino, const Attributes& attributes,
+                                               bool is_fresh) {
+  return std::make_shared<Reader>(
+      std::make_shared<RemoteContent>(shared_from_this(), ino, attributes),
+      Reader::File{.key = std::to_string(ino),
+                   .version = attributes.version,
+                   .size = attributes.size,
+                   .is_fresh = is_fresh});
+}
+
+std::shared_ptr<Reader> FileSystem::ReaderFor(OpenFile& file) {
   const MutexLock guard(lock);
-  if (!file->reader) {
-    file->reader = std::make_shared<Reader>(
-        std::make_shared<RemoteContent>(shared_from_this(), file, file->remote),
-        Reader::File{.key = std::to_string(file->ino),
-                     .version = file->remote.version,
-                     .size = file->remote.size,
-                     .is_fresh = file->is_fresh});
+  if (!file.reader) {
+    file.reader = MakeReader(file.ino, file.remote, file.is_fresh);
   }
-  return file->reader;
+  return file.reader;
 }
 
 void FileSystem::DropReader(OpenFile& file) {
@@ -325,7 +344,7 @@ int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, void* buffer, s
   }
   int error = 0;
   if (!work) {
-    error = ReaderFor(open->file)->Read(offset, buffer, length, received);
+    error = ReaderFor(*open->file)->Read(offset, buffer, length, received);
     if (!find_work(work)) {
       return EIO;
     }

@@ -20,6 +20,25 @@ int CheckName(const std::string& name) {
 
 }  // namespace
 
+// The second name that is asked for in a folder brings the listing, which answers for all others.
+int FileSystem::FindInFolder(const std::string& path, Listings::Answer& answer) {
+  const std::string folder(FolderOf(path));
+  bool list = false;
+  {
+    const auto now = Clock::now();
+    const MutexLock guard(lock);
+    answer = listings.Find(path, now);
+    if (answer.known != Listings::Known::kNothing) {
+      return 0;
+    }
+    list = listings.HasSingleAnswers(folder, now);
+  }
+  if (FolderContent content; list) {
+    (void)GetListing(folder, content);  // where it fails, the name alone is asked for
+  }
+  return Find(path, false, answer);
+}
+
 int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
   if (const int error = CheckName(name); error != 0) {
     return error == EILSEQ ? ENOENT : error;
@@ -36,10 +55,11 @@ int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
   }
   Listings::Answer answer;
   const auto begin = Clock::now();
-  if (const int error = path ? Find(*path, false, answer) : ESTALE; error != 0) {
+  if (const int error = path ? FindInFolder(*path, answer) : ESTALE; error != 0) {
     return error;
   }
   if (answer.known == Listings::Known::kAbsent) {
+    stat.valid_for = remote.Count() > 0 ? answer.believable : Clock::duration::zero();
     return ENOENT;
   }
   const MutexLock guard(lock);
@@ -243,30 +263,47 @@ void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
   }
 }
 
+AERROR FileSystem::GetListing(const std::string& path, FolderContent& content) {
+  Listings::Ticket ticket = 0;
+  {
+    const MutexLock guard(lock);
+    for (;;) {
+      content.asked = Clock::now();
+      if (listings.Get(path, content.asked, content.entries, content.asked)) {
+        return SUCCESS;
+      }
+      if (listing_now.insert(path).second) {
+        break;
+      }
+      prepared.wait(lock);  // somebody else asks already
+    }
+    ticket = listings.Begin();
+  }
+  const AERROR error = remote.List(path, content.entries);
+  const MutexLock guard(lock);
+  listing_now.erase(path);
+  prepared.notify_all();
+  if (error == SUCCESS) {
+    listings.AddListing(ticket, path, content.entries, content.asked);
+  }
+  return error;
+}
+
 int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
   std::optional<std::string> path;
-  Listings::Ticket ticket = 0;
-  bool known = false;
-  content.asked = Clock::now();
   {
     const MutexLock guard(lock);
     path = nodes.PathOf(folder);
-    known = path && listings.Get(*path, content.asked, content.entries, content.asked);
-    ticket = listings.Begin();
   }
   if (!path) {
     return ENOENT;
   }
-  if (!known) {
-    if (const AERROR error = remote.List(*path, content.entries); error != SUCCESS) {
-      events.Failed(FS_EVENT_READDIR, error, *path, *path);
-      return ErrnoOf(error);
-    }
+  if (const AERROR error = GetListing(*path, content); error != SUCCESS) {
+    events.Failed(FS_EVENT_READDIR, error, *path, *path);
+    return ErrnoOf(error);
   }
+  ListAhead(*path, content.entries);
   const MutexLock guard(lock);
-  if (!known) {
-    listings.AddListing(ticket, *path, content.entries, content.asked);
-  }
   AddUnsent(*path, content.entries);
   return 0;
 }

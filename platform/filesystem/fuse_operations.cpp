@@ -97,6 +97,11 @@ void Lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
     const int error = files.Lookup(folder, name, known);
     if (error == 0) {
       ReplyEntry(request, files, known);
+    } else if (error == ENOENT && known.valid_for > Clock::duration::zero()) {
+      fuse_entry_param absent = {};  // inode number 0: there is none, and the kernel may keep that
+      absent.entry_timeout = Seconds(known.valid_for);
+      (void)fuse_reply_entry(request, &absent);
+      return 0;
     }
     return error;
   });

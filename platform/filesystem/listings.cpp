@@ -48,6 +48,31 @@ bool Listings::Get(const std::string& folder, Clock::time_point now, std::vector
   return true;
 }
 
+std::vector<Entry> Listings::After(const std::string& folder, const std::string& name,
+                                   Clock::time_point now, size_t count) const {
+  std::vector<Entry> entries;
+  const auto found = folders.find(folder);
+  if (found == folders.end() || !found->second.complete ||
+      !IsBelievable(found->second.listed, now)) {
+    return entries;
+  }
+  const auto& records = found->second.records;
+  for (auto next = records.upper_bound(name); next != records.end() && entries.size() < count;
+       ++next) {
+    if (next->second.present) {
+      entries.push_back({next->first, next->second.attributes});
+    }
+  }
+  return entries;
+}
+
+bool Listings::HasSingleAnswers(const std::string& folder, Clock::time_point now) const {
+  const auto known = folders.find(folder);
+  return known != folders.end() &&
+         std::any_of(known->second.records.begin(), known->second.records.end(),
+                     [&](const auto& record) { return IsBelievable(record.second.asked, now); });
+}
+
 void Listings::AddListing(Ticket ticket, const std::string& folder,
                           const std::vector<Entry>& entries, Clock::time_point asked) {
   Folder& known = FolderAt(folder);

@@ -37,6 +37,12 @@ class Listings {
   [[nodiscard]] bool Get(const std::string& folder, Clock::time_point now,
                          std::vector<Entry>& entries, Clock::time_point& asked) const;
 
+  // Of a known listing, up to `count` entries after `name` in the order of the names.
+  [[nodiscard]] std::vector<Entry> After(const std::string& folder, const std::string& name,
+                                         Clock::time_point now, size_t count) const;
+  // Whether the folder was asked for single names lately, so that a listing is worth its while.
+  [[nodiscard]] bool HasSingleAnswers(const std::string& folder, Clock::time_point now) const;
+
   // Answers of the remote to a question of `asked`. Add is false when the answer was not kept; null
   // attributes: the path is absent.
   void AddListing(Ticket ticket, const std::string& folder, const std::vector<Entry>& entries,

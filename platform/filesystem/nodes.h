@@ -35,6 +35,8 @@ class Nodes {
   // The place of a node; empty when it, or a folder above it, was removed.
   [[nodiscard]] std::optional<std::string> PathOf(Ino ino) const;
 
+  [[nodiscard]] Ino FolderOf(Ino ino) const { return nodes.at(ino).folder; }
+
   void AddLookup(Ino ino) { ++nodes.at(ino).lookups; }
   void Forget(Ino ino, std::uint64_t lookups);
   void Pin(Ino ino) { ++nodes.at(ino).pins; }

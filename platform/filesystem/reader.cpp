@@ -107,6 +107,15 @@ void Reader::Stop() {
   DropWaiting();
 }
 
+void Reader::Begin() {
+  PiecePtr piece;
+  {
+    const MutexLock guard(lock);
+    piece = AddPiece(0, kPieceBytes);
+  }
+  (void)Push(piece, ASYNCQ_URGENT);  // without a queue the first read does it
+}
+
 int Reader::Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) {
   received = 0;
   const std::uint64_t end =
@@ -278,7 +287,7 @@ void Reader::ReadAhead(std::uint64_t end) {
       }
       piece = AddPiece(next, kPieceBytes);
     }
-    if (!Push(piece)) {
+    if (!Push(piece, ASYNCQ_BACKGROUND)) {
       const MutexLock guard(lock);
       if (piece->state == State::kWaiting) {
         RemovePiece(piece);  // without a queue nothing is fetched ahead
@@ -288,10 +297,10 @@ void Reader::ReadAhead(std::uint64_t end) {
   }
 }
 
-bool Reader::Push(const PiecePtr& piece) {
+bool Reader::Push(const PiecePtr& piece, ASYNCQ_LANE lane) {
   auto task = std::make_unique<Task>(Task{shared_from_this(), piece});
   const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
-  if (!queue || queue->Push(&Task::Run, task.get(), ASYNCQ_BACKGROUND) != SUCCESS) {
+  if (!queue || queue->Push(&Task::Run, task.get(), lane) != SUCCESS) {
     return false;
   }
   (void)task.release();  // the queue's now

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/sync.h"
+#include "interfaces/iasyncq.h"
 
 namespace tarn::fs {
 
@@ -52,6 +53,8 @@ class Reader : public std::enable_shared_from_this<Reader> {
   Reader(std::shared_ptr<ReadSource> content_source, File described)
       : source(std::move(content_source)), file(std::move(described)) {}
 
+  // Starts to fetch the beginning, in the queue if there is one.
+  void Begin();
   // Fewer bytes than asked for only at the end of the file.
   [[nodiscard]] int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received);
 
@@ -90,7 +93,7 @@ class Reader : public std::enable_shared_from_this<Reader> {
   [[nodiscard]] int ConfirmAfterFirst();
   void KeepInCache(const Piece& piece);
   void ReadAhead(std::uint64_t end);
-  [[nodiscard]] bool Push(const PiecePtr& piece);
+  [[nodiscard]] bool Push(const PiecePtr& piece, ASYNCQ_LANE lane);
 
   const std::shared_ptr<ReadSource> source;
   const File file;

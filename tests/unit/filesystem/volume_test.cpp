@@ -15,6 +15,7 @@
 #include "common/unique_fd.h"
 #include "tests/support/protocol/memory_protocol.h"
 #include "tests/unit/filesystem/drive.h"
+#include "tests/unit/filesystem/eventually.h"
 #include "tests/unit/filesystem/mounted_drive.h"
 #include "tests/unit/filesystem/recording_events.h"
 
@@ -32,18 +33,6 @@ std::string MountLine(const std::string& path) {
     }
   }
   return "";
-}
-
-template <typename Condition>
-bool Eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
 }
 
 // Changes one byte after the file was closed; 0 when that went well. In a process of its own: the

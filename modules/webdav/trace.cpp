@@ -65,7 +65,8 @@ int Trace(CURL*, curl_infotype type, char* data, size_t size, void*) {
   if (type == CURLINFO_TEXT) {
     __LOG__A(logger, LOGLEVEL_INFO | LOGLEVEL_HTTP, "[INFORMATION] %s",
              WithoutSecrets({data, size}).c_str());
-  } else if (type == CURLINFO_HEADER_IN || type == CURLINFO_HEADER_OUT) {
+  } else if ((type == CURLINFO_HEADER_IN || type == CURLINFO_HEADER_OUT) &&
+             !std::string_view(data, size).starts_with('\r')) {  // the end of a head
     __LOG__A(logger, LOGLEVEL_DEBUG | LOGLEVEL_HTTP, "[HEADER   %s] %s",
              type == CURLINFO_HEADER_IN ? ">>" : "<<", WithoutSecrets({data, size}).c_str());
   }

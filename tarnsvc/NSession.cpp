@@ -50,10 +50,7 @@ CNSession::CNSession(void* owning_server, int socket, Callback notify)
 
 CNSession::~CNSession() {
   running = false;
-  tarn::MutexLock lock(sock_lock);
-  if (recv_thread && recv_thread->joinable()) {
-    recv_thread->detach();  // this may be that thread, dropping the last handle
-  }
+  detach_receive_thread();  // this may be that thread, dropping the last handle
 }
 
 std::shared_ptr<CNSession> CNSession::make(void* owner, int socket, Callback callback) {
@@ -91,9 +88,19 @@ void CNSession::receive_loop() {
   } catch (const std::exception&) {
     // The thread ends all the same.
   }
+  detach_receive_thread();  // the drives that it mounted may keep the session long after it has
+                            // ended
   tarn::MutexLock lock(result_lock);
   receiving = false;
   result_cond.notify_all();
+}
+
+void CNSession::detach_receive_thread() {
+  tarn::MutexLock lock(sock_lock);
+  if (recv_thread) {
+    recv_thread->detach();
+    recv_thread.reset();
+  }
 }
 
 int CNSession::receive(char* buffer, int count) {

@@ -103,6 +103,7 @@ class CNSession {
   static const Command* FindCommand(const std::string& name);
 
   void receive_loop();
+  void detach_receive_thread();
   void close_socket();
   [[nodiscard]] int _send(const char* data, int length) TARN_REQUIRES(send_lock);
   [[nodiscard]] bool wait_until_writable(int fd);

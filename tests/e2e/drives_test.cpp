@@ -148,7 +148,9 @@ TEST_F(DrivesE2eTest, ADeadDriveTakesNoOtherVolumeWithIt) {
   ASSERT_EQ(Mount(backing, volume, "M"), 0);
   ::kill(first, SIGKILL);
   (void)client->WaitForEvent("disconnected");
-  EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().size() == 1; }));
+  const std::string one_drive =
+      R"({"cmd":"get_drive_list", "drives": [")" + volume.string() + "\"]}";
+  EXPECT_TRUE(WaitUntil([&] { return client->Ask(R"({"cmd":"get_drive_list"})") == one_drive; }));
   WriteFile(volume / "file", "still there");
   EXPECT_EQ(Unmount(volume), 0);
   EXPECT_EQ(ReadFile(backing / "file"), "still there");

@@ -17,7 +17,9 @@ void CURLAuth::SignAuthentication(CURLImpl& request) {
   SignAuthentication(&request);
 }
 
-void CURLAuth::SignAuthentication(std::shared_ptr<CURLImpl> request) {
+// By value, because the three forms of this operation are a fixed table.
+void CURLAuth::SignAuthentication(
+    std::shared_ptr<CURLImpl> request) {  // NOLINT(performance-unnecessary-value-param)
   SignAuthentication(request.get());
 }
 

@@ -56,7 +56,8 @@ void GiveToServer(const std::filesystem::path& path) {
 std::string LoadModules(std::initializer_list<const char*> names) {
   std::string lines;
   for (const std::string name : names) {
-    lines += "LoadModule " + name + "_module /usr/lib/apache2/modules/mod_" + name + ".so\n";
+    lines.append("LoadModule ").append(name).append("_module /usr/lib/apache2/modules/mod_");
+    lines.append(name).append(".so\n");
   }
   return lines;
 }

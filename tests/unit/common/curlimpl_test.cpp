@@ -196,15 +196,6 @@ TEST_F(HttpHelperTest, UploadsReportProgressAndClearEndsFormLimitsAndReports) {
   EXPECT_EQ(calls.count, 0);
 }
 
-TEST_F(HttpHelperTest, WithoutAHandleEveryRequestSaysSo) {
-  struct Handleless : CURLImpl {
-    Handleless() { easy.reset(); }
-  } request;
-  request.Clear();
-  EXPECT_EQ(request.PerformGet(nullptr, nullptr).code, CURLE_FAILED_INIT);
-  EXPECT_EQ(request.PerformPost("text").code, CURLE_FAILED_INIT);
-}
-
 class Tokens final : public IAuth {
  public:
   bool GetValue(const char* key, char* buffer, int* length) override {

@@ -12,7 +12,7 @@ namespace {
 using std::chrono::seconds;
 
 constexpr seconds kNoProgress{30};      // an upload that does not move for so long is given up
-constexpr seconds kAfterCancel{5};      // a cancelled call should have ended by then
+constexpr seconds kAfterCancel{15};     // a cancelled call should have ended by then
 constexpr seconds kServingThreads{30};  // calls that programs still wait for when the session ends
 constexpr seconds kGone{120};           // all of what the keeper does, at worst
 
@@ -98,13 +98,15 @@ void Volume::StoreWhatIsLeft() {
 }
 
 bool Volume::TakeAway() {
-  if (mount_point.Unmount(false)) {
+  if (mount_point.IsMounted() && mount_point.Unmount(false)) {
     return true;
   }
   if (!mount_point.Unmount(true)) {
     return false;
   }
-  loop->Stop();  // programs still have files open: the kernel does not end the connection
+  // Detached, by this or from outside: while programs have files open, the kernel does not end the
+  // connection.
+  loop->Stop();
   return true;
 }
 

@@ -131,6 +131,18 @@ TEST_F(VolumeTest, ABusyVolumeIsStoredDetachedAndItsProgramsAreTold) {
   EXPECT_EQ(::pwrite(file.get(), "lost", 4, 0), -1) << "a write that goes nowhere must fail";
 }
 
+TEST_F(VolumeTest, AVolumeThatWasDetachedFromOutsideWithFilesOpenIsEndedAllTheSame) {
+  MountWithProtocol();
+  const UniqueFd file(::open((mounted->path + "/file").c_str(), O_RDWR | O_CREAT, 0644));
+  ASSERT_EQ(::pwrite(file.get(), "content", 7, 0), 7);
+  ASSERT_EQ(::umount2(mounted->path.c_str(), MNT_DETACH), 0);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(Unmount(), SUCCESS);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  EXPECT_EQ(Remote().Content("/file"), "content");
+  EXPECT_THAT(events->Texts(), testing::Contains("unmounted " + mounted->path));
+}
+
 TEST_F(VolumeTest, AppendingMappingsAndSavesOfEditorsReachTheRemote) {
   MountWithProtocol();
   const std::string path = mounted->path + "/file";

@@ -95,7 +95,7 @@ TEST_F(AheadTest, OpeningASmallFileOfAKnownFolderTakesOneRoundTrip) {
   Remote().Write("/folder/other", "content");
   std::vector<std::string> names;
   ASSERT_EQ(drive.List("/folder", names), 0);
-  constexpr int kLatencyMs = 200;
+  constexpr int kLatencyMs = 500;
   protocol.behaviour.latency_ms = kLatencyMs;
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(drive.Content("/folder/file"), "content");

@@ -15,7 +15,7 @@ class AheadTest : public testing::Test {
   MemoryProtocol::Store& Remote() { return protocol.GetStore(); }
   static std::string Name(int i) { return std::to_string(100 + i); }
 
-  LentLibraries libraries;
+  LentLibraries libraries{64 * 1024 * 1024};
   MemoryProtocol protocol;
   std::shared_ptr<fs::FileSystem> files = std::make_shared<fs::FileSystem>();
   DirectCalls drive{*files};

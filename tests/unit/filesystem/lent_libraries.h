@@ -10,19 +10,19 @@
 
 namespace tarn::test {
 
-// A queue and a small cache, lent to the file-system library for the time of a test.
+// A queue and a cache, lent to the file-system library for the time of a test.
 class LentLibraries {
  public:
   static constexpr int kWorkers = 4;
   static constexpr int kBackgroundWorkers = 3;  // one is kept for what programs wait for
-  static constexpr long long kCapacityBytes = 2 * 1024 * 1024;
+  static constexpr long long kSmallBytes = 2 * 1024 * 1024;  // blocks have to go all the time
 
-  LentLibraries() {
+  explicit LentLibraries(long long capacity_bytes = kSmallBytes) {
     if (InitAsyncQ(kWorkers, &queue)) {
       FS_BindAsyncQ(queue);
     }
     void* object = nullptr;
-    if (InitCache(folder.path().c_str(), kCapacityBytes, &object) == SUCCESS) {
+    if (InitCache(folder.path().c_str(), capacity_bytes, &object) == SUCCESS) {
       cache = static_cast<ICache*>(object);
       FS_BindCache(object);
     }

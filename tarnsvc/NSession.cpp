@@ -283,8 +283,8 @@ void CNSession::close_socket() {
 
 void CNSession::stop(Deadline deadline) {
   shut_down();
-  std::shared_ptr<std::thread> thread;  // stays empty on the receive thread, which can't wait for
-                                        // itself; the destructor detaches it
+  // Stays empty on the receive thread, which can't wait for itself and detaches itself in the end.
+  std::shared_ptr<std::thread> thread;
   {
     tarn::MutexLock lock(sock_lock);
     if (recv_thread && recv_thread->get_id() != std::this_thread::get_id()) {

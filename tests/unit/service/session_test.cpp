@@ -1,14 +1,17 @@
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <future>
 #include <gtest/gtest.h>
+#include <list>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 
 #include "common/frame.h"
+#include "common/never_destroyed.h"
 #include "common/posix.h"
 #include "tarnsvc/NSession.h"
 #include "tarnsvc/TCPServer.h"
@@ -24,6 +27,7 @@ using std::chrono::steady_clock;
 class ServerTest : public testing::Test {
  protected:
   void SetUp() override {
+    ::signal(SIGPIPE, SIG_IGN);
     const std::string executable = folder.Write("tarnsvc", "");
     std::strncpy(lpCmdLineData[0], executable.c_str(), kPathBytes - 1);
     folder.Write("tarnapi.ini", "[SDK]\r\nNAME=svc");
@@ -32,8 +36,14 @@ class ServerTest : public testing::Test {
   }
   void TearDown() override { server.stop(); }
 
+  // Never destroyed, as in the service: a session that was refused may say goodbye after the test.
+  static CTCPServer& NewServer() {
+    static NeverDestroyed<std::list<CTCPServer>> servers;
+    return servers.get().emplace_back();
+  }
+
   const test::TempFolder folder;
-  CTCPServer server;
+  CTCPServer& server = NewServer();
   int port = -1;
 };
 
@@ -201,6 +211,7 @@ TEST_F(ServerTest, ServesTheNextClientAfterDescriptorsRanOut) {
 class QuotaTest : public testing::Test {
  protected:
   void SetUp() override {
+    ::signal(SIGPIPE, SIG_IGN);
     int ends[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     peer.reset(ends[1]);

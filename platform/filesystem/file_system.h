@@ -195,8 +195,12 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
 
   [[nodiscard]] int Store(const std::shared_ptr<OpenFile>& file);
+  // `is_new`: nothing may be there yet; SHARING_VIOLATION when there is, from remotes that can
+  // tell.
   [[nodiscard]] AERROR Upload(const std::string& path, const WorkFile& work,
-                              const WorkFile::State& state, Attributes& stored);
+                              const WorkFile::State& state, bool is_new, Attributes& stored);
+  // Somebody else has made a file of this name: ours takes another one beside it.
+  void MoveAside(const OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
   void Stored(OpenFile& file, const std::string& path, WorkFile& work, const WorkFile::State& state,
               const Attributes& stored);
 

@@ -1,9 +1,11 @@
 // Sending: what programs wrote goes to the remote.
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "platform/filesystem/errors.h"
 #include "platform/filesystem/file_system.h"
+#include "platform/filesystem/names.h"
 
 namespace tarn::fs {
 
@@ -49,19 +51,25 @@ int FileSystem::Store(const std::shared_ptr<OpenFile>& file) {
       return 0;  // removed: nobody wants it any more
     }
     std::shared_ptr<WorkFile> work;
+    bool is_new = false;
     {
       const MutexLock guard(lock);
       work = file->work;
+      is_new = !file->at_remote;
     }
     if (!work || !work->IsDirty()) {
       return 0;
     }
     const WorkFile::State state = work->GetState();
     Attributes stored;
-    const AERROR error = Upload(paths[0], *work, state, stored);
+    const AERROR error = Upload(paths[0], *work, state, is_new, stored);
     if (error == SUCCESS) {
       Stored(*file, paths[0], *work, state, stored);
       return 0;
+    }
+    if (is_new && error == SHARING_VIOLATION && attempt < kMaxAttempts) {
+      MoveAside(*file, paths[0]);
+      continue;
     }
     const bool was_cut = work->GetSize() < state.size;
     if (!was_cut || attempt == kMaxAttempts) {
@@ -71,13 +79,14 @@ int FileSystem::Store(const std::shared_ptr<OpenFile>& file) {
 }
 
 AERROR FileSystem::Upload(const std::string& path, const WorkFile& work,
-                          const WorkFile::State& state, Attributes& stored) {
+                          const WorkFile::State& state, bool is_new, Attributes& stored) {
   StoreSource content{&work, state.size, &progress};
   FS_SOURCE source = {};
   source.context = &content;
   source.read = &StoreSource::Read;
   source.rewind = &StoreSource::Rewind;
   source.modified = &state.modified;
+  source.replaces = is_new ? "" : nullptr;
   UploadEvents upload_events(events, path, static_cast<long long>(state.size));
   stored = {.is_folder = false, .size = state.size, .modified = state.modified, .version = {}};
   const AERROR error = remote.Upload(path, source, state.size, &UploadEvents::OnProgress,
@@ -92,6 +101,19 @@ AERROR FileSystem::Upload(const std::string& path, const WorkFile& work,
   }
   upload_events.End(error);
   return error;
+}
+
+void FileSystem::MoveAside(const OpenFile& file, const std::string& path) {
+  std::string new_path;
+  {
+    const MutexLock guard(lock);
+    const std::string name = ConflictName(std::string(NameOf(path)), std::time(nullptr));
+    new_path = JoinPath(FolderOf(path), name);
+    nodes.Move(file.ino, nodes.FolderOf(file.ino), name);
+    listings.Forget(path);
+    listings.Forget(new_path);
+  }
+  events.Failed(FS_EVENT_CREATE_FILE, SHARING_VIOLATION, new_path, path);
 }
 
 void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,10 @@ inline constexpr size_t kMaxNameBytes = 255;
 [[nodiscard]] std::string JoinPath(std::string_view folder, std::string_view name);
 [[nodiscard]] std::string_view FolderOf(std::string_view path);  // of the root: the root
 [[nodiscard]] std::string_view NameOf(std::string_view path);    // of the root: empty
+
+// The name under which a file goes beside one that somebody else has made:
+// "name (conflict 2026-03-14 09.26.53).ext", in local time. Still valid if `name` was.
+[[nodiscard]] std::string ConflictName(const std::string& name, std::time_t now);
 
 // Whether `path` is `folder` itself or lies below it.
 [[nodiscard]] bool IsWithin(std::string_view path, std::string_view folder);

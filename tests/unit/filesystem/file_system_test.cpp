@@ -72,6 +72,21 @@ TEST_F(FileSystemTest, CloseTellsThatTheRemoteTookNothingAndTheContentStaysReada
   EXPECT_EQ(Remote().Content("/file"), "content");
 }
 
+TEST_F(FileSystemTest, ANewFileDoesNotReplaceOneThatSomebodyElseMadeMeanwhile) {
+  const int file = Open("/report.txt", O_WRONLY | O_CREAT);
+  ASSERT_EQ(drive.Write(file, 0, "ours"), 0);
+  Remote().Write("/report.txt", "theirs");
+  EXPECT_EQ(drive.Close(file), 0);
+  const auto paths = Remote().Paths();
+  ASSERT_EQ(paths.size(), 2U);
+  EXPECT_THAT(paths[0], testing::MatchesRegex("/report .conflict ....-..-.. ..[.]..[.]...[.]txt"));
+  EXPECT_EQ(Remote().Content(paths[0]), "ours");
+  EXPECT_EQ(Remote().Content("/report.txt"), "theirs");
+  EXPECT_EQ(drive.Content("/report.txt"), "theirs");
+  EXPECT_EQ(drive.Content(paths[0]), "ours");
+  EXPECT_THAT(events->Texts(), testing::Contains("error 2 " + paths[0] + " 36"));
+}
+
 TEST_F(FileSystemTest, AnUploadTellsItsBeginItsLastProgressAndItsEnd) {
   EXPECT_EQ(drive.WriteFile("/file", std::string(1'000'000, 'x')), 0);
   const auto texts = events->Texts();

@@ -1,5 +1,6 @@
 // The small parts that stand alone.
 #include <atomic>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -34,6 +35,18 @@ TEST(NamesTest, PathsAreTakenApartAndPutTogether) {
   EXPECT_EQ(NameOf("/a/b"), "b");
   EXPECT_TRUE(IsWithin("/a/b", "/a"));
   EXPECT_FALSE(IsWithin("/ab", "/a"));
+}
+
+TEST(NamesTest, ConflictNamesKeepTheExtensionAndStayValid) {
+  EXPECT_THAT(ConflictName("a.b.txt", 0), testing::MatchesRegex("a[.]b .conflict .*[.]txt"));
+  EXPECT_THAT(ConflictName(".profile", 0), testing::MatchesRegex("[.]profile .conflict .*"));
+  std::string name;
+  while (name.size() + 2 <= kMaxNameBytes) {
+    name += "\xC3\xBC";
+  }
+  EXPECT_TRUE(IsValidName(ConflictName(name, 0)));
+  EXPECT_TRUE(IsValidName(ConflictName("a." + name.substr(2), 0)));
+  EXPECT_NE(ConflictName(name, 0), name);
 }
 
 TEST(ErrorsTest, ProtocolErrorsBecomeWhatProgramsKnow) {

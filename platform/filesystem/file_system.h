@@ -205,6 +205,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
               const Attributes& stored);
 
   [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
+  [[nodiscard]] bool IsAsOpened(const OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
+  void TakeNewVersion(OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
   [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
              const std::vector<std::string>& paths) TARN_REQUIRES(lock);

@@ -103,17 +103,18 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
   if (!hold) {
     return 0;  // a removed file that is still open
   }
+  std::shared_ptr<OpenFile> file;
   std::shared_ptr<WorkFile> work;
   {
     const MutexLock guard(lock);
-    if (const auto file = FindOpenFile(ino); file && file->work) {
-      work = file->work;
-    }
+    file = FindOpenFile(ino);
+    work = file ? file->work : nullptr;
   }
   if (work && work->IsDirty()) {
     work->SetModified(time);  // goes with the content
     return 0;
   }
+  const bool is_as_opened = file && IsAsOpened(*file, paths[0]);
   const AERROR error = remote.SetModifiedTime(paths[0], time);
   if (error == NOT_SUPPORTED) {
     return 0;  // the remote keeps no times; programs that copy them are not to fail for it
@@ -124,9 +125,41 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
   if (work) {
     work->SetFilled(time);
   }
-  const MutexLock guard(lock);
-  listings.Forget(paths[0]);
+  {
+    const MutexLock guard(lock);
+    listings.Forget(paths[0]);
+  }
+  if (is_as_opened) {
+    TakeNewVersion(*file, paths[0]);
+  }
   return 0;
+}
+
+bool FileSystem::IsAsOpened(const OpenFile& file, const std::string& path) {
+  Listings::Answer now;
+  if (Find(path, true, now) != 0 || now.known != Listings::Known::kPresent) {
+    return false;
+  }
+  const MutexLock guard(lock);
+  return now.attributes.version == file.remote.version;
+}
+
+// Another time may mean another version of the same content; who has it open reads on.
+void FileSystem::TakeNewVersion(OpenFile& file, const std::string& path) {
+  Listings::Answer now;
+  if (Find(path, true, now) != 0 || now.known != Listings::Known::kPresent) {
+    return;
+  }
+  const MutexLock guard(lock);
+  if (now.attributes.size != file.remote.size) {
+    return;
+  }
+  if (kernel[file.ino].version == file.remote.version) {
+    kernel[file.ino].version = now.attributes.version;
+  }
+  file.remote = now.attributes;
+  file.is_fresh = false;
+  DropReader(file);
 }
 
 }  // namespace tarn::fs

@@ -370,6 +370,7 @@ AERROR MemoryProtocol::SetModifiedTime(const char* path, const FS_TIME* time) {
     return FILE_NOT_FOUND;
   }
   item->second.modified = *time;
+  item->second.version = ++store->last_version;  // as a version made of time and size
   return SUCCESS;
 }
 

@@ -136,6 +136,16 @@ TEST_F(FileSystemTest, TimesReachTheRemoteWhereItKeepsThemAndModesCannotChange) 
   ASSERT_EQ(protocol.GetInfo("/file", &info), SUCCESS);
   EXPECT_EQ(info.modified.seconds, 1'000'000'000);
   EXPECT_EQ(stat.modified.nanoseconds, 5);
+  Remote().Write("/read", "content");
+  const int reader = Open("/read", O_RDONLY);
+  ASSERT_EQ(files->Lookup(fs::kRootIno, "read", stat), 0);
+  EXPECT_EQ(files->SetAttributes(stat.ino, change, stat), 0);
+  const int second = Open("/read", O_RDONLY);
+  std::string content;
+  EXPECT_EQ(drive.Read(reader, 0, 10, content), 0) << "only the time is another";
+  EXPECT_EQ(content, "content");
+  drive.Close(reader);
+  drive.Close(second);
   fs::AttributeChange mode;
   mode.permissions = stat.Permissions() | S_IFREG;
   EXPECT_EQ(files->SetAttributes(stat.ino, mode, stat), 0);

@@ -140,6 +140,38 @@ TEST_F(DrivesE2eTest, ADriveProcessKilledBetweenMountAndAnswerLeavesNoMount) {
   }
 }
 
+TEST_F(DrivesE2eTest, AClientThatLeavesInTheMiddleOfAMountLeavesADriveForOthers) {
+  client->Send(ConnectMessage(backing, volume, "L"));
+  client.emplace(service);  // the connection of the first ends here
+  client->Introduce(true);
+  const std::string one_drive =
+      R"({"cmd":"get_drive_list", "drives": [")" + volume.string() + "\"]}";
+  EXPECT_TRUE(WaitUntil([&] { return client->Ask(R"({"cmd":"get_drive_list"})") == one_drive; }));
+  WriteFile(volume / "file", "x");  // its events go to nobody
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_EQ(ReadFile(backing / "file"), "x");
+}
+
+TEST_F(DrivesE2eTest, AServiceThatEndsInTheMiddleOfAnythingLeavesNoProcess) {
+  for (const char* command : {R"({"cmd":"disconnect_all"})", R"({"cmd":"set_loglevel","data":{}})",
+                              R"({"cmd":"disconnect"})"}) {
+    ASSERT_EQ(Mount(backing, volume, "L"), 0);
+    const std::vector<pid_t> drives = service.DriveProcesses();
+    ::kill(drives.at(0), SIGSTOP);  // whatever asks it, waits
+    const bool one = std::string(command) == R"({"cmd":"disconnect"})";
+    client->Send(one ? DriveMessage("disconnect", volume) : command);
+    service.Signal(SIGTERM);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(service.WaitForEnd(std::chrono::seconds(10))) << command;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4)) << command;
+    ::kill(drives.at(0), SIGCONT);
+    EXPECT_TRUE(WaitUntil([&] { return !IsMounted(volume); })) << command;
+    ASSERT_TRUE(service.Start());
+    client.emplace(service);
+    client->Introduce(true);
+  }
+}
+
 TEST_F(DrivesE2eTest, ADeadDriveTakesNoOtherVolumeWithIt) {
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
   const pid_t first = service.DriveProcesses().at(0);

@@ -147,7 +147,9 @@ TEST_F(ServiceWithDriveTest, AServiceKilledInTheMiddleOfAMountLeavesNoProcess) {
 
 TEST_F(ServiceWithDriveTest, StaleFilesOfAnEarlierRunAreNoHindrance) {
   for (const char* end : {"_1_1", "_1_2", "_2_1", "_2_2"}) {
-    WriteFile(std::string("/tmp/tarn_mount_0") + end, "stale");
+    const fs::path file = std::string("/tmp/tarn_mount_0") + end;
+    fs::remove(file);  // where /tmp is shared, it may be a FIFO, and opening that would wait
+    WriteFile(file, "stale");
   }
   EXPECT_EQ(Mount(backing, volume, "L"), 0);
   EXPECT_EQ(Unmount(volume), 0);

@@ -94,8 +94,7 @@ bool FuseLoop::Start(const std::string& mount_point, const std::string& label) {
   if (arguments.Get() == nullptr || !MakePipe(wake_reader, wake_writer)) {
     return false;
   }
-  session =
-      fuse_session_new(arguments.Get(), &FuseOperations(), sizeof(fuse_lowlevel_ops), files.get());
+  session = fuse_session_new(arguments.Get(), &FuseOperations(), sizeof(fuse_lowlevel_ops), this);
   if (session == nullptr || fuse_session_mount(session, mount_point.c_str()) != 0) {
     return false;
   }
@@ -152,6 +151,11 @@ void FuseLoop::Abort() {
 
 void FuseLoop::ForgetFolder(std::uint64_t ino) {
   (void)fuse_lowlevel_notify_inval_inode(session, ino, 0, 0);  // it may not know it at all
+}
+
+void FuseLoop::ForgetAttributes(std::uint64_t ino) {
+  constexpr off_t attributes_only = -1;
+  (void)fuse_lowlevel_notify_inval_inode(session, ino, attributes_only, 0);  // as above
 }
 
 // True when this thread is to wait for the kernel, false when it is to end.

@@ -42,7 +42,9 @@ class FuseLoop : public std::enable_shared_from_this<FuseLoop> {
   // After the end: programs that still wait for an answer get an error.
   void Abort();
 
-  void ForgetFolder(std::uint64_t ino);  // the kernel is to ask anew what the folder holds
+  void ForgetFolder(std::uint64_t ino);      // the kernel is to ask anew what the folder holds
+  void ForgetAttributes(std::uint64_t ino);  // and size and times of a file
+  [[nodiscard]] FileSystem& GetFiles() const { return *files; }
 
  private:
   bool StartThread() TARN_REQUIRES(lock);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/filesystem/file_system.h"
+#include "platform/filesystem/fuse_loop.h"
 #include "platform/filesystem/names.h"
 
 namespace tarn::fs {
@@ -20,7 +21,7 @@ constexpr unsigned kMaxBackground = 64;  // requests of the kernel's own read-ah
 constexpr unsigned kBlockBytes = 4096;
 
 FileSystem& Files(fuse_req_t request) {
-  return *static_cast<FileSystem*>(fuse_req_userdata(request));
+  return static_cast<FuseLoop*>(fuse_req_userdata(request))->GetFiles();
 }
 
 // Runs one request; what cannot be had for want of memory fails like any other request.
@@ -267,6 +268,10 @@ void Open(fuse_req_t request, fuse_ino_t ino, fuse_file_info* open) {
     if (error == 0) {
       open->fh = opened.handle;
       open->keep_cache = opened.keep_cache ? 1 : 0;
+      if (!opened.keep_cache) {
+        // Or it would cut what is read to the size that it knows.
+        static_cast<FuseLoop*>(fuse_req_userdata(request))->ForgetAttributes(ino);
+      }
       if (fuse_reply_open(request, open) != 0) {
         files.Release(opened.handle);
       }

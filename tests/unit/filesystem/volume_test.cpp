@@ -166,10 +166,12 @@ TEST_F(VolumeTest, AChangeElsewhereIsSeenOnTheNextOpenThroughTheKernelsCache) {
   Remote().Write("/file", "old content");
   MountWithProtocol();
   EXPECT_EQ(calls->Content("/file"), "old content");
-  Remote().Write("/file", "new content");
-  EXPECT_EQ(calls->Content("/file"), "new content");
+  for (const char* changed : {"new content", "new content that is longer", "short"}) {
+    Remote().Write("/file", changed);
+    EXPECT_EQ(calls->Content("/file"), changed);
+  }
   const int reads = protocol.counts.read;
-  EXPECT_EQ(calls->Content("/file"), "new content");
+  EXPECT_EQ(calls->Content("/file"), "short");
   EXPECT_EQ(protocol.counts.read, reads) << "the kernel still has the pages of this version";
 }
 

@@ -47,34 +47,49 @@ struct TextSource {
   FS_SOURCE source{};
 };
 
+// Bytes among which every part can be told from the others.
+inline std::string Pattern(size_t bytes) {
+  std::string text(bytes, '\0');
+  for (size_t i = 0; i < bytes; ++i) {
+    text[i] = static_cast<char>(i * 7919 >> 3);
+  }
+  return text;
+}
+
 // Loads a protocol module from its file, as the service does, and talks to one protocol object of
 // it, which a derived fixture makes.
 class ModuleTest : public testing::Test {
  protected:
-  void Load(const char* module_file) {
-    module.reset(::dlopen(module_file, RTLD_NOW | RTLD_LOCAL));
-    ASSERT_NE(module, nullptr) << ::dlerror();
+  explicit ModuleTest(const char* module_file)
+      : module(::dlopen(module_file, RTLD_NOW | RTLD_LOCAL), &::dlclose) {
+    EXPECT_NE(module, nullptr) << ::dlerror();
   }
-  void TearDown() override { protocol.reset(); }
 
   template <typename Function>
   Function* Export(const char* name) {
     return reinterpret_cast<Function*>(::dlsym(module.get(), name));
   }
-  Protocol Make(const std::string& connection_id) {
+  Protocol Make(const std::string& id) {
     IProtocol_V2* made = nullptr;
-    EXPECT_TRUE(
-        Export<decltype(GetProtocol)>("GetProtocol")(connection_id.c_str(), nullptr, &made));
+    EXPECT_TRUE(Export<decltype(GetProtocol)>("GetProtocol")(id.c_str(), nullptr, &made));
     return Protocol(made);
   }
-  static AERROR Connect(IProtocol_V2& made, std::string* message = nullptr) {
+  AERROR Connect(IProtocol_V2& made) {
     char* text = nullptr;
     const AERROR error = made.Connect(&text);
-    if (message != nullptr && text != nullptr) {
-      *message = text;
-    }
+    message = text == nullptr ? "" : text;
     made.FreeString(text);
     return error;
+  }
+  // A text that the protocol object puts in a buffer, which must be large enough.
+  template <typename Getter>
+  std::string TextOf(Getter getter) {
+    std::string text(65536, '\0');
+    int length = 1;
+    EXPECT_EQ((protocol.get()->*getter)(text.data(), &length), INSUFFICIENT_BUFFER);
+    length = 65536;
+    EXPECT_EQ((protocol.get()->*getter)(text.data(), &length), SUCCESS);
+    return text.substr(0, static_cast<size_t>(length));
   }
 
   std::map<std::string, FS_INFO> List(const char* path) {
@@ -116,11 +131,9 @@ class ModuleTest : public testing::Test {
     return info.version;
   }
 
-  struct CloseModule {
-    void operator()(void* handle) const { ::dlclose(handle); }
-  };
-  std::unique_ptr<void, CloseModule> module;
+  const std::unique_ptr<void, int (*)(void*)> module;
   Protocol protocol;
+  std::string message;  // of the last Connect
 };
 
 }  // namespace tarn::test

@@ -1,41 +1,67 @@
 #pragma once
 
+#include <chrono>
+#include <csignal>
 #include <string>
-#include <sys/types.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
-#include "common/unique_fd.h"
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 
 namespace tarn::test {
 
-// A helper program of a test: started at construction with pipes to its standard input and output,
-// ended and reaped at destruction. It also ends when the thread that started it does, so that no
-// test leaves one behind, however it dies.
+// A server or tool that a test runs beside itself, ended and reaped at destruction. It also ends
+// when the thread that started it does, so that no test leaves one behind, however it dies.
 class ChildProcess {
  public:
   // The first argument is the program, looked up in PATH.
-  explicit ChildProcess(const std::vector<std::string>& arguments);
-  ~ChildProcess();
+  explicit ChildProcess(const std::vector<std::string>& arguments) {
+    std::vector<char*> pointers;
+    for (const std::string& argument : arguments) {
+      pointers.push_back(const_cast<char*>(argument.c_str()));  // execvp leaves them as they are
+    }
+    pointers.push_back(nullptr);
+    pid = ::fork();
+    if (pid == 0) {
+#if defined(__linux__)
+      (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
+#endif
+      ::execvp(pointers[0], pointers.data());
+      ::_exit(127);
+    }
+  }
+  ~ChildProcess() {
+    for (const int signal : {SIGTERM, SIGKILL}) {
+      if (Running()) {
+        (void)::kill(pid, signal);
+        WaitForEnd();
+      }
+    }
+  }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // The next line that it prints; empty when it ends or says nothing for 10 s.
-  [[nodiscard]] std::string ReadLine();
+  [[nodiscard]] bool Running() {
+    if (pid > 0 && ::waitpid(pid, nullptr, WNOHANG) == pid) {
+      pid = -1;
+    }
+    return pid > 0;
+  }
 
-  [[nodiscard]] pid_t Pid() const { return pid; }
-
-  // False when it has not ended after 10 s.
-  [[nodiscard]] bool WaitForEnd() { return EndsWithin(10'000); }
-
-  // True while it has not ended.
-  [[nodiscard]] bool Running();
+  // For up to 10 s.
+  void WaitForEnd() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (Running() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
 
  private:
-  bool EndsWithin(int limit_ms);
-
   pid_t pid = -1;  // -1 once reaped
-  UniqueFd input;
-  UniqueFd output;
 };
 
 }  // namespace tarn::test

@@ -1,12 +1,9 @@
 #include "tests/support/http/dav_server.h"
 
 #include <arpa/inet.h>
-#include <chrono>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 #include <utility>
 
 #include "common/posix.h"
@@ -15,35 +12,26 @@ namespace tarn::test {
 
 namespace {
 
-constexpr int kAttempts = 3;  // somebody else may take the free port first
-constexpr std::chrono::seconds kStartLimit{10};
+constexpr int kAttempts = 3;                      // somebody else may take the free port first
 constexpr const char* kServersUser = "www-data";  // what a server started by root becomes
 
 // The passwords are "open sesame".
 constexpr const char* kBasicLogins = "alice:{SHA}W8r/fyL/UzygmbNAjq2HbA67qac=\n";
 constexpr const char* kDigestLogins = "alice:dav:9bab765b464a46a8866d905f9217be99\n";
 
-sockaddr_in Loopback(int port) {
+// Calls ::bind or ::connect with a port on loopback; 0: any. Returns the port, -1 after a failure.
+template <typename Call>
+int PortFor(Call call, int port) {
+  const UniqueFd socket = OpenSocket(AF_INET, SOCK_STREAM);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-int FreePort() {
-  const UniqueFd socket = OpenSocket(AF_INET, SOCK_STREAM);
-  sockaddr_in address = Loopback(0);
   socklen_t length = sizeof(address);
-  (void)::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), length);
-  (void)::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin_port);
-}
-
-bool Answers(int port) {
-  const UniqueFd socket = OpenSocket(AF_INET, SOCK_STREAM);
-  const sockaddr_in address = Loopback(port);
-  return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  const bool is_done = call(socket.get(), generic, length) == 0;
+  (void)::getsockname(socket.get(), generic, &length);
+  return is_done ? ntohs(address.sin_port) : -1;
 }
 
 void GiveToServer(const std::filesystem::path& path) {
@@ -80,29 +68,25 @@ DavServer::DavServer(Kind server_kind, Options server_options)
 }
 
 bool DavServer::Start() {
-  port = FreePort();
+  port = PortFor(::bind, 0);
   const bool is_apache = kind == Kind::kApache;
   const std::string file =
       folder.Write("configuration", is_apache ? ApacheConfiguration() : NginxConfiguration());
-  process = std::make_unique<ChildProcess>(
-      is_apache ? std::vector<std::string>{"apache2", "-DFOREGROUND", "-f", file}
-                : std::vector<std::string>{"nginx", "-c", file, "-e", folder.path() / "log"});
-  const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
-  while (process->Running() && std::chrono::steady_clock::now() < deadline) {
-    if (Answers(port)) {
-      return process->Running();
-    }
+  process.emplace(is_apache
+                      ? std::vector<std::string>{"apache2", "-DFOREGROUND", "-f", file}
+                      : std::vector<std::string>{"nginx", "-c", file, "-e", folder.path() / "log"});
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  bool answers = false;
+  while (process->Running() && !answers && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    answers = PortFor(::connect, port) >= 0;
   }
-  return false;
+  return answers && process->Running();
 }
 
 std::string DavServer::Url(const std::string& path) const {
-  if (process == nullptr) {
-    return {};
-  }
-  return (options.secure ? "https" : "http") + std::string("://127.0.0.1:") + std::to_string(port) +
-         path;
+  const std::string scheme = options.secure ? "https" : "http";
+  return process ? scheme + "://127.0.0.1:" + std::to_string(port) + path : "";
 }
 
 void DavServer::WriteFile(const std::string& name, const std::string& content) const {
@@ -114,7 +98,7 @@ void DavServer::MakeCertificate() const {
                         "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
                         "/CN=tarn test", "-addext", "subjectAltName=" + options.certified,
                         "-keyout", folder.path() / "key", "-out", Certificate()});
-  (void)openssl.WaitForEnd();
+  openssl.WaitForEnd();
 }
 
 std::string DavServer::ApacheConfiguration() const {

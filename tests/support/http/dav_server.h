@@ -1,7 +1,7 @@
 #pragma once
 
 #include <filesystem>
-#include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -47,7 +47,7 @@ class DavServer {
   Options options;
   TempFolder folder;
   int port = 0;
-  std::unique_ptr<ChildProcess> process;
+  std::optional<ChildProcess> process;
 };
 
 // For the names of tests.

@@ -33,6 +33,46 @@ bool SendAll(int socket, std::string_view bytes) {
   return true;
 }
 
+bool Receive(int socket, std::string& pending, ScriptedServer::Request& request) {
+  size_t end = 0;
+  while ((end = pending.find("\r\n\r\n")) == std::string::npos) {
+    if (!ReceiveMore(socket, pending)) {
+      return false;
+    }
+  }
+  request.head = pending.substr(0, end + 2);
+  pending.erase(0, end + 4);
+  const size_t blank = request.head.find(' ');
+  request.method = request.head.substr(0, blank);
+  request.target = request.head.substr(blank + 1, request.head.find(' ', blank + 1) - blank - 1);
+  if (!request.Header("Expect").empty()) {
+    (void)SendAll(socket, "HTTP/1.1 100 Continue\r\n\r\n");
+  }
+  const size_t length = std::strtoull(request.Header("Content-Length").c_str(), nullptr, 10);
+  while (pending.size() < length) {
+    if (!ReceiveMore(socket, pending)) {
+      return false;
+    }
+  }
+  request.body = pending.substr(0, length);
+  pending.erase(0, length);
+  return true;
+}
+
+bool Send(int socket, const ScriptedServer::Reply& reply) {
+  if (reply.between_bytes.count() == 0) {
+    return SendAll(socket, reply.bytes);
+  }
+  pollfd end{.fd = socket, .events = 0, .revents = 0};
+  for (const char& byte : reply.bytes) {
+    const bool is_sent = SendAll(socket, {&byte, 1});
+    if (!is_sent || ::poll(&end, 1, static_cast<int>(reply.between_bytes.count())) != 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string ScriptedServer::Request::Header(const std::string& name) const {
@@ -62,8 +102,6 @@ ScriptedServer::~ScriptedServer() {
   acceptor.join();
   {
     const MutexLock hold(lock);
-    stopping = true;
-    stopped.notify_all();
     for (const UniqueFd& socket : sockets) {
       (void)::shutdown(socket.get(), SHUT_RDWR);
     }
@@ -85,24 +123,21 @@ int ScriptedServer::Count(std::string_view method) {
 }
 
 void ScriptedServer::Accept() {
-  for (int connection = 0;; ++connection) {
+  while (true) {
     UniqueFd socket = AcceptConnection(listener.get());
     if (!socket.valid()) {
       return;
     }
-    const int fd = socket.get();
-    {
-      const MutexLock hold(lock);
-      sockets.push_back(std::move(socket));
-    }
-    threads.emplace_back([this, fd, connection] { Serve(fd, connection); });
+    threads.emplace_back([this, fd = socket.get()] { Serve(fd); });
+    const MutexLock hold(lock);
+    sockets.push_back(std::move(socket));
   }
 }
 
-void ScriptedServer::Serve(int socket, int connection) {
+void ScriptedServer::Serve(int socket) {
   std::string pending;
   Request request;
-  while (Receive(socket, connection, pending, request)) {
+  while (Receive(socket, pending, request)) {
     {
       const MutexLock hold(lock);
       requests.push_back(request);
@@ -114,51 +149,6 @@ void ScriptedServer::Serve(int socket, int connection) {
   }
   (void)::shutdown(socket, SHUT_RDWR);
   ++closed;
-}
-
-bool ScriptedServer::Receive(int socket, int connection, std::string& pending, Request& request) {
-  size_t end = 0;
-  while ((end = pending.find("\r\n\r\n")) == std::string::npos) {
-    if (!ReceiveMore(socket, pending)) {
-      return false;
-    }
-  }
-  request = {.head = pending.substr(0, end + 2), .connection = connection};
-  pending.erase(0, end + 4);
-  const size_t blank = request.head.find(' ');
-  request.method = request.head.substr(0, blank);
-  request.target = request.head.substr(blank + 1, request.head.find(' ', blank + 1) - blank - 1);
-  if (!request.Header("Expect").empty()) {
-    (void)SendAll(socket, "HTTP/1.1 100 Continue\r\n\r\n");
-  }
-  const size_t length = std::strtoull(request.Header("Content-Length").c_str(), nullptr, 10);
-  while (pending.size() < length) {
-    if (!ReceiveMore(socket, pending)) {
-      return false;
-    }
-  }
-  request.body = pending.substr(0, length);
-  pending.erase(0, length);
-  return true;
-}
-
-bool ScriptedServer::Send(int socket, const Reply& reply) {
-  std::string_view left = reply.bytes;
-  if (reply.between_parts.count() == 0) {
-    return SendAll(socket, left);
-  }
-  while (SendAll(socket, left.substr(0, reply.part_bytes))) {
-    left.remove_prefix(std::min(reply.part_bytes, left.size()));
-    const auto next = std::chrono::steady_clock::now() + reply.between_parts;
-    const MutexLock hold(lock);
-    while (!stopping && std::chrono::steady_clock::now() < next) {
-      (void)stopped.wait_until(lock, next);
-    }
-    if (stopping || left.empty()) {
-      return !stopping;
-    }
-  }
-  return false;
 }
 
 std::string HttpAnswer(int status, const std::string& body, const std::string& headers) {

@@ -23,7 +23,6 @@ class ScriptedServer {
     std::string target{};
     std::string head{};
     std::string body{};
-    int connection = 0;  // counts from 0
 
     // The value of a header; empty where it is missing.
     [[nodiscard]] std::string Header(const std::string& name) const;
@@ -31,8 +30,7 @@ class ScriptedServer {
   struct Reply {
     std::string bytes{};                         // as they go over the wire
     bool closes = false;                         // the connection, after them
-    std::chrono::milliseconds between_parts{0};  // 0: all at once
-    size_t part_bytes = 1;
+    std::chrono::milliseconds between_bytes{0};  // 0: all at once
   };
   using Script = std::function<Reply(const Request&)>;
 
@@ -48,26 +46,22 @@ class ScriptedServer {
   [[nodiscard]] std::vector<Request> Requests();
 
   // Connections that the script has had closed.
-  [[nodiscard]] int Closed() const { return closed; }
+  [[nodiscard]] size_t Closed() const { return closed; }
 
   // How often a method has been asked for.
   [[nodiscard]] int Count(std::string_view method);
 
  private:
   void Accept();
-  void Serve(int socket, int connection);
-  bool Receive(int socket, int connection, std::string& pending, Request& request);
-  bool Send(int socket, const Reply& reply);
+  void Serve(int socket);
 
   const Script script;
   UniqueFd listener;
   int port = 0;
   Mutex lock;
-  CondVar stopped;
-  bool stopping TARN_GUARDED_BY(lock) = false;
   std::vector<Request> requests TARN_GUARDED_BY(lock);
   std::list<UniqueFd> sockets TARN_GUARDED_BY(lock);  // closed when all threads have ended
-  std::atomic<int> closed{0};
+  std::atomic<size_t> closed{0};
   std::list<std::thread> threads;  // of Accept
   std::thread acceptor;
 };

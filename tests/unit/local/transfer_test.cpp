@@ -10,29 +10,10 @@
 namespace tarn::local {
 namespace {
 
-namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-TEST_F(LocalTest, ReadingStopsAtTheEndOnly) {
-  std::string content(700000, '\0');
-  for (size_t i = 0; i < content.size(); ++i) {
-    content[i] = static_cast<char>(i * 7919 >> 3);
-  }
-  WriteFile(root / "file", content);
-  std::string part(500000, '\0');
-  unsigned long long received = 0;
-  ASSERT_EQ(protocol->Read("/file", 1, part.data(), part.size(), &received), SUCCESS);
-  EXPECT_EQ(received, part.size());
-  EXPECT_EQ(part, content.substr(1, 500000));
-  ASSERT_EQ(protocol->Read("/file", 500000, part.data(), part.size(), &received), SUCCESS);
-  EXPECT_EQ(part.substr(0, received), content.substr(500000));
-  ASSERT_EQ(protocol->Read("/file", 1 << 20, part.data(), part.size(), &received), SUCCESS);
-  EXPECT_EQ(received, 0U);
-  EXPECT_EQ(protocol->Read("/", 0, part.data(), part.size(), &received), ACCESS_DENIED);
-}
-
-TEST_F(LocalTest, UploadReplacesAsAWholeOrNotAtAll) {
-  WriteFile(root / "file", "old");
+TEST_F(LocalTest, UploadReplacesAsAWholeAndTellsItsProgressOrNotAtAll) {
+  files.Write("root/file", "old");
   fs::permissions(root / "file", fs::perms(0640));
   const std::string old_version = Version("/file");
 
@@ -41,37 +22,29 @@ TEST_F(LocalTest, UploadReplacesAsAWholeOrNotAtAll) {
   EXPECT_EQ(protocol->Upload("/file", &broken.source, 600000, nullptr, nullptr), FILE_READ_FAILED);
   TextSource shorter("abc");
   EXPECT_EQ(protocol->Upload("/file", &shorter.source, 4, nullptr, nullptr), FILE_READ_FAILED);
-  EXPECT_EQ(FileContent(root / "file"), "old");
+  EXPECT_EQ(files.Read("root/file"), "old");
   EXPECT_EQ(Version("/file"), old_version);
   EXPECT_EQ(CountFiles(root), 1U);
 
-  std::string version;
-  EXPECT_EQ(Put("/file", "new", nullptr, &version), SUCCESS);
-  EXPECT_EQ(FileContent(root / "file"), "new");
-  EXPECT_EQ(version, Version("/file"));
-  EXPECT_NE(version, old_version);
-  EXPECT_EQ(fs::status(root / "file").permissions(), fs::perms(0640));
-  EXPECT_EQ(CountFiles(root), 1U);
-}
-
-TEST_F(LocalTest, UploadTellsItsProgressAndStoresTheTime) {
+  TextSource whole(Pattern(600000));
+  const FS_TIME time{1000000000, 5};
+  whole.source.modified = &time;
   std::vector<long long> steps;
   const auto note = [](long long total, long long sent, void* context, double speed) {
     EXPECT_EQ(total, 600000);
     EXPECT_GE(speed, 0.0);
     static_cast<std::vector<long long>*>(context)->push_back(sent);
   };
-  TextSource text(std::string(600000, 'x'));
-  const FS_TIME time{1000000000, 5};
-  text.source.modified = &time;
-  ASSERT_EQ(protocol->Upload("/file", &text.source, 600000, note, &steps), SUCCESS);
+  EXPECT_EQ(protocol->Upload("/file", &whole.source, 600000, note, &steps), SUCCESS);
   ASSERT_FALSE(steps.empty());
   EXPECT_TRUE(std::is_sorted(steps.begin(), steps.end()));
   EXPECT_EQ(steps.back(), 600000);
-  FS_INFO info{};
-  ASSERT_EQ(protocol->GetInfo("/file", &info), SUCCESS);
-  EXPECT_EQ(info.modified.seconds, time.seconds);
-  EXPECT_EQ(info.size, 600000U);
+  EXPECT_EQ(files.Read("root/file"), whole.content);
+  EXPECT_EQ(whole.source.version, Version("/file"));
+  EXPECT_NE(whole.source.version, old_version);
+  EXPECT_EQ(List("/").at("file").modified.seconds, time.seconds);
+  EXPECT_EQ(fs::status(root / "file").permissions(), fs::perms(0640));
+  EXPECT_EQ(CountFiles(root), 1U);
 }
 
 TEST_F(LocalTest, UploadReplacesOnlyTheVersionItNames) {
@@ -85,7 +58,7 @@ TEST_F(LocalTest, UploadReplacesOnlyTheVersionItNames) {
   fs::permissions(root / "renamed", fs::perms(0600));
   EXPECT_EQ(Put("/renamed", "22", first.c_str()), SUCCESS);
   EXPECT_EQ(Put("/renamed", "3", first.c_str()), SHARING_VIOLATION);
-  EXPECT_EQ(FileContent(root / "renamed"), "22");
+  EXPECT_EQ(files.Read("root/renamed"), "22");
   EXPECT_EQ(CountFiles(root), 1U);
 }
 
@@ -110,9 +83,8 @@ TEST_F(LocalTest, OfUploadsThatReplaceTheSameVersionOneWins) {
 }
 
 TEST_F(LocalTest, WorkFilesAreHiddenAndGoOnceNobodyWritesThem) {
-  WriteFile(root / ".tarn-upload-1-1", "left behind");
-  const fs::path busy = root / ".tarn-upload-1-2";
-  WriteFile(busy, "under way");
+  files.Write("root/.tarn-upload-1-1", "left behind");
+  const std::string busy = files.Write("root/.tarn-upload-1-2", "under way");
   UniqueFd writer = OpenFile(busy, O_RDWR);
   ASSERT_EQ(::flock(writer.get(), LOCK_EX), 0);
   EXPECT_TRUE(Names("/").empty());
@@ -121,13 +93,12 @@ TEST_F(LocalTest, WorkFilesAreHiddenAndGoOnceNobodyWritesThem) {
   writer.reset();
   EXPECT_EQ(Put("/.tarn-upload-1-2", "x"), INVALID_NAME);
 
-  fs::create_directory(root / "folder");
-  WriteFile(root / "folder/.tarn-upload-1-1", "left behind");
+  files.Write("root/folder/.tarn-upload-1-1", "left behind");
   EXPECT_EQ(protocol->DeleteFolder("/folder"), SUCCESS);
 }
 
 TEST_F(LocalTest, SpeedLimitIsSharedByAllTransfers) {
-  WriteFile(root / "file", std::string(60000, 'x'));
+  files.Write("root/file", std::string(60000, 'x'));
   (void)protocol->SetOption("speedlimit", "200000");
   const Clock::time_point start = Clock::now();
   std::thread reading([&] {
@@ -141,7 +112,7 @@ TEST_F(LocalTest, SpeedLimitIsSharedByAllTransfers) {
 }
 
 TEST_F(LocalTest, RunningTransfersEndOnCancelAndDisconnect) {
-  WriteFile(root / "file", std::string(1 << 20, 'x'));
+  files.Write("root/file", std::string(1 << 20, 'x'));
   (void)protocol->SetOption("speedlimit", "1000");
   for (const bool disconnects : {false, true}) {
     std::atomic<bool> begun{false};

@@ -14,8 +14,7 @@ std::string Normal(const std::string& url, bool secure = false) {
 }
 
 TEST(LocationTest, UrlsBecomeOneForm) {
-  EXPECT_EQ(Normal("http://Example.org"), "http://example.org/");
-  EXPECT_EQ(Normal("webdav://h:80/a b//c%2fd/%7e?q=1#f"), "http://h/a%20b/c%2Fd/~/");
+  EXPECT_EQ(Normal("webdav://H:80/a b//c%2fd/%7e?q=1#f"), "http://h/a%20b/c%2Fd/~/");
   EXPECT_EQ(Normal("host/dav/", true), "https://host/dav/");
   EXPECT_EQ(Normal("https://[::1]:8443/100%", false), "https://[::1]:8443/100%25/");
   EXPECT_EQ(Normal("http://host/", true), "none") << "not secure";
@@ -34,38 +33,6 @@ TEST(LocationTest, PathsThatCouldLeaveTheFolderAreNone) {
   }
   for (const char* path : {"", "a", "/..", "/a/../b", "/./a", "//a", "/a//b"}) {
     EXPECT_FALSE(IsDrivePath(path)) << path;
-  }
-  EXPECT_EQ(ParentOf("/a/b"), "/a");
-  EXPECT_EQ(ParentOf("/a"), "/");
-}
-
-struct ReferenceCase {
-  const char* text;
-  References::Kind kind;
-  const char* name;
-};
-
-TEST(LocationTest, ReferencesAreUnderstoodHoweverTheyAreWritten) {
-  const References references("http://host:8080/dav/my%20folder/");
-  using Kind = References::Kind;
-  for (const ReferenceCase& c : {
-           ReferenceCase{"/dav/my%20folder/", Kind::kSelf, ""},
-           ReferenceCase{"/dav/my folder", Kind::kSelf, ""},
-           ReferenceCase{"https://other/dav/%6d%79%20folder", Kind::kSelf, ""},
-           ReferenceCase{"./", Kind::kSelf, ""},
-           ReferenceCase{"/dav/my%20folder/caf%c3%a9%2F", Kind::kOther, ""},
-           ReferenceCase{"/dav/my%20folder/caf%c3%A9/", Kind::kChild, "caf\u00e9"},
-           ReferenceCase{"//host/dav/my%20folder/a%23b%3fc%25", Kind::kChild, "a#b?c%"},
-           ReferenceCase{"100%", Kind::kChild, "100%"},
-           ReferenceCase{"a:b", Kind::kChild, "a:b"},
-           ReferenceCase{"/dav/my%20folder/a/b", Kind::kOther, ""},
-           ReferenceCase{"/dav/other/a", Kind::kOther, ""},
-           ReferenceCase{"/dav/my%20folder/x/../../../etc", Kind::kOther, ""},
-           ReferenceCase{"/dav/my%20folder/a%00b", Kind::kOther, ""},
-       }) {
-    std::string name;
-    EXPECT_EQ(references.Read(c.text, name), c.kind) << c.text;
-    EXPECT_EQ(name, c.name) << c.text;
   }
 }
 
@@ -89,13 +56,12 @@ TEST(SettingsTest, TheMountRequestSaysWhoAndHow) {
 }
 
 TEST(TraceTest, SecretsAreCutOutOfWhatIsLogged) {
-  EXPECT_EQ(WithoutSecrets("GET /a?sig=secret HTTP/1.1\r\nHost: h\r\n"
-                           "authorization: Basic c2VjcmV0\r\nX: y\r\n"),
-            "GET /a?... HTTP/1.1\r\nHost: h\r\nauthorization: Basic...\r\nX: y\r\n");
-  EXPECT_EQ(WithoutSecrets("Proxy-Authorization: Digest username=\"a\", nonce=\"n\""),
-            "Proxy-Authorization: Digest...");
-  EXPECT_EQ(WithoutSecrets("Set-Cookie: session=secret; Path=/\r\n"), "Set-Cookie: ...\r\n");
-  EXPECT_EQ(WithoutSecrets("Location: http://bob:secret@h/x?token=secret\r\n"),
+  EXPECT_EQ(WithoutSecrets("GET /a?sig=secret HTTP/1.1\r\nauthorization: Basic c2VjcmV0\r\n"
+                           "Proxy-Authorization: Digest username=\"a\", nonce=\"n\"\r\n"
+                           "Set-Cookie: session=secret; Path=/\r\nX: y\r\n"
+                           "Location: http://bob:secret@h/x?token=secret\r\n"),
+            "GET /a?... HTTP/1.1\r\nauthorization: Basic...\r\n"
+            "Proxy-Authorization: Digest...\r\nSet-Cookie: ...\r\nX: y\r\n"
             "Location: http://...@h/x?...\r\n");
   EXPECT_EQ(WithoutSecrets("going to 'https://h/?k=secret' now"), "going to 'https://h/?...' now");
 }

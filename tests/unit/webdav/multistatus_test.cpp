@@ -54,38 +54,25 @@ TEST(MultistatusTest, AnyPrefixAnyOrderAndAnySplitGiveTheSame) {
 }
 
 TEST(MultistatusTest, WhatIsNoMultistatusIsRefused) {
-  const std::string deep_start = R"(<multistatus xmlns="DAV:">)";
-  std::string deep = deep_start;
-  for (int i = 0; i < 100; ++i) {
-    deep += "<x>";
+  const std::string start = R"(<multistatus xmlns="DAV:">)";
+  std::string deep = start;
+  std::string large = start;
+  for (int i = 0; i < 100'000; ++i) {
+    deep += i < 100 ? "<x>" : "";
+    large += "<response><href>/dav/" + std::to_string(i) + "</href></response>";
   }
+  EXPECT_EQ(Read(large + "</multistatus>").resources.size(), 100'000U);
+  EXPECT_FALSE(Read(large).complete) << "cut short";
   EXPECT_FALSE(Read(deep).complete);
-  EXPECT_FALSE(Read(deep_start).complete) << "cut short";
-  EXPECT_FALSE(Read(deep_start + "<response><href>" + std::string(100'000, 'x')).complete);
+  EXPECT_FALSE(Read(start + "<response><href>" + std::string(100'000, 'x')).complete);
   EXPECT_FALSE(Read("<html><body>Welcome</body></html>").complete);
   EXPECT_FALSE(Read("<multistatus/>").complete) << "of no namespace";
   EXPECT_FALSE(Read("").complete);
-}
-
-TEST(MultistatusTest, DocumentTypesAndTheirEntitiesAreRefused) {
-  const Outcome outcome = Read(R"(<!DOCTYPE multistatus [<!ENTITY e SYSTEM "file:///etc/passwd">
+  const Outcome entities = Read(R"(<!DOCTYPE multistatus [<!ENTITY e SYSTEM "file:///etc/passwd">
     <!ENTITY a "aaaaaaaaaa"><!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>
     <multistatus xmlns="DAV:"><response><href>&e;&b;</href></response></multistatus>)");
-  EXPECT_FALSE(outcome.complete);
-  EXPECT_TRUE(outcome.resources.empty());
-}
-
-TEST(MultistatusTest, AListingOfManyThousandEntriesIsRead) {
-  std::string document = R"(<D:multistatus xmlns:D="DAV:">)";
-  for (int i = 0; i < 100'000; ++i) {
-    document += "<D:response><D:href>/dav/folder/with/a/long/path/to/file%20number%20" +
-                std::to_string(i) + "</D:href><D:propstat><D:prop><D:getcontentlength>1" +
-                "</D:getcontentlength></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>" +
-                "</D:response>\n";
-  }
-  const Outcome outcome = Read(document + "</D:multistatus>", 16384);
-  EXPECT_TRUE(outcome.complete);
-  EXPECT_EQ(outcome.resources.size(), 100'000U);
+  EXPECT_FALSE(entities.complete);
+  EXPECT_TRUE(entities.resources.empty());
 }
 
 }  // namespace

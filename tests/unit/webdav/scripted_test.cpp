@@ -58,20 +58,24 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
                        "HTTP/1.1 200 OK\r\nContent-Length: 77\r\n"
                        "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n\r\n"};
     }
-    return Reply{
-        .bytes = MultistatusAnswer(
-            DavResponse("/dir%20one/", kDavFolder) + DavResponse("/dir%20one", kDavFolder) +
-            DavResponse("http://10.0.0.1/dir%20one/caf%c3%a9/", kDavFolder) +
-            DavResponse("relative", "<D:getcontentlength>1</D:getcontentlength>") +
-            DavResponse("/dir one/raw#name?", "<D:getcontentlength>2</D:getcontentlength>") +
-            DavResponse("/dir%20one/no-size", "<D:getetag>W/\"weak\"</D:getetag>") +
-            DavResponse("/dir%20one/%FF%FE", "<D:getcontentlength>9</D:getcontentlength>") +
-            DavResponse("/somewhere/else", "<D:getcontentlength>9</D:getcontentlength>") +
-            "<D:response><D:href>/dir%20one/forbidden</D:href><D:status>HTTP/1.1 403 No</D:status>"
-            "</D:response>")};
+    std::string responses =
+        DavResponse("/dir%20one/", kDavFolder) + DavResponse("/dir one", kDavFolder) +
+        DavResponse("https://other/%64ir%20one", kDavFolder) + DavResponse("./", kDavFolder) +
+        DavResponse("http://10.0.0.1/dir%20one/caf%c3%a9/", kDavFolder) +
+        DavResponse("/dir%20one/no-size", "<D:getetag>W/\"weak\"</D:getetag>");
+    for (const char* href :
+         {"relative", "/dir one/raw#name?", "100%", "a:b", "//host/dir%20one/a%23b%3fc",
+          "/dir%20one/%FF%FE", "/dir%20one/caf%2F", "/dir%20one/a/b", "/dir%20one/x/../../../etc",
+          "/dir%20one/a%00b", "/somewhere/else"}) {
+      responses += DavResponse(href, "<D:getcontentlength>1</D:getcontentlength>");
+    }
+    return Reply{.bytes = MultistatusAnswer(responses +
+                                            "<D:response><D:href>/dir%20one/forbidden</D:href>"
+                                            "<D:status>HTTP/1.1 403 No</D:status></D:response>")};
   });
   const auto entries = List("/dir one");
-  EXPECT_THAT(Names("/dir one"), ElementsAre("caf\u00e9", "no-size", "raw#name?", "relative"));
+  EXPECT_THAT(Names("/dir one"),
+              ElementsAre("100%", "a#b?c", "a:b", "caf\u00e9", "no-size", "raw#name?", "relative"));
   EXPECT_EQ(entries.at("caf\u00e9").is_folder, 1);
   EXPECT_EQ(entries.at("no-size").size, 77U);
   EXPECT_EQ(entries.at("no-size").modified.seconds, 784111777);
@@ -119,8 +123,7 @@ TEST_F(ScriptedTest, TokensAreShownToTheServerAndToNobodyElse) {
 }
 
 TEST_F(ScriptedTest, ServersWithoutRangesAndWithWrongOnesAreNoticed) {
-  const std::string whole = "0123456789";
-  std::string answer = HttpAnswer(200, whole);
+  std::string answer = HttpAnswer(200, "0123456789");
   Serve([&](const Request&) { return Reply{.bytes = answer}; });
   char part[4] = {};
   unsigned long long received = 0;
@@ -137,19 +140,20 @@ TEST_F(ScriptedTest, ServersWithoutRangesAndWithWrongOnesAreNoticed) {
   EXPECT_EQ(received, 0U);
 }
 
-TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMore) {
+TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMoreAndNoUploadIsSentAgain) {
   std::atomic<int> calls{0};
   Serve([&](const Request& request) {
-    const int call = calls++;
-    if (request.target == "/busy") {
-      return Reply{.bytes = call == 0 ? HttpAnswer(503) : FileAnswer("/busy", "\"1\"")};
+    const bool is_first = calls++ == 0;
+    if (request.method == "PUT") {
+      return Reply{.bytes = "", .closes = true};  // after the whole content, without an answer
     }
-    if (request.target == "/down") {
-      return Reply{.bytes = HttpAnswer(503)};
+    if (request.target == "/cut") {
+      const std::string answer = HttpAnswer(206, "abcd", "Content-Range: bytes 0-3/4\r\n");
+      return Reply{.bytes = answer.substr(0, answer.size() - (is_first ? 2 : 0)),
+                   .closes = is_first};
     }
-    const std::string answer = HttpAnswer(206, "abcd", "Content-Range: bytes 0-3/4\r\n");
-    return call == 0 ? Reply{.bytes = answer.substr(0, answer.size() - 2), .closes = true}
-                     : Reply{.bytes = answer};
+    const bool is_busy = is_first || request.target == "/down";
+    return Reply{.bytes = is_busy ? HttpAnswer(503) : FileAnswer("/busy", "\"1\"")};
   });
   std::string content;
   EXPECT_EQ(Get("/cut", content), SUCCESS);
@@ -160,18 +164,7 @@ TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMore) {
   calls = 0;
   EXPECT_EQ(protocol->GetInfo("/down", &info), DEVICE_NOT_READY);
   EXPECT_EQ(calls, 2);
-}
-
-TEST_F(ScriptedTest, AnUploadThatWasBegunIsNotSentAgain) {
-  Serve([&](const Request& request) {
-    if (request.method == "PUT") {
-      return Reply{.bytes = "", .closes = true};  // after the whole content, without an answer
-    }
-    return Reply{.bytes = FileAnswer("/file", "\"1\"")};
-  });
-  FS_INFO info{};
-  EXPECT_EQ(protocol->GetInfo("/file", &info), SUCCESS);  // leaves a connection to be used again
-  EXPECT_EQ(Put("/file", "content"), DEVICE_NOT_READY);
+  EXPECT_EQ(Put("/file", "content"), DEVICE_NOT_READY);  // on a connection that was kept
   EXPECT_EQ(server->Count("PUT"), 1);
 }
 
@@ -185,7 +178,7 @@ TEST_F(ScriptedTest, AConnectionThatTheServerClosedIsReplaced) {
     EXPECT_EQ(protocol->GetInfo("/f", &info), SUCCESS);
   }
   for (int i = 0; i < 3; ++i) {
-    const int requests = static_cast<int>(server->Requests().size());
+    const size_t requests = server->Requests().size();
     while (server->Closed() < requests - 1) {  // Connect's connection was kept
       std::this_thread::yield();
     }
@@ -194,26 +187,11 @@ TEST_F(ScriptedTest, AConnectionThatTheServerClosedIsReplaced) {
   EXPECT_EQ(server->Count("PUT"), 3);
 }
 
-TEST_F(ScriptedTest, RefusalsBecomeResultsAndTheServersWordsAreLogged) {
-  int status = 0;
-  Serve([&](const Request&) {
-    return Reply{.bytes = HttpAnswer(status, "<html><h1>The disk</h1> is <b>full</b></html>")};
+TEST_F(ScriptedTest, TheServersWordsForARefusalAreLogged) {
+  Serve([](const Request&) {
+    return Reply{.bytes = HttpAnswer(507, "<html><h1>The disk</h1> is <b>full</b></html>")};
   });
-  struct Case {
-    int status;
-    AERROR upload;
-    AERROR deletion;
-  };
-  for (const Case& c :
-       {Case{401, ACCESS_DENIED, ACCESS_DENIED}, Case{403, ACCESS_DENIED, ACCESS_DENIED},
-        Case{423, SHARING_VIOLATION, SHARING_VIOLATION},
-        Case{503, DEVICE_NOT_READY, DEVICE_NOT_READY},
-        Case{413, FILE_WRITE_FAILED, FILE_WRITE_FAILED},
-        Case{507, FILE_WRITE_FAILED, FILE_WRITE_FAILED}}) {
-    status = c.status;
-    EXPECT_EQ(Put("/f", "x"), c.upload) << status;
-    EXPECT_EQ(protocol->DeleteFile("/f"), c.deletion) << status;
-  }
+  EXPECT_EQ(Put("/f", "x"), FILE_WRITE_FAILED);
   EXPECT_THAT(log.Text(), HasSubstr("507 As Scripted: The disk is full"));
 }
 
@@ -233,28 +211,12 @@ TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
   EXPECT_EQ(Put("/f", "abc", "\"1\""), SHARING_VIOLATION);
 }
 
-TEST_F(ScriptedTest, AnUploadReportsItsProgressToTheEnd) {
-  Serve([](const Request&) { return Reply{.bytes = HttpAnswer(201, "", "ETag: \"new\"\r\n")}; });
-  TextSource text(std::string(2'000'000, 'x'));
-  struct Seen {
-    long long total = 0;
-    long long sent = 0;
-  } seen;
-  const auto note = [](long long total, long long sent, void* context, double) {
-    EXPECT_GE(sent, static_cast<Seen*>(context)->sent);
-    *static_cast<Seen*>(context) = {total, sent};
-  };
-  EXPECT_EQ(protocol->Upload("/f", &text.source, text.content.size(), note, &seen), SUCCESS);
-  EXPECT_EQ(seen.total, 2'000'000);
-  EXPECT_EQ(seen.sent, 2'000'000);
-  EXPECT_STREQ(text.source.version, "\"new\"");
-  EXPECT_EQ(server->Requests().back().body, text.content);
-}
-
 TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
-  const std::string slow = HttpAnswer(200, std::string(1000, 'x'));
   std::atomic<bool> drips{true};
-  Serve([&](const Request&) { return Reply{.bytes = slow, .between_parts = drips ? 1s : 0s}; });
+  Serve([&](const Request&) {
+    return Reply{.bytes = HttpAnswer(200, std::string(1000, 'x')),
+                 .between_bytes = drips ? 1s : 0s};
+  });
   std::atomic<int> started{0};
   std::atomic<int> cancelled{0};
   std::vector<std::thread> readers;
@@ -284,30 +246,22 @@ TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
 
 TEST_F(ScriptedTest, AllTransfersTogetherKeepToTheSpeedLimit) {
   const std::string half = std::string(500'000, 'x');
-  const std::string answer = HttpAnswer(200, half);
   Serve([&](const Request& request) {
-    return Reply{.bytes = request.method == "PUT" ? HttpAnswer(201) : answer};
+    return Reply{.bytes = request.method == "PUT" ? HttpAnswer(201) : HttpAnswer(200, half)};
   });
   protocol->SetOption("speedlimit", "1000000");
   const auto start = Clock::now();
-  std::vector<std::thread> transfers;
-  for (int i = 0; i < 2; ++i) {
-    transfers.emplace_back([&] {
+  std::thread reader([&] {
+    for (int i = 0; i < 2; ++i) {
       std::string content;
       EXPECT_EQ(Get("/f", content), SUCCESS);
-    });
-    transfers.emplace_back([&] { EXPECT_EQ(Put("/f", half), SUCCESS); });
-  }
-  for (std::thread& transfer : transfers) {
-    transfer.join();
-  }
+    }
+  });
+  EXPECT_EQ(Put("/f", half + half), SUCCESS);
+  reader.join();
   const std::chrono::duration<double> taken = Clock::now() - start;
   EXPECT_GT(taken.count(), 1.8);
   EXPECT_LT(taken.count(), 2.6);
-  protocol->SetOption("speedlimit", "0");
-  const auto unlimited = Clock::now();
-  EXPECT_EQ(Put("/f", std::string(5'000'000, 'x')), SUCCESS);
-  EXPECT_LT(Clock::now() - unlimited, 3s);
 }
 
 TEST_F(ScriptedTest, TheSizeIsTheOneThatWasSetElseTheServers) {
@@ -318,7 +272,6 @@ TEST_F(ScriptedTest, TheSizeIsTheOneThatWasSetElseTheServers) {
     return Reply{.bytes = MultistatusAnswer(DavResponse("/", kDavFolder + quota))};
   });
   ASSERT_EQ(ConnectTo(with_quota.Url()), SUCCESS);
-  EXPECT_EQ(protocol->GetCapabilities() & FS_HAS_SIZE, FS_HAS_SIZE);
   unsigned long long total = 0;
   unsigned long long free = 0;
   EXPECT_EQ(protocol->GetSize(&total, &free), SUCCESS);
@@ -336,20 +289,13 @@ TEST_F(WebdavTest, AServerThatCannotBeReachedSaysWhyAndItsIdentityIsOfTheRequest
   EXPECT_THAT(message, HasSubstr("refuses connections"));
   EXPECT_EQ(ConnectTo("http://no-such-host.invalid/"), DEVICE_NOT_READY);
   EXPECT_THAT(message, HasSubstr("cannot be resolved"));
-  EXPECT_EQ(ConnectTo("ftp://127.0.0.1/"), INVALID_PARAMETER);
   ScriptedServer no_dav([](const Request&) { return Reply{.bytes = HttpAnswer(200, "Welcome")}; });
   EXPECT_EQ(ConnectTo(no_dav.Url()), FAILED);
   EXPECT_THAT(message, HasSubstr("no WebDAV answer"));
 
   ScriptedServer server([](const Request&) { return Reply{.bytes = kRootAnswer}; });
   ASSERT_EQ(ConnectTo(server.Url("/a b"), R"(,"user":"bob")"), SUCCESS);
-  std::string identity(256, '\0');
-  int length = 10;
-  EXPECT_EQ(protocol->GetIdentity(identity.data(), &length), INSUFFICIENT_BUFFER);
-  length = 256;
-  EXPECT_EQ(protocol->GetIdentity(identity.data(), &length), SUCCESS);
-  identity.resize(static_cast<size_t>(length));
-  EXPECT_EQ(identity, "webdav:bob@" + server.Url("/a%20b/"));
+  EXPECT_EQ(TextOf(&IProtocol_V2::GetIdentity), "webdav:bob@" + server.Url("/a%20b/"));
   FS_INFO info{};
   protocol->Disconnect();
   EXPECT_EQ(protocol->GetInfo("/", &info), DEVICE_NOT_READY);

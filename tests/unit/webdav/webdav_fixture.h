@@ -10,8 +10,7 @@ namespace tarn::webdav {
 // A protocol object from the module's file, logging everything.
 class WebdavTest : public test::ModuleTest {
  protected:
-  void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(Load(WEBDAV_MODULE));
+  WebdavTest() : test::ModuleTest(WEBDAV_MODULE) {
     Export<decltype(BindLogger)>("BindLogger")(&log);
   }
 
@@ -23,12 +22,10 @@ class WebdavTest : public test::ModuleTest {
     protocol = Make(url);
     const std::string request = R"({"cmd":"connect","data":{"type":")" + type + "\"" + data + "}}";
     protocol->SetOption("ex_info", request.c_str());
-    message.clear();
-    return Connect(*protocol, &message);
+    return Connect(*protocol);
   }
 
   test::RecordingLog log;
-  std::string message;  // of the last Connect
 };
 
 }  // namespace tarn::webdav

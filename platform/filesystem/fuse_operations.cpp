@@ -221,12 +221,12 @@ void RemoveFolder(fuse_req_t request, fuse_ino_t folder, const char* name) {
 
 void Rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t new_folder,
             const char* new_name, unsigned flags) {
-  constexpr unsigned kNoReplace = 1;  // RENAME_NOREPLACE; no other flag can be served
+  constexpr unsigned no_replace = 1;  // RENAME_NOREPLACE; no other flag can be served
   Serve(request, [&](FileSystem& files) {
-    if ((flags & ~kNoReplace) != 0) {
+    if ((flags & ~no_replace) != 0) {
       return EINVAL;
     }
-    const int error = files.Rename(folder, name, new_folder, new_name, (flags & kNoReplace) == 0);
+    const int error = files.Rename(folder, name, new_folder, new_name, (flags & no_replace) == 0);
     if (error == 0) {
       (void)fuse_reply_err(request, 0);
     }

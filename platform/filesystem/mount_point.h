@@ -15,7 +15,7 @@ class MountPoint {
   // Makes the folder where only it itself is missing, and finds out whether a volume may go there:
   // FS_MOUNT_POINT_ERROR when it is no folder, not empty, or in use already. Nothing is left behind
   // on failure.
-  [[nodiscard]] AERROR Take(const std::string& path);
+  [[nodiscard]] AERROR Take(const std::string& wanted);
   // The opposite of Take, once nothing is mounted there any more.
   void GiveBack();
 

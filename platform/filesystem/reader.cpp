@@ -12,7 +12,7 @@ namespace tarn::fs {
 namespace {
 
 // The kernel's own requests come in any order within about as much.
-constexpr std::uint64_t kReorderedBytes = 1024 * 1024;
+constexpr std::uint64_t kReorderedBytes = std::uint64_t{1} << 20;
 // Before this much was read on and on, a program may only want the beginning.
 constexpr std::uint64_t kBeginBytes = 2 * Reader::kBlockBytes;
 

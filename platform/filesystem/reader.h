@@ -38,8 +38,8 @@ class Reader : public std::enable_shared_from_this<Reader> {
  public:
   // The unit of the cache and of a read at a random place: as much as the kernel asks for at a time
   // when it reads ahead, and no more than 5 ms on a line of 200 Mbit/s, well below a round trip.
-  static constexpr size_t kBlockBytes = 128 * 1024;
-  static constexpr size_t kPieceBytes = 1024 * 1024;  // of one request when reading on and on
+  static constexpr size_t kBlockBytes = size_t{128} << 10;
+  static constexpr size_t kPieceBytes = size_t{1} << 20;  // of one request when reading on and on
   static constexpr size_t kMaxAheadBytes = 16 * kPieceBytes;  // one for each worker of the queue
   static constexpr size_t kMaxHeldBytes = 24 * kPieceBytes;
 

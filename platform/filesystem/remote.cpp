@@ -17,11 +17,11 @@ bool IsNotFound(AERROR error) {
 }
 
 Attributes FromInfo(const FS_INFO& info, int protocol) {
-  constexpr auto kMaxSize =
+  constexpr auto max_size =
       static_cast<unsigned long long>(std::numeric_limits<long long>::max());  // what stat can say
   Attributes attributes;
   attributes.is_folder = info.is_folder != 0;
-  attributes.size = attributes.is_folder ? 0 : std::min(info.size, kMaxSize);
+  attributes.size = attributes.is_folder ? 0 : std::min(info.size, max_size);
   attributes.modified = {info.modified.seconds,
                          std::clamp(info.modified.nanoseconds, 0, 999'999'999)};
   if (!attributes.is_folder) {

@@ -45,7 +45,7 @@ class WorkFile {
   [[nodiscard]] State GetState() const;
   [[nodiscard]] bool IsDirty() const;
   void MarkDirty();  // even without a change: the remote is to get it
-  void MarkStored(const State& state);
+  void MarkStored(const State& stored);
 
  private:
   void Changed() TARN_REQUIRES(lock);

@@ -35,16 +35,7 @@ CParentPipe::CParentPipe()
     : request_pipe([this] { return process.has_ended() || !ProcessStarted; }),
       event_pipe([this] { return process.has_ended() || !ProcessStarted; }) {}
 
-CParentPipe::~CParentPipe() {
-  if (recv_thread && recv_thread->joinable()) {
-    // It held a handle, so it has let go of this object, unless it is the one that ends it.
-    if (recv_thread->get_id() == std::this_thread::get_id()) {
-      recv_thread->detach();
-    } else {
-      recv_thread->join();
-    }
-  }
-}
+CParentPipe::~CParentPipe() = default;
 
 void CParentPipe::set_request(const Json& request, std::shared_ptr<CNSession> creator) {
   mount_info = request;
@@ -142,21 +133,11 @@ int CParentPipe::mount() {
 }
 
 std::shared_ptr<std::thread> CParentPipe::start_recv() {
-  set_receiving(true);
-  try {
-    recv_thread =
-        std::make_shared<std::thread>([self = shared_from_this()] { self->receive_events(); });
-  } catch (const std::system_error&) {
-    set_receiving(false);
-    throw;
-  }
-  return recv_thread;
-}
-
-void CParentPipe::set_receiving(bool now) {
   tarn::MutexLock lock(receive_lock);
-  receiving = now;
-  receive_ended.notify_all();
+  recv_thread =
+      std::make_shared<std::thread>([self = shared_from_this()] { self->receive_events(); });
+  receiving = true;
+  return recv_thread;
 }
 
 void CParentPipe::receive_events() {
@@ -165,7 +146,12 @@ void CParentPipe::receive_events() {
     tarn::PausePipePoll();
   }
   relay_waiting_events();
-  set_receiving(false);
+  {
+    tarn::MutexLock lock(receive_lock);
+    receiving = false;
+    receive_ended.notify_all();
+    recv_thread->detach();  // it holds a handle, so nobody is left to join it when that goes
+  }
   notice_broken_channel();
 }
 

@@ -21,9 +21,9 @@ class CNSession;
 // Threads:  the waiting thread (detached), the receive thread, and any session thread that sends a
 //           command.
 // Locks:    command_lock makes commands go out and come back one at a time; quota_mutex covers a
-//           whole quota question; receive_lock guards `receiving`. None of the three is taken while
-//           another is held. childlist_lock may be held around send_json_int and close(); the
-//           waiting thread marks the channels broken before it asks for it.
+//           whole quota question; receive_lock guards the receive thread. None of the three is
+//           taken while another is held. childlist_lock may be held around send_json_int and
+//           close(); the waiting thread marks the channels broken before it asks for it.
 // Errors:   result codes. Every wait ends when the process ends, a channel breaks or the service
 //           stops.
 class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
@@ -101,7 +101,6 @@ class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
   void receive_events();
   void relay_waiting_events();
   void let_receiver_finish();
-  void set_receiving(bool now);
   void notice_broken_channel();
   [[nodiscard]] bool is_broken() const;
   [[nodiscard]] std::shared_ptr<char> wait_message();
@@ -116,7 +115,7 @@ class CParentPipe : public std::enable_shared_from_this<CParentPipe> {
   tarn::DriveProcess process;
   CPipeSession request_pipe;
   CPipeSession event_pipe;
-  std::shared_ptr<std::thread> recv_thread;
+  std::shared_ptr<std::thread> recv_thread TARN_GUARDED_BY(receive_lock);  // detached at its end
   tarn::Mutex command_lock;
   tarn::Mutex quota_mutex;
   tarn::Mutex receive_lock;

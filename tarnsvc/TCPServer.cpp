@@ -34,9 +34,11 @@ bool IsForGood(int error) {
   return error == EBADF || error == EINVAL || error == ENOTSOCK || error == EOPNOTSUPP;
 }
 
-bool IsConnectionWaiting(int listening_socket) {
+// Returns when there is something to accept, or the socket was shut down. Accepting without a free
+// descriptor fails at once, whether anybody waits or not.
+void WaitForConnection(int listening_socket) {
   pollfd entry = {listening_socket, POLLIN, 0};
-  return ::poll(&entry, 1, 0) > 0;
+  (void)tarn::RetryOnInterrupt([&] { return ::poll(&entry, 1, -1); });
 }
 
 }  // namespace
@@ -85,6 +87,7 @@ bool CTCPServer::listen(int requested_port) {
 void CTCPServer::ListenThread(void* server) {
   auto* const self = static_cast<CTCPServer*>(server);
   while (!self->stopping) {
+    WaitForConnection(self->listen_socket);
     tarn::UniqueFd connection = tarn::AcceptConnection(self->listen_socket);
     if (connection.valid()) {
       self->create_session(connection.release());
@@ -100,9 +103,7 @@ void CTCPServer::ListenThread(void* server) {
 // that there is no room, and the next one is not waited for in vain.
 void CTCPServer::refuse_connection() {
   spare.reset();
-  if (IsConnectionWaiting(listen_socket)) {
-    const tarn::UniqueFd refused = tarn::AcceptConnection(listen_socket);
-  }
+  tarn::AcceptConnection(listen_socket).reset();
   spare = tarn::OpenFile("/dev/null", O_RDONLY);
   if (!spare.valid()) {
     std::this_thread::sleep_for(kShortagePause);  // another thread got it: let it finish

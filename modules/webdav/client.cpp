@@ -205,6 +205,10 @@ Client::HeaderLines Client::Prepare(Running& running) {
   error_text.fill('\0');
   SetLowSpeedTimeout(asked.stall_limit_s);
   curl_easy_setopt(curl, CURLOPT_URL, asked.url.c_str());
+  // Only reading is led elsewhere: a change that lands on another resource, a login page perhaps,
+  // would be taken for done.
+  const bool reads = asked.method == "GET" || asked.method == "HEAD" || asked.method == "PROPFIND";
+  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, reads ? 1L : 0L);
   curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);  // ends what an upload or a HEAD before had set
   curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, asked.method.c_str());
   curl_easy_setopt(curl, CURLOPT_HEADERDATA, &running);

@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include "tests/unit/filesystem/drive.h"
+#include "tests/unit/filesystem/direct_calls.h"
 #include "tests/unit/filesystem/lent_libraries.h"
 
 namespace tarn::test {
@@ -12,8 +12,20 @@ class AheadTest : public testing::Test {
  protected:
   void SetUp() override { files->AddProtocol(Share(protocol)); }
 
-  MemoryProtocol::Store& Remote() { return protocol.GetStore(); }
-  static std::string Name(int i) { return std::to_string(100 + i); }
+  static std::string Path(int i) { return "/folder/" + std::to_string(100 + i); }
+  // Makes a folder of files and lists it.
+  void FillFolder(int count, const std::string& content) {
+    for (int i = 0; i < count; ++i) {
+      protocol.Write(Path(i), content + std::to_string(i));
+    }
+    std::vector<std::string> names;
+    ASSERT_EQ(drive.List("/folder", names), 0);
+  }
+  void ExpectContents(int begin, int end, const std::string& content) {
+    for (int i = begin; i < end; ++i) {
+      EXPECT_EQ(drive.Content(Path(i)), content + std::to_string(i));
+    }
+  }
 
   LentLibraries libraries{64 * 1024 * 1024};
   MemoryProtocol protocol;
@@ -23,82 +35,65 @@ class AheadTest : public testing::Test {
 
 TEST_F(AheadTest, OneListingAnswersForEveryNameInItsFolder) {
   for (int i = 0; i < 50; ++i) {
-    Remote().Write("/folder/" + Name(i), "x");
+    protocol.Write(Path(i), "x");
   }
   std::uint64_t size = 0;
   for (int i = 0; i < 50; ++i) {
-    EXPECT_EQ(drive.GetSize("/folder/" + Name(i), size), 0);
-    EXPECT_EQ(drive.GetSize("/folder/absent" + Name(i), size), ENOENT);
+    EXPECT_EQ(drive.GetSize(Path(i), size), 0);
+    EXPECT_EQ(drive.GetSize(Path(i) + "absent", size), ENOENT);
   }
-  EXPECT_LE(protocol.counts.info, 4) << "the folder, the first name in it, the size of the drive";
-  EXPECT_EQ(protocol.counts.list, 1);
+  EXPECT_LE(protocol.infos, 4) << "the folder, the first name in it, the size of the drive";
+  EXPECT_EQ(protocol.lists, 1);
 }
 
 TEST_F(AheadTest, FoldersBelowAListedOneAreListedAhead) {
   for (int i = 0; i < 20; ++i) {
-    Remote().Write("/folder" + Name(i) + "/file", "x");
+    protocol.Write("/folder" + std::to_string(i) + "/file", "x");
   }
   std::vector<std::string> names;
   ASSERT_EQ(drive.List("/", names), 0);
   libraries.WaitIdle();
-  EXPECT_EQ(protocol.counts.list, 21);
-  const int infos = protocol.counts.info;
+  EXPECT_EQ(protocol.lists, 21);
+  const int infos = protocol.infos;
   for (const std::string& name : names) {
     std::vector<std::string> below;
     EXPECT_EQ(drive.List("/" + name, below), 0);
     EXPECT_EQ(below, std::vector<std::string>{"file"});
   }
-  EXPECT_EQ(protocol.counts.list, 21);
-  EXPECT_EQ(protocol.counts.info, infos);
+  EXPECT_EQ(protocol.lists, 21);
+  EXPECT_EQ(protocol.infos, infos);
 }
 
 TEST_F(AheadTest, SmallFilesThatAreReadOneAfterAnotherAreThereBeforeTheyAreOpened) {
-  for (int i = 0; i < 60; ++i) {
-    Remote().Write("/folder/" + Name(i), "content " + Name(i));
-  }
-  std::vector<std::string> names;
-  ASSERT_EQ(drive.List("/folder", names), 0);
-  EXPECT_EQ(drive.Content("/folder/" + Name(0)), "content " + Name(0));
-  EXPECT_EQ(drive.Content("/folder/" + Name(1)), "content " + Name(1));
+  FillFolder(60, "content");
+  ExpectContents(0, 2, "content");
   libraries.WaitIdle();
-  EXPECT_EQ(protocol.counts.read, 2 + 32) << "the next 32";
-  for (int i = 2; i < 15; ++i) {
-    EXPECT_EQ(drive.Content("/folder/" + Name(i)), "content " + Name(i));
-  }
+  EXPECT_EQ(protocol.reads, 2 + 32) << "the next 32";
+  ExpectContents(2, 15, "content");
   libraries.WaitIdle();
-  EXPECT_EQ(protocol.counts.read, 2 + 32) << "not one is fetched twice";
-  for (int i = 15; i < 60; ++i) {
-    EXPECT_EQ(drive.Content("/folder/" + Name(i)), "content " + Name(i));
-  }
+  EXPECT_EQ(protocol.reads, 2 + 32) << "not one is fetched twice";
+  ExpectContents(15, 60, "content");
 }
 
 TEST_F(AheadTest, WhatWasFetchedAheadIsNotShownOnceItHasChanged) {
-  for (int i = 0; i < 10; ++i) {
-    Remote().Write("/folder/" + Name(i), "old");
-  }
-  std::vector<std::string> names;
-  ASSERT_EQ(drive.List("/folder", names), 0);
-  EXPECT_EQ(drive.Content("/folder/" + Name(0)), "old");
-  EXPECT_EQ(drive.Content("/folder/" + Name(1)), "old");
+  FillFolder(10, "old");
+  ExpectContents(0, 2, "old");
   libraries.WaitIdle();
-  ASSERT_EQ(protocol.counts.read, 10);
-  EXPECT_EQ(drive.WriteFile("/folder/" + Name(5), "ours"), 0);
-  EXPECT_EQ(drive.Content("/folder/" + Name(5)), "ours");
-  EXPECT_EQ(drive.Rename("/folder/" + Name(5), "/folder/" + Name(6)), 0);
-  EXPECT_EQ(drive.Content("/folder/" + Name(6)), "ours");
-  Remote().Write("/folder/" + Name(1), "new");
-  EXPECT_EQ(drive.Content("/folder/" + Name(1)), "new") << "only the first open trusts";
+  ASSERT_EQ(protocol.reads, 10);
+  EXPECT_EQ(drive.WriteFile(Path(5), "ours"), 0);
+  EXPECT_EQ(drive.Content(Path(5)), "ours");
+  EXPECT_EQ(drive.Rename(Path(5), Path(6)), 0);
+  EXPECT_EQ(drive.Content(Path(6)), "ours");
+  protocol.Write(Path(1), "new");
+  EXPECT_EQ(drive.Content(Path(1)), "new") << "only the first open trusts";
 }
 
 TEST_F(AheadTest, OpeningASmallFileOfAKnownFolderTakesOneRoundTrip) {
-  Remote().Write("/folder/file", "content");
-  Remote().Write("/folder/other", "content");
-  std::vector<std::string> names;
-  ASSERT_EQ(drive.List("/folder", names), 0);
+  FillFolder(2, "content");
   constexpr int kLatencyMs = 500;
-  protocol.behaviour.latency_ms = kLatencyMs;
+  protocol.latency_ms = kLatencyMs;
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(drive.Content("/folder/file"), "content");
+  ExpectContents(0, 1, "content");
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2 * kLatencyMs));
 }
 

@@ -8,8 +8,7 @@
 #include <sys/stat.h>
 #include <thread>
 
-#include "tests/support/protocol/failing_protocol.h"
-#include "tests/unit/filesystem/drive.h"
+#include "tests/unit/filesystem/direct_calls.h"
 #include "tests/unit/filesystem/recording_events.h"
 
 namespace tarn::test {
@@ -22,7 +21,6 @@ class FileSystemTest : public testing::Test {
     files->AddProtocol(Share(protocol));
   }
 
-  MemoryProtocol::Store& Remote() { return protocol.GetStore(); }
   int Open(const std::string& path, int flags) {
     int file = -1;
     EXPECT_EQ(drive.Open(path, flags, file), 0) << path;
@@ -36,19 +34,19 @@ class FileSystemTest : public testing::Test {
 };
 
 TEST_F(FileSystemTest, EveryOpenSeesWhatWasChangedElsewhere) {
-  Remote().Write("/file", "old");
+  protocol.Write("/file", "old");
   EXPECT_EQ(drive.Content("/file"), "old");
-  Remote().Write("/file", "newer");
+  protocol.Write("/file", "newer");
   EXPECT_EQ(drive.Content("/file"), "newer");
-  Remote().Remove("/file");
+  protocol.Remove("/file");
   std::string content;
   EXPECT_EQ(drive.ReadFile("/file", content), ESTALE) << "the kernel looks it up again";
 }
 
 TEST_F(FileSystemTest, AFileThatWasReplacedElsewhereGivesNoMixture) {
-  Remote().Write("/file", "old content");
+  protocol.Write("/file", "old content");
   const int before = Open("/file", O_RDWR);
-  Remote().Write("/file", "new");
+  protocol.Write("/file", "new");
   std::string content;
   EXPECT_EQ(drive.Write(before, 0, "x"), EIO) << "the rest would come from another version";
   const int after = Open("/file", O_RDONLY);
@@ -57,31 +55,31 @@ TEST_F(FileSystemTest, AFileThatWasReplacedElsewhereGivesNoMixture) {
   EXPECT_EQ(content, "new");
   drive.Close(before);
   drive.Close(after);
-  EXPECT_EQ(Remote().Content("/file"), "new");
+  EXPECT_EQ(protocol.Content("/file"), "new");
 }
 
 TEST_F(FileSystemTest, CloseTellsThatTheRemoteTookNothingAndTheContentStaysReadable) {
   const int file = Open("/file", O_WRONLY | O_CREAT);
   ASSERT_EQ(drive.Write(file, 0, "content"), 0);
-  protocol.behaviour.failure = ACCESS_DENIED;
+  protocol.failure = ACCESS_DENIED;
   EXPECT_EQ(drive.Close(file), EACCES);
   EXPECT_THAT(events->Texts(), testing::Contains("end /file 23"));
-  protocol.behaviour.failure = SUCCESS;
+  protocol.failure = SUCCESS;
   EXPECT_EQ(drive.Content("/file"), "content");
   EXPECT_EQ(files->StoreAll(), 0);
-  EXPECT_EQ(Remote().Content("/file"), "content");
+  EXPECT_EQ(protocol.Content("/file"), "content");
 }
 
 TEST_F(FileSystemTest, ANewFileDoesNotReplaceOneThatSomebodyElseMadeMeanwhile) {
   const int file = Open("/report.txt", O_WRONLY | O_CREAT);
   ASSERT_EQ(drive.Write(file, 0, "ours"), 0);
-  Remote().Write("/report.txt", "theirs");
+  protocol.Write("/report.txt", "theirs");
   EXPECT_EQ(drive.Close(file), 0);
-  const auto paths = Remote().Paths();
+  const auto paths = protocol.Paths();
   ASSERT_EQ(paths.size(), 2U);
   EXPECT_THAT(paths[0], testing::MatchesRegex("/report .conflict ....-..-.. ..[.]..[.]...[.]txt"));
-  EXPECT_EQ(Remote().Content(paths[0]), "ours");
-  EXPECT_EQ(Remote().Content("/report.txt"), "theirs");
+  EXPECT_EQ(protocol.Content(paths[0]), "ours");
+  EXPECT_EQ(protocol.Content("/report.txt"), "theirs");
   EXPECT_EQ(drive.Content("/report.txt"), "theirs");
   EXPECT_EQ(drive.Content(paths[0]), "ours");
   EXPECT_THAT(events->Texts(), testing::Contains("error 2 " + paths[0] + " 36"));
@@ -97,8 +95,8 @@ TEST_F(FileSystemTest, AnUploadTellsItsBeginItsLastProgressAndItsEnd) {
 }
 
 TEST_F(FileSystemTest, DeletedAndReplacedFilesStayReadableForThoseWhoHaveThemOpen) {
-  Remote().Write("/deleted", "one");
-  Remote().Write("/replaced", "two");
+  protocol.Write("/deleted", "one");
+  protocol.Write("/replaced", "two");
   const int deleted = Open("/deleted", O_RDONLY);
   const int replaced = Open("/replaced", O_RDONLY);
   EXPECT_EQ(drive.Unlink("/deleted"), 0);
@@ -112,21 +110,22 @@ TEST_F(FileSystemTest, DeletedAndReplacedFilesStayReadableForThoseWhoHaveThemOpe
   EXPECT_EQ(drive.Content("/replaced"), "three");
   drive.Close(deleted);
   drive.Close(replaced);
-  EXPECT_EQ(Remote().Paths(), std::vector<std::string>{"/replaced"});
+  EXPECT_EQ(protocol.Paths(), std::vector<std::string>{"/replaced"});
 }
 
 TEST_F(FileSystemTest, AFileGoesWhereItsFolderIsWhenItIsClosed) {
-  Remote().MakeFolder("/folder");
+  protocol.MakeFolder("/folder");
   const int file = Open("/folder/file", O_WRONLY | O_CREAT);
   ASSERT_EQ(drive.Write(file, 0, "content"), 0);
   EXPECT_EQ(drive.Rename("/folder", "/moved"), 0);
   EXPECT_EQ(drive.RemoveFolder("/moved"), ENOTEMPTY) << "the remote does not know of it yet";
   EXPECT_EQ(drive.Close(file), 0);
-  EXPECT_EQ(Remote().Content("/moved/file"), "content");
+  EXPECT_EQ(protocol.Content("/moved/file"), "content");
 }
 
 TEST_F(FileSystemTest, TimesReachTheRemoteWhereItKeepsThemAndModesCannotChange) {
-  ASSERT_EQ(drive.WriteFile("/file", "x"), 0);
+  protocol.Write("/file", "content");
+  const int reader = Open("/file", O_RDONLY);
   fs::Stat stat;
   ASSERT_EQ(files->Lookup(fs::kRootIno, "file", stat), 0);
   fs::AttributeChange change;
@@ -136,11 +135,7 @@ TEST_F(FileSystemTest, TimesReachTheRemoteWhereItKeepsThemAndModesCannotChange) 
   ASSERT_EQ(protocol.GetInfo("/file", &info), SUCCESS);
   EXPECT_EQ(info.modified.seconds, 1'000'000'000);
   EXPECT_EQ(stat.modified.nanoseconds, 5);
-  Remote().Write("/read", "content");
-  const int reader = Open("/read", O_RDONLY);
-  ASSERT_EQ(files->Lookup(fs::kRootIno, "read", stat), 0);
-  EXPECT_EQ(files->SetAttributes(stat.ino, change, stat), 0);
-  const int second = Open("/read", O_RDONLY);
+  const int second = Open("/file", O_RDONLY);
   std::string content;
   EXPECT_EQ(drive.Read(reader, 0, 10, content), 0) << "only the time is another";
   EXPECT_EQ(content, "content");
@@ -153,23 +148,13 @@ TEST_F(FileSystemTest, TimesReachTheRemoteWhereItKeepsThemAndModesCannotChange) 
   EXPECT_EQ(files->SetAttributes(stat.ino, mode, stat), EPERM);
 }
 
-TEST_F(FileSystemTest, WithoutAProtocolTheVolumeIsAnEmptyFolder) {
-  const auto empty = std::make_shared<fs::FileSystem>();
-  DirectCalls calls(*empty);
-  std::vector<std::string> names;
-  EXPECT_EQ(calls.List("/", names), 0);
-  EXPECT_TRUE(names.empty());
-  EXPECT_EQ(calls.WriteFile("/file", "x"), EROFS);
-  EXPECT_EQ(calls.MakeFolder("/folder"), EROFS);
-}
-
 TEST_F(FileSystemTest, SeveralProtocolsAreOneFolder) {
   MemoryProtocol second;
-  second.GetStore().Write("/both/of_second", "2");
-  second.GetStore().Write("/hidden", "of second");
-  second.GetStore().MakeFolder("/only_second");
-  Remote().Write("/both/of_first", "1");
-  Remote().Write("/hidden", "of first");
+  second.Write("/both/of_second", "2");
+  second.Write("/hidden", "of second");
+  second.MakeFolder("/only_second");
+  protocol.Write("/both/of_first", "1");
+  protocol.Write("/hidden", "of first");
   files->AddProtocol(Share(second));
   std::vector<std::string> names;
   EXPECT_EQ(drive.List("/", names), 0);
@@ -179,22 +164,20 @@ TEST_F(FileSystemTest, SeveralProtocolsAreOneFolder) {
   EXPECT_EQ(drive.Content("/hidden"), "of first");
   EXPECT_EQ(drive.Content("/both/of_second"), "2");
   EXPECT_EQ(drive.WriteFile("/only_second/new", "n"), 0);
-  EXPECT_EQ(second.GetStore().Content("/only_second/new"), "n");
+  EXPECT_EQ(second.Content("/only_second/new"), "n");
   EXPECT_EQ(drive.WriteFile("/both/of_second", "22"), 0);
-  EXPECT_EQ(second.GetStore().Content("/both/of_second"), "22") << "replaced where it is";
+  EXPECT_EQ(second.Content("/both/of_second"), "22") << "replaced where it is";
   EXPECT_EQ(drive.Rename("/hidden", "/only_second/hidden"), EXDEV);
   EXPECT_EQ(drive.RemoveFolder("/both"), ENOTEMPTY);
-  second.behaviour.failure = DEVICE_NOT_READY;
+  second.failure = DEVICE_NOT_READY;
   EXPECT_EQ(files->GetRemote().List("/", *std::make_unique<std::vector<fs::Entry>>()),
             DEVICE_NOT_READY)
       << "half a listing would look like deleted files";
 }
 
 // A module that answers as no module should.
-class HostileProtocol : public FailingProtocol {
+class HostileProtocol : public MemoryProtocol {
  public:
-  using FailingProtocol::FailingProtocol;
-
   AERROR List(const char* path, FS_LIST_SINK sink, void* context) override {
     FS_INFO info = {};
     info.size = ~0ULL;
@@ -216,8 +199,8 @@ class HostileProtocol : public FailingProtocol {
 };
 
 TEST_F(FileSystemTest, AModuleThatAnswersNonsenseDoesNoHarm) {
-  HostileProtocol hostile(protocol);
-  Remote().Write("/good", "content");
+  HostileProtocol hostile;
+  hostile.Write("/good", "content");
   const auto other = std::make_shared<fs::FileSystem>();
   other->AddProtocol(Share(hostile));
   DirectCalls calls(*other);
@@ -225,24 +208,6 @@ TEST_F(FileSystemTest, AModuleThatAnswersNonsenseDoesNoHarm) {
   EXPECT_EQ(calls.List("/", names), 0);
   EXPECT_EQ(names, std::vector<std::string>{"good"});
   EXPECT_EQ(calls.Content("/good"), "(error)");
-}
-
-TEST_F(FileSystemTest, AModuleThatOffersNothingFailsEveryCallWithAnError) {
-  Remote().Write("/file", "content");
-  for (const AERROR failure : {FAILED, NOT_SUPPORTED}) {
-    protocol.behaviour.failure = failure;
-    const auto other = std::make_shared<fs::FileSystem>(fs::Clock::duration::zero());
-    other->AddProtocol(Share(protocol));
-    DirectCalls calls(*other);
-    std::vector<std::string> names;
-    std::string content;
-    EXPECT_NE(calls.List("/", names), 0);
-    EXPECT_NE(calls.ReadFile("/file", content), 0);
-    EXPECT_NE(calls.WriteFile("/new", "x"), 0);
-    EXPECT_NE(calls.MakeFolder("/folder"), 0);
-    EXPECT_NE(calls.Unlink("/file"), 0);
-    EXPECT_GT(other->GetSpace().total, 0U);
-  }
 }
 
 TEST_F(FileSystemTest, ContentIsRightWhileSeveralThreadsUseIt) {
@@ -268,7 +233,7 @@ TEST_F(FileSystemTest, ContentIsRightWhileSeveralThreadsUseIt) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  EXPECT_EQ(Remote().Paths(), (std::vector<std::string>{"/folder0", "/folder1"}));
+  EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/folder0", "/folder1"}));
 }
 
 }  // namespace

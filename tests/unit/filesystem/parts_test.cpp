@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "platform/filesystem/bindings.h"
-#include "platform/filesystem/errors.h"
+#include "platform/filesystem/listings.h"
 #include "platform/filesystem/names.h"
 #include "platform/filesystem/nodes.h"
 #include "platform/filesystem/path_locks.h"
@@ -27,16 +27,6 @@ TEST(NamesTest, OnlyNamesThatStayInTheirFolderAreValid) {
   }
 }
 
-TEST(NamesTest, PathsAreTakenApartAndPutTogether) {
-  EXPECT_EQ(JoinPath("/", "a"), "/a");
-  EXPECT_EQ(JoinPath("/a", "b"), "/a/b");
-  EXPECT_EQ(FolderOf("/a"), "/");
-  EXPECT_EQ(FolderOf("/a/b"), "/a");
-  EXPECT_EQ(NameOf("/a/b"), "b");
-  EXPECT_TRUE(IsWithin("/a/b", "/a"));
-  EXPECT_FALSE(IsWithin("/ab", "/a"));
-}
-
 TEST(NamesTest, ConflictNamesKeepTheExtensionAndStayValid) {
   EXPECT_THAT(ConflictName("a.b.txt", 0), testing::MatchesRegex("a[.]b .conflict .*[.]txt"));
   EXPECT_THAT(ConflictName(".profile", 0), testing::MatchesRegex("[.]profile .conflict .*"));
@@ -47,29 +37,6 @@ TEST(NamesTest, ConflictNamesKeepTheExtensionAndStayValid) {
   EXPECT_TRUE(IsValidName(ConflictName(name, 0)));
   EXPECT_TRUE(IsValidName(ConflictName("a." + name.substr(2), 0)));
   EXPECT_NE(ConflictName(name, 0), name);
-}
-
-TEST(ErrorsTest, ProtocolErrorsBecomeWhatProgramsKnow) {
-  EXPECT_EQ(ErrnoOf(SUCCESS), 0);
-  EXPECT_EQ(ErrnoOf(PATH_NOT_FOUND), ENOENT);
-  EXPECT_EQ(ErrnoOf(ACCESS_DENIED), EACCES);
-  EXPECT_EQ(ErrnoOf(DEVICE_NOT_READY), EIO);
-  EXPECT_EQ(ErrnoOf(static_cast<AERROR>(4711)), EIO);
-  EXPECT_FALSE(MattersToPeople(FILE_NOT_FOUND));
-  EXPECT_TRUE(MattersToPeople(DEVICE_NOT_READY));
-}
-
-TEST(NodesTest, NumbersStayWithWhatTheyNameUnderARenamedFolder) {
-  Nodes nodes;
-  const Ino folder = nodes.Ensure(kRootIno, "folder", true);
-  const Ino file = nodes.Ensure(folder, "file", false);
-  nodes.AddLookup(folder);
-  nodes.AddLookup(file);
-  nodes.Move(folder, kRootIno, "moved");
-  EXPECT_EQ(nodes.PathOf(file), "/moved/file");
-  EXPECT_EQ(nodes.Find(kRootIno, "folder"), std::nullopt);
-  nodes.Unlink(folder);
-  EXPECT_EQ(nodes.PathOf(file), std::nullopt);
 }
 
 TEST(NodesTest, ANodeLivesAsLongAsItIsUsedAndItsNumberIsNotGivenOutAgain) {
@@ -122,6 +89,52 @@ TEST(BindingsTest, WhatWasLentIsNotUsedAfterItWasTakenBack) {
   }
   owner.join();
   EXPECT_FALSE(Lent<int>::Lease(lent));
+}
+
+class ListingsTest : public testing::Test {
+ protected:
+  Listings::Known Known(const std::string& path) { return listings.Find(path, now).known; }
+
+  static Entry File(const std::string& name, unsigned long long size) {
+    Attributes attributes;
+    attributes.size = size;
+    return {name, attributes};
+  }
+
+  Listings listings{std::chrono::seconds(5)};
+  const Clock::time_point now = Clock::now();
+};
+
+TEST_F(ListingsTest, AnswersToQuestionsFromBeforeAChangeAreNotKept) {
+  const auto before = listings.Begin();
+  listings.SetAbsent("/f/gone", now);
+  listings.AddListing(before, "/f", {File("gone", 1)}, now);
+  EXPECT_EQ(Known("/f/gone"), Listings::Known::kAbsent);
+
+  const Attributes stale = File("", 1).attributes;
+  EXPECT_FALSE(listings.Add(before, "/f/gone", &stale, now));
+  EXPECT_TRUE(listings.Add(before, "/f/other", &stale, now)) << "nothing happened to that one";
+
+  listings.AddListing(listings.Begin(), "/f", {File("kept", 1)}, now);
+  EXPECT_FALSE(listings.Add(before, "/f/gone", &stale, now));
+  EXPECT_EQ(Known("/f/gone"), Listings::Known::kAbsent);
+
+  listings.ForgetTree("/");
+  EXPECT_FALSE(listings.Add(before, "/new/folder", &stale, now));
+  EXPECT_TRUE(listings.Add(listings.Begin(), "/new/folder", &stale, now));
+}
+
+TEST_F(ListingsTest, ForgettingATreeSparesNeighboursWithTheSameBeginning) {
+  for (const char* const folder : {"/a", "/a-b", "/a/b", "/ab"}) {
+    listings.AddListing(listings.Begin(), folder, {File("x", 1)}, now);
+  }
+  listings.ForgetTree("/a");
+  EXPECT_EQ(Known("/a/x"), Listings::Known::kNothing);
+  EXPECT_EQ(Known("/a/b/x"), Listings::Known::kNothing);
+  EXPECT_EQ(Known("/a-b/x"), Listings::Known::kPresent);
+  EXPECT_EQ(Known("/ab/x"), Listings::Known::kPresent);
+  listings.Forget("/ab/x");
+  EXPECT_EQ(Known("/ab/x"), Listings::Known::kNothing) << "forgotten, not absent";
 }
 
 }  // namespace

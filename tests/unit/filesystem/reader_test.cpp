@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <set>
 #include <thread>
 
 #include "tests/unit/filesystem/lent_libraries.h"
@@ -106,16 +105,6 @@ TEST_F(ReaderTest, ARandomReadFetchesOneBlockAndNothingAhead) {
   EXPECT_EQ(source->reads, 3) << "it is still there";
 }
 
-TEST_F(ReaderTest, BlocksOfTheCacheAreUsedForTheirVersionOnly) {
-  const test::LentLibraries libraries;
-  EXPECT_TRUE(Read(*Open(), 0, 4096) == content.substr(0, 4096));
-  const int reads = source->reads;
-  EXPECT_TRUE(Read(*Open(), 0, 4096) == content.substr(0, 4096));
-  EXPECT_EQ(source->reads, reads);
-  (void)Read(*Open("v2"), 0, 4096);
-  EXPECT_EQ(source->reads, reads + 1);
-}
-
 TEST_F(ReaderTest, AChangedFileGivesAnErrorAndNeverAMixture) {
   const auto reader = Open();
   const std::string first = Read(*reader, 3'000'000, 4096);
@@ -129,10 +118,7 @@ TEST_F(ReaderTest, AChangedFileGivesAnErrorAndNeverAMixture) {
   source->Change(content.substr(0, 1'000'000));
   (void)Read(*Open(), 0, 4096, ESTALE);
   (void)Read(*Open("v1", false), 8'990'000, 4096, ESTALE);
-}
-
-TEST_F(ReaderTest, AFileThatGrewIsNotTakenForItsOldSelf) {
-  source = std::make_shared<FakeSource>(content + "more");
+  source->Change(content + "more");
   (void)Read(*Open(), content.size() - 100, 100, ESTALE);
 }
 

@@ -278,6 +278,8 @@ TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
   WriteFile(backing / "same", "first");
   WriteFile(second / "same", "second");
   WriteFile(second / "b", "second");
+  fs::create_directories(backing / "both");
+  fs::create_directories(second / "both/inner");
   std::string connect = ConnectMessage(backing, volume, "L");
   connect.replace(connect.find("connect"), 7, "spindle_mount");
   ASSERT_EQ(client->AskForResult(connect), 0);
@@ -290,6 +292,9 @@ TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
   }
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(volume / "b"); }));
   EXPECT_EQ(ReadFile(volume / "same"), "first");
+  EXPECT_TRUE(fs::exists(volume / "both/inner"));
+  WriteFile(volume / "both/new", "x");
+  EXPECT_TRUE(fs::exists(backing / "both/new"));
   EXPECT_EQ(client->AskForResult(DriveMessage("spindle_remove_protocol", volume)), -1);
   EXPECT_EQ(Unmount(volume), 0);
 }

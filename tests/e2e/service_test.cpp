@@ -51,6 +51,14 @@ TEST_F(ServiceE2eTest, EndsWithStatusOneInEveryModeAndHoldsNoStandardStreamsAsAD
   }
 }
 
+TEST_F(ServiceE2eTest, AWrongKeyEndsTheConnectionAndNothingElse) {
+  ASSERT_TRUE(service.Start());
+  TestClient stranger(service);
+  EXPECT_EQ(stranger.AskForResult(R"({"cmd":"init","data":{"key":"wrong"}})"), 0);
+  EXPECT_TRUE(stranger.IsClosed());
+  TestClient(service).Introduce();
+}
+
 TEST_F(ServiceE2eTest, TheLogLevelChangesWhileItRuns) {
   ASSERT_TRUE(service.Start());
   TestClient client(service);

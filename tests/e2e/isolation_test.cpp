@@ -1,13 +1,10 @@
 // Shows that the harness can fail: that what a test leaves behind is seen.
 #include "tests/support/service/isolation.h"
 
-#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,52 +23,29 @@ int StatusInIsolation(int (*test_main)(int, char**)) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-std::filesystem::path outside_path;  // for functions that may not capture it
+constexpr int kFresh = 7;
 
-constexpr int kInAWorld = 3;
+// A world of its own has an empty /tmp, two processes and a loopback that refuses at once.
+int LookAround(int /*count*/, char** /*texts*/) {
+  Client client;
+  const bool is_fresh = std::filesystem::is_empty("/tmp") && ChildrenOf(1).size() == 1 &&
+                        !client.Connect(1, After(std::chrono::hours(1)));
+  return is_fresh ? kFresh : 0;
+}
 
-class IsolationTest : public testing::Test {
- protected:
-  void SetUp() override {
-    if (StatusInIsolation([](int, char**) { return ::getppid() == 1 ? kInAWorld : 0; }) !=
-        kInAWorld) {
-      GTEST_SKIP() << "this user may not make a world of its own";
-    }
+TEST(IsolationTest, WhatIsLeftInTheWorldIsAFailure) {
+  const TempHome outside;  // so that the /tmp out here is not empty
+  if (StatusInIsolation([](int, char**) { return ::getppid() == 1 ? kFresh : 0; }) != kFresh) {
+    GTEST_SKIP() << "this user may not make a world of its own";
   }
-};
-
-TEST_F(IsolationTest, WorldIsEmptyAndConnected) {
-  const TempHome outside;
-  outside_path = outside.Path();
-  EXPECT_EQ(StatusInIsolation([](int, char**) {
-              const bool is_fresh = !std::filesystem::exists(outside_path);
-              const bool has_build = std::filesystem::exists(TARN_BUILD_FOLDER);
-              const bool is_alone = ChildrenOf(1).size() == 1;
-              Client client;  // nothing listens, but an answer comes at once
-              const bool is_refused = !client.Connect(1, After(std::chrono::hours(1)));
-              std::exit(is_fresh && has_build && is_alone && is_refused ? 7 : 1);
-              return 0;
-            }),
-            7);
-}
-
-TEST_F(IsolationTest, ProcessLeftBehindIsAFailure) {
+  EXPECT_EQ(StatusInIsolation(LookAround), kFresh);
+  EXPECT_EQ(StatusInIsolation([](int, char**) { return 0; }), 0);
+  EXPECT_NE(StatusInIsolation([](int, char**) { return ::fork() == 0 ? ::pause() : 0; }), 0);
   EXPECT_NE(StatusInIsolation([](int, char**) {
-              if (::fork() == 0) {
-                (void)::pause();
-              }
-              return 0;
-            }),
-            0);
-}
-
-TEST_F(IsolationTest, VolumeLeftBehindIsAFailure) {
-  EXPECT_NE(StatusInIsolation([](int, char**) {
-              (void)::mkdir("/tmp/left", 0700);
+              std::filesystem::create_directory("/tmp/left");
               return ::mount("tmpfs", "/tmp/left", "tmpfs", 0, nullptr);
             }),
             0);
-  EXPECT_EQ(StatusInIsolation([](int, char**) { return 0; }), 0);
 }
 
 }  // namespace

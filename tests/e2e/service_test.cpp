@@ -36,9 +36,7 @@ TEST_F(ServiceE2eTest, MovesToTheNextPortWhenTheFirstIsTaken) {
 
 TEST_F(ServiceE2eTest, EndsWithStatusOneInEveryModeAndHoldsNoStandardStreamsAsADaemon) {
   for (const char* mode : {"-d", "-D", ""}) {
-    ServiceProcess::Options options;
-    options.mode = mode;
-    ASSERT_TRUE(service.Start(options));
+    ASSERT_TRUE(service.Start(mode));
     TestClient client(service);
     client.Introduce();
     for (const char* stream : {"0", "1", "2"}) {

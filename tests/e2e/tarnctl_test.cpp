@@ -1,20 +1,23 @@
 #include <csignal>
 #include <fstream>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include "tests/support/service/run_program.h"
 #include "tests/support/service/service_process.h"
-#include "tests/support/service/test_client.h"
+#include "tests/support/service/wait.h"
 
 namespace tarn::test {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::StartsWith;
 
-bool CanMount() {
-  return ::access("/dev/fuse", R_OK | W_OK) == 0;
-}
+struct Ran {
+  int status;
+  std::string output;
+};
 
 // tarnctl in an installation of its own; the service is started and ended by it.
 class TarnctlTest : public testing::Test {
@@ -22,14 +25,15 @@ class TarnctlTest : public testing::Test {
   void TearDown() override { EXPECT_EQ(Run({"down"}).status, 0); }
   Ran Run(std::vector<std::string> arguments) const {
     arguments.insert(arguments.begin(), service.Program("tarnctl"));
-    return RunProgram(arguments, home.Path(), home.Path());
+    RunningProgram program(arguments, home.Path());
+    const int status = program.WaitForEnd();
+    return {status, program.Output()};
   }
   std::vector<pid_t> Services() const {
     std::vector<pid_t> found;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
       std::error_code failed;
-      const fs::path program = fs::read_symlink(entry.path() / "exe", failed);
-      if (!failed && program == service.Program("tarnsvc")) {
+      if (fs::read_symlink(entry.path() / "exe", failed) == service.Program("tarnsvc")) {
         found.push_back(std::atoi(entry.path().filename().c_str()));
       }
     }
@@ -45,7 +49,7 @@ TEST_F(TarnctlTest, ServiceIsStartedAsADaemonAndEnded) {
   EXPECT_EQ(Run({"down"}).status, 0);
   const Ran up = Run({"up"});
   ASSERT_EQ(up.status, 0) << up.output;
-  EXPECT_NE(up.output.find(std::to_string(service.Port())), std::string::npos) << up.output;
+  EXPECT_THAT(up.output, HasSubstr(std::to_string(service.Port())));
 
   const std::vector<pid_t> running = Services();
   ASSERT_EQ(running.size(), 1U);
@@ -72,22 +76,26 @@ TEST_F(TarnctlTest, ServiceThatCannotStartIsReportedAtOnce) {
   fs::remove(service.Program("tarnsvc"));
   const Ran missing = Run({"up"});
   EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(missing.output.find("No such file"), std::string::npos) << missing.output;
+  EXPECT_THAT(missing.output, HasSubstr("No such file"));
   fs::copy("/bin/false", service.Program("tarnsvc"));
   const Ran ended = Run({"up"});
   EXPECT_EQ(ended.status, 1);
-  EXPECT_NE(ended.output.find("right after its start"), std::string::npos) << ended.output;
+  EXPECT_THAT(ended.output, HasSubstr("right after its start"));
 }
 
 TEST_F(TarnctlTest, DriveIsMountedWatchedAndUnmounted) {
-  if (!CanMount()) {
+  if (::access("/dev/fuse", R_OK | W_OK) != 0) {
     GTEST_SKIP() << "no /dev/fuse";
   }
   const fs::path folder = home.MakeFolder("back ing");
   const fs::path mount_point = home.MakeFolder("drive");
   std::ofstream(folder / "before") << "x";
   ASSERT_EQ(Run({"up"}).status, 0);
-  RunningProgram watch({service.Program("tarnctl"), "watch"}, home.Path(), home.Path());
+  RunningProgram watch({service.Program("tarnctl"), "watch"}, home.Path());
+  const fs::path socket = "/proc/" + std::to_string(watch.Pid()) + "/fd/3";
+  std::error_code failed;
+  ASSERT_TRUE(
+      WaitUntil([&] { return fs::read_symlink(socket, failed).string().starts_with("socket:"); }));
   // A relative folder and mount point are meant from where the user stands.
   const Ran mounted = Run({"mount", "local", "back ing", "drive", "--label", "My drive"});
   ASSERT_EQ(mounted.status, 0) << mounted.output;
@@ -101,28 +109,25 @@ TEST_F(TarnctlTest, DriveIsMountedWatchedAndUnmounted) {
   EXPECT_TRUE(fs::exists(folder / "new"));
   EXPECT_FALSE(fs::exists(mount_point / "new"));
   EXPECT_TRUE(watch.WaitForOutput("disconnected " + mount_point.string())) << watch.Output();
-  watch.Signal(SIGTERM);
+  ASSERT_EQ(::kill(watch.Pid(), SIGTERM), 0);
   EXPECT_EQ(watch.WaitForEnd(), 0);
 }
 
 TEST_F(TarnctlTest, FailuresSayWhyAndGiveTheCode) {
   ASSERT_EQ(Run({"up"}).status, 0);
   const fs::path mount_point = home.MakeFolder("drive");
-  struct Case {
-    std::vector<std::string> arguments;
-    int code;
+  const std::pair<std::vector<std::string>, int> cases[] = {
+      {{"mount", "nosuchtype", "/x", mount_point}, -1},
+      {{"mount", "local", "/none", mount_point}, 12},
+      {{"mount", "local", home.Path(), "/proc/version"}, -5},
+      {{"unmount", mount_point}, -1},
+      {{"speed-limit", "0", mount_point}, -1},
   };
-  for (const Case& wanted : {
-           Case{{"--json", "mount", "nosuchtype", "/x", mount_point}, -1},
-           Case{{"--json", "mount", "local", "/none", mount_point}, 12},
-           Case{{"--json", "mount", "local", home.Path(), "/proc/version"}, -5},
-           Case{{"--json", "unmount", mount_point}, -1},
-           Case{{"--json", "speed-limit", "0", mount_point}, -1},
-       }) {
-    const Ran ran = Run(wanted.arguments);
+  for (auto [arguments, code] : cases) {
+    arguments.insert(arguments.begin(), "--json");
+    const Ran ran = Run(arguments);
     EXPECT_EQ(ran.status, 1);
-    EXPECT_EQ(ran.output.find(R"({"error":{"code":)" + std::to_string(wanted.code) + ","), 0U)
-        << ran.output;
+    EXPECT_THAT(ran.output, StartsWith(R"({"error":{"code":)" + std::to_string(code) + ","));
   }
   EXPECT_EQ(Run({"unmount"}).status, 2);
   EXPECT_EQ(Run({"mount", "local"}).status, 2);

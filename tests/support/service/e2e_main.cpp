@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <gmock/gmock.h>
 #include <string_view>
 
@@ -10,19 +11,13 @@ int RunTests(int count, char** texts) {
   return RUN_ALL_TESTS();
 }
 
-bool OnlyListsTests(int count, char** texts) {
-  for (int i = 1; i < count; ++i) {
-    if (std::string_view(texts[i]).starts_with("--gtest_list_tests")) {
-      return true;
-    }
-  }
-  return false;
-}
-
 }  // namespace
 
 int main(int count, char** texts) {
-  if (OnlyListsTests(count, texts)) {
+  const bool only_lists = std::any_of(texts, texts + count, [](const char* text) {
+    return std::string_view(text).starts_with("--gtest_list_tests");
+  });
+  if (only_lists) {
     return RunTests(count, texts);
   }
   tarn::test::RunIsolated(RunTests, count, texts);

@@ -14,29 +14,35 @@
 
 namespace tarn::test {
 
-RunningProgram::RunningProgram(const std::vector<std::string>& arguments,
-                               const std::filesystem::path& home,
-                               const std::filesystem::path& folder) {
+pid_t Spawn(const std::vector<std::string>& arguments, const std::filesystem::path& home,
+            const std::filesystem::path& folder, int output) {
   std::vector<char*> pointers;
-  pointers.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     pointers.push_back(const_cast<char*>(argument.c_str()));  // execvp changes nothing
   }
   pointers.push_back(nullptr);
-  std::array<int, 2> ends{};
-  EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-  reader.reset(ends[0]);
-  const UniqueFd writer(ends[1]);
-  pid = ::fork();
+  const UniqueFd input = OpenFile("/dev/null", O_RDONLY);
+  const pid_t pid = ::fork();
   if (pid == 0) {
-    const bool is_ready = ::dup2(writer.get(), 1) >= 0 && ::dup2(writer.get(), 2) >= 0 &&
-                          ::chdir(folder.c_str()) == 0 && ::setenv("HOME", home.c_str(), 1) == 0;
+    const bool is_ready = ::dup2(input.get(), 0) >= 0 && ::dup2(output, 1) >= 0 &&
+                          ::dup2(output, 2) >= 0 && ::chdir(folder.c_str()) == 0 &&
+                          ::setenv("HOME", home.c_str(), 1) == 0;
     if (is_ready) {
       ::execvp(pointers[0], pointers.data());
     }
     ::_exit(127);
   }
   EXPECT_GT(pid, 0);
+  return pid;
+}
+
+RunningProgram::RunningProgram(const std::vector<std::string>& arguments,
+                               const std::filesystem::path& home) {
+  std::array<int, 2> ends{};
+  EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+  reader.reset(ends[0]);
+  const UniqueFd writer(ends[1]);
+  pid = Spawn(arguments, home, home, writer.get());
 }
 
 RunningProgram::~RunningProgram() {
@@ -59,12 +65,11 @@ bool RunningProgram::ReadSome() {
 }
 
 bool RunningProgram::WaitForOutput(const std::string& text) {
-  while (output.find(text) == std::string::npos) {
-    if (!ReadSome()) {
-      return false;
-    }
+  bool is_there = output.find(text) != std::string::npos;
+  while (!is_there && ReadSome()) {
+    is_there = output.find(text) != std::string::npos;
   }
-  return true;
+  return is_there;
 }
 
 int RunningProgram::WaitForEnd() {
@@ -76,19 +81,7 @@ int RunningProgram::WaitForEnd() {
     return -1;
   }
   pid = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-void RunningProgram::Signal(int signal) const {
-  ASSERT_GT(pid, 0);
-  ASSERT_EQ(::kill(pid, signal), 0);
-}
-
-Ran RunProgram(const std::vector<std::string>& arguments, const std::filesystem::path& home,
-               const std::filesystem::path& folder) {
-  RunningProgram program(arguments, home, folder);
-  const int status = program.WaitForEnd();
-  return {status, program.Output()};
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace tarn::test

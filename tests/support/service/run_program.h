@@ -2,19 +2,24 @@
 
 #include <filesystem>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "common/unique_fd.h"
 
 namespace tarn::test {
 
-// A program that a test runs beside itself, with its standard output and error in one pipe. The
+// Starts a program, found in PATH, with no input and its output and errors in `output`, and returns
+// its process id. `home` becomes HOME.
+[[nodiscard]] pid_t Spawn(const std::vector<std::string>& arguments,
+                          const std::filesystem::path& home, const std::filesystem::path& folder,
+                          int output);
+
+// A program that a test runs beside itself, in `home`, with its output and errors in one pipe. The
 // destructor ends it with SIGKILL if it still runs, and reaps it.
 class RunningProgram {
  public:
-  // arguments[0] is looked up in PATH. `home` becomes HOME; the working folder is `folder`.
-  RunningProgram(const std::vector<std::string>& arguments, const std::filesystem::path& home,
-                 const std::filesystem::path& folder);
+  RunningProgram(const std::vector<std::string>& arguments, const std::filesystem::path& home);
   ~RunningProgram();
   RunningProgram(const RunningProgram&) = delete;
   RunningProgram& operator=(const RunningProgram&) = delete;
@@ -22,11 +27,11 @@ class RunningProgram {
   // Reads on until the output holds `text`. False when it ended, or nothing came, before.
   [[nodiscard]] bool WaitForOutput(const std::string& text);
 
-  // Waits for its end. The exit status; 128 + the signal's number for one that was killed; -1, with
-  // a failed expectation, for one that does not end.
+  // Waits for its end. The exit status; -1 for one that was killed or, with a failed expectation,
+  // does not end.
   [[nodiscard]] int WaitForEnd();
 
-  void Signal(int signal) const;
+  [[nodiscard]] pid_t Pid() const { return pid; }
   [[nodiscard]] const std::string& Output() const { return output; }
 
  private:
@@ -36,15 +41,5 @@ class RunningProgram {
   UniqueFd reader;
   std::string output;
 };
-
-struct Ran {
-  int status;
-  std::string output;
-};
-
-// Runs a program to its end.
-[[nodiscard]] Ran RunProgram(const std::vector<std::string>& arguments,
-                             const std::filesystem::path& home,
-                             const std::filesystem::path& folder);
 
 }  // namespace tarn::test

@@ -12,9 +12,8 @@
 
 #include "common/posix.h"
 #include "tarnctl/launch.h"
+#include "tests/support/service/run_program.h"
 #include "tests/support/service/wait.h"
-
-extern char** environ;
 
 namespace tarn::test {
 
@@ -25,50 +24,9 @@ namespace fs = std::filesystem;
 constexpr std::chrono::seconds kTimeToStart{60};  // a sanitizer's build on a busy machine
 constexpr std::chrono::seconds kTimeToEnd{30};
 
-void CopyOrLink(const fs::path& from, const fs::path& to) {
-  std::error_code failed;
-  fs::create_hard_link(from, to, failed);
-  if (failed) {
-    fs::copy_file(from, to);
-  }
-}
-
-void CopyFiles(const fs::path& from, const fs::path& to) {
-  fs::create_directories(to);
-  for (const fs::directory_entry& entry : fs::directory_iterator(from)) {
-    if (entry.is_regular_file()) {
-      CopyOrLink(entry.path(), to / entry.path().filename());
-    }
-  }
-}
-
 std::string FileContent(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-std::vector<std::string> Environment(const fs::path& home, const ServiceProcess::Options& options) {
-  std::vector<std::string> texts;
-  for (char** text = environ; *text != nullptr; ++text) {
-    if (!std::string_view(*text).starts_with("HOME=")) {
-      texts.emplace_back(*text);
-    }
-  }
-  texts.push_back("HOME=" + home.string());
-  for (const auto& [name, value] : options.environment) {
-    texts.push_back(std::string(name).append("=").append(value));
-  }
-  return texts;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  pointers.reserve(texts.size() + 1);
-  for (std::string& text : texts) {
-    pointers.push_back(text.data());
-  }
-  pointers.push_back(nullptr);
-  return pointers;
 }
 
 // The parent of a process; 0 when there is no such process.
@@ -104,9 +62,9 @@ ServiceProcess::ServiceProcess(const TempHome& service_home)
   const fs::path build = TARN_BUILD_FOLDER;
   fs::create_directories(root / "bin");
   for (const char* name : {"tarnsvc", "tarnctl", "tarnapi.ini"}) {
-    CopyOrLink(build / "bin" / name, root / "bin" / name);
+    fs::copy(build / "bin" / name, root / "bin" / name);
   }
-  CopyFiles(build / "Frameworks", ModuleFolder());
+  fs::copy(build / "Frameworks", ModuleFolder());
   installation = InstallationIn(root / "bin", home.Path());
 }
 
@@ -123,27 +81,10 @@ fs::path ServiceProcess::ModuleFolder() const {
   return root / "Frameworks";
 }
 
-bool ServiceProcess::Start(const Options& options) {
+bool ServiceProcess::Start(const std::string& mode) {
   fs::remove(installation.PortRecord());
-  const std::string program = Program("tarnsvc");
-  const std::string folder =
-      options.working_folder.empty() ? (root / "bin").string() : options.working_folder.string();
-  std::vector<std::string> arguments{program, options.mode};
-  std::vector<std::string> variables = Environment(home.Path(), options);
-  const std::vector<char*> argument_pointers = Pointers(arguments);
-  const std::vector<char*> variable_pointers = Pointers(variables);
   const UniqueFd output = OpenFile(root / "output", O_WRONLY | O_CREAT | O_APPEND, 0600);
-  const UniqueFd input = OpenFile("/dev/null", O_RDONLY);
-  pid = ::fork();
-  if (pid == 0) {
-    const bool is_ready = ::dup2(input.get(), 0) >= 0 && ::dup2(output.get(), 1) >= 0 &&
-                          ::dup2(output.get(), 2) >= 0 && ::chdir(folder.c_str()) == 0;
-    if (is_ready) {
-      ::execve(program.c_str(), argument_pointers.data(), variable_pointers.data());
-    }
-    ::_exit(127);
-  }
-  EXPECT_GT(pid, 0);
+  pid = Spawn({Program("tarnsvc"), mode}, home.Path(), root / "bin", output.get());
   const bool answers =
       WaitUntil([&] { return Answers() || ParentOf(pid) == 0; }, kTimeToStart) && Answers();
   EXPECT_TRUE(answers) << "the service does not answer\n" << Output();

@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 #include <sys/types.h>
-#include <utility>
 #include <vector>
 
 #include "tarnctl/installation.h"
@@ -19,12 +18,6 @@ namespace tarn::test {
 // test for a process that does not end and for a sanitizer's report. One thread.
 class ServiceProcess {
  public:
-  struct Options {
-    std::string mode = "-d";
-    std::filesystem::path working_folder;                          // empty: the executable's
-    std::vector<std::pair<std::string, std::string>> environment;  // besides HOME
-  };
-
   explicit ServiceProcess(const TempHome& service_home);
   ~ServiceProcess();
   ServiceProcess(const ServiceProcess&) = delete;
@@ -32,8 +25,7 @@ class ServiceProcess {
 
   // Starts the service and waits until it has answered an "init". False, after a failed
   // expectation, when it does not. Once at a time; may be started again after it has ended.
-  [[nodiscard]] bool Start(const Options& options);
-  [[nodiscard]] bool Start() { return Start(Options()); }
+  [[nodiscard]] bool Start(const std::string& mode = "-d");
 
   // Sends a signal to the service alone.
   void Signal(int signal) const;
@@ -46,7 +38,6 @@ class ServiceProcess {
 
   [[nodiscard]] pid_t Pid() const { return pid; }
   [[nodiscard]] int Port() const { return ReadPort(installation); }
-  [[nodiscard]] const Installation& GetInstallation() const { return installation; }
   [[nodiscard]] std::filesystem::path Program(const std::string& name) const;  // in bin
   [[nodiscard]] std::filesystem::path ModuleFolder() const;
 

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/temp_folder.h"
+
 namespace tarn::test {
 
 // A home folder of the test's own, with the folders in it that the service expects. At the end it
@@ -16,7 +18,7 @@ class TempHome {
   TempHome(const TempHome&) = delete;
   TempHome& operator=(const TempHome&) = delete;
 
-  [[nodiscard]] const std::filesystem::path& Path() const { return folder; }
+  [[nodiscard]] std::filesystem::path Path() const { return folder.path(); }
   [[nodiscard]] std::filesystem::path DataFolder() const;  // of the service
   [[nodiscard]] std::filesystem::path LogFile() const;
 
@@ -24,7 +26,7 @@ class TempHome {
   [[nodiscard]] std::filesystem::path MakeFolder(const std::string& name) const;
 
  private:
-  std::filesystem::path folder;
+  TempFolder folder;
 };
 
 // The mount points at or below a folder, the deepest first.

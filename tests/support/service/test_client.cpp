@@ -2,9 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include "common/frame.h"
+
 namespace tarn::test {
 
 using Result = Client::Result;
+
+std::string Frame(const std::string& body) {
+  const FrameHeader header = EncodeFrameHeader(static_cast<std::int32_t>(body.size()));
+  return std::string(header.begin(), header.end()) + body;
+}
 
 TestClient::TestClient(int port) {
   EXPECT_TRUE(client.Connect(port, After(kPatience))) << "nothing listens at port " << port;
@@ -15,35 +22,39 @@ void TestClient::Introduce(bool wants_own_events) {
 }
 
 void TestClient::Send(const std::string& body) {
-  EXPECT_EQ(client.Send(body, After(kPatience)), Result::kOk) << body;
+  EXPECT_NE(client.Send(body, After(kPatience)), Result::kTimeout) << body;
 }
 
 void TestClient::SendBytes(const std::string& bytes) {
   EXPECT_EQ(client.SendBytes(bytes, After(kPatience)), Result::kOk);
 }
 
-std::string TestClient::Receive(std::chrono::milliseconds patience) {
+std::string TestClient::Receive() {
   std::string body;
-  EXPECT_EQ(client.Receive(body, After(patience)), Result::kOk) << "nothing came";
-  return body;
+  const Result result = client.Receive(body, After(kPatience));
+  return result == Result::kOk ? body : result == Result::kClosed ? "(closed)" : "(none)";
 }
 
-std::string TestClient::Ask(const std::string& body, std::chrono::milliseconds patience) {
+std::string TestClient::Exchange(const std::string& body) {
+  Send(body);
+  return Receive();
+}
+
+std::string TestClient::Ask(const std::string& body) {
   std::string answer;
-  EXPECT_EQ(client.Ask(Json(body.c_str()), answer, After(patience)), Result::kOk) << body;
+  EXPECT_EQ(client.Ask(Json(body.c_str()), answer, After(kPatience)), Result::kOk) << body;
   return answer;
 }
 
-int TestClient::AskForResult(const std::string& body, std::chrono::milliseconds patience) {
-  const std::string answer = Ask(body, patience);
+int TestClient::AskForResult(const std::string& body) {
+  const std::string answer = Ask(body);
   const std::optional<int> code = ResultCode(answer);
   EXPECT_TRUE(code.has_value()) << body << " was answered with " << answer;
-  constexpr int no_result = -1000;
-  return code.value_or(no_result);
+  return code.value_or(-1000);
 }
 
-Json TestClient::WaitForEvent(const std::string& method, std::chrono::milliseconds patience) {
-  const Deadline deadline = After(patience);
+Json TestClient::WaitForEvent(const std::string& method) {
+  const Deadline deadline = After(kPatience);
   Json event;
   while (client.NextEvent(event, deadline) == Result::kOk) {
     if (event.HasObject("/data/method") && std::string(event.GetObject("/data/method")) == method) {
@@ -54,19 +65,12 @@ Json TestClient::WaitForEvent(const std::string& method, std::chrono::millisecon
   return {};
 }
 
-bool TestClient::IsSilent(std::chrono::milliseconds patience) {
+bool TestClient::IsClosed() {
   std::string body;
-  return client.Receive(body, After(patience)) == Result::kTimeout;
-}
-
-bool TestClient::IsClosed(std::chrono::milliseconds patience) {
-  const Deadline deadline = After(patience);
-  std::string body;
-  Result result = Result::kOk;
-  while (result == Result::kOk) {
-    result = client.Receive(body, deadline);
-  }
-  return result == Result::kClosed;
+  do {
+    body = Receive();
+  } while (body != "(closed)" && body != "(none)");
+  return body == "(closed)";
 }
 
 std::string ConnectMessage(const std::filesystem::path& folder,

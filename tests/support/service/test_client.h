@@ -1,6 +1,6 @@
 #pragma once
 
-#include <optional>
+#include <filesystem>
 #include <string>
 
 #include "tarnctl/client.h"
@@ -8,6 +8,9 @@
 #include "tests/support/service/wait.h"
 
 namespace tarn::test {
+
+// A body with its length before it.
+[[nodiscard]] std::string Frame(const std::string& body);
 
 // A client of the service under test, with expectations instead of results. Waits up to kPatience
 // unless told otherwise. One thread.
@@ -20,31 +23,26 @@ class TestClient {
   // Introduces itself with the service's name.
   void Introduce(bool wants_own_events = false);
 
-  void Send(const std::string& body);
+  void Send(const std::string& body);        // what was closed meanwhile shows in Receive
   void SendBytes(const std::string& bytes);  // as they are, without a frame
 
-  // The body of the next frame; nothing, after a failed expectation, when none comes.
-  [[nodiscard]] std::string Receive(std::chrono::milliseconds patience = kPatience);
+  // The body of the next frame; "(closed)" at the end of the connection; "(none)" when none comes.
+  [[nodiscard]] std::string Receive();
 
-  // Sends a message and returns its answer, keeping events for NextEvent.
-  [[nodiscard]] std::string Ask(const std::string& body,
-                                std::chrono::milliseconds patience = kPatience);
+  // Sends a message and returns the next frame, whatever it is.
+  [[nodiscard]] std::string Exchange(const std::string& body);
+
+  // Sends a message and returns its answer, keeping events for WaitForEvent.
+  [[nodiscard]] std::string Ask(const std::string& body);
 
   // As Ask, for answers that are a result code.
-  [[nodiscard]] int AskForResult(const std::string& body,
-                                 std::chrono::milliseconds patience = kPatience);
+  [[nodiscard]] int AskForResult(const std::string& body);
 
   // The next event with this "/data/method", skipping others.
-  [[nodiscard]] Json WaitForEvent(const std::string& method,
-                                  std::chrono::milliseconds patience = kPatience);
-
-  // Whether nothing comes in the given time.
-  [[nodiscard]] bool IsSilent(std::chrono::milliseconds patience);
+  [[nodiscard]] Json WaitForEvent(const std::string& method);
 
   // Whether the service closes the connection, whatever else comes before.
-  [[nodiscard]] bool IsClosed(std::chrono::milliseconds patience = kPatience);
-
-  Client& GetClient() { return client; }
+  [[nodiscard]] bool IsClosed();
 
  private:
   Client client;

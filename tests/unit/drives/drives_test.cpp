@@ -12,13 +12,20 @@
 #include "tarnsvc/TCPServer.h"
 #include "tarnsvc/main.h"
 #include "tests/support/service/service_process.h"
+#include "tests/support/service/test_client.h"
+#include "tests/support/service/wait.h"
 #include "tests/support/temp_folder.h"
-#include "tests/unit/service/client.h"
 
 namespace tarn {
 namespace {
 
 using std::chrono::steady_clock;
+using test::DriveMessage;
+using test::TestClient;
+using test::WaitUntil;
+
+constexpr char kList[] = R"({"cmd":"get_drive_list"})";
+constexpr char kNoDrives[] = R"({"cmd":"get_drive_list", "drives": []})";
 
 std::string Result(int code) {
   return R"({"cmd":"result","error":)" + std::to_string(code) + "}";
@@ -45,7 +52,7 @@ class DrivesTest : public testing::Test {
   }
 
   void TearDown() override {
-    test::Client client(port);
+    TestClient client(port);
     client.Send(R"({"cmd":"disconnect_all"})");
     EXPECT_NE(client.Receive(), "(closed)");
     ExpectNothingLeft();
@@ -57,12 +64,8 @@ class DrivesTest : public testing::Test {
     return R"({"cmd":")" + cmd + R"(","data":{"type":"t","label":")" + label + R"(","drive":")" +
            drive + R"(","option":0}})";
   }
-  static std::string Command(const std::string& cmd, const std::string& drive) {
-    return R"({"cmd":")" + cmd + R"(","data":{"drive":")" + drive + "\"}}";
-  }
-
-  static void Mount(test::Client& client, const std::string& drive, const std::string& label) {
-    EXPECT_EQ(client.Ask(Connect(drive, label)), Result(0));
+  static void Mount(TestClient& client, const std::string& drive, const std::string& label) {
+    EXPECT_EQ(client.Exchange(Connect(drive, label)), Result(0));
     EXPECT_EQ(client.Receive(), DriveEvent(drive, "connected"));
   }
 
@@ -76,27 +79,16 @@ class DrivesTest : public testing::Test {
   }
 
   // The list is empty, soon.
-  static void ExpectNoDrives(test::Client& client) {
-    const std::string none = R"({"cmd":"get_drive_list", "drives": []})";
-    const auto deadline = steady_clock::now() + std::chrono::seconds(5);
-    while (client.Ask(R"({"cmd":"get_drive_list"})") != none) {
-      ASSERT_LT(steady_clock::now(), deadline);
-    }
+  static void ExpectNoDrives(TestClient& client) {
+    EXPECT_TRUE(WaitUntil([&] { return client.Exchange(kList) == kNoDrives; }));
   }
 
   // No child process (the waiting threads reap them) and no FIFO, soon.
   static void ExpectNothingLeft() {
-    const auto deadline = steady_clock::now() + std::chrono::seconds(10);
-    std::string left;
-    do {
-      left = Fifos();
-      siginfo_t child = {};
-      if (::waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) == 0) {
-        left += " a process";
-      }
-      ::usleep(10000);
-    } while (!left.empty() && steady_clock::now() < deadline);
-    EXPECT_EQ(left, "");
+    siginfo_t child = {};
+    EXPECT_TRUE(WaitUntil([&] {
+      return Fifos().empty() && ::waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0;
+    })) << Fifos();
   }
 
   const test::TempFolder folder;
@@ -106,7 +98,7 @@ class DrivesTest : public testing::Test {
 int DrivesTest::port = -1;
 
 TEST_F(DrivesTest, AFailedMountTellsItsCodeAtOnceAndLeavesNothing) {
-  test::Client client(port);
+  TestClient client(port);
   for (const auto& [label, code] : {std::pair{"at-start", -6},
                                     {"connected", -6},
                                     {"asking", -6},
@@ -114,82 +106,78 @@ TEST_F(DrivesTest, AFailedMountTellsItsCodeAtOnceAndLeavesNothing) {
                                     {"no-result", -6},
                                     {"refuses", 12}}) {
     const auto begin = steady_clock::now();
-    EXPECT_EQ(client.Ask(Connect("/d", label)), Result(code)) << label;
+    EXPECT_EQ(client.Exchange(Connect("/d", label)), Result(code)) << label;
     EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(1)) << label;
   }
   std::filesystem::remove("tarnsvc");
-  EXPECT_EQ(client.Ask(Connect("/d", "no-program")), Result(-6));
+  EXPECT_EQ(client.Exchange(Connect("/d", "no-program")), Result(-6));
   std::filesystem::create_directories(folder.path() / std::string(250, 'd'));
   std::filesystem::current_path(folder.path() / std::string(250, 'd'));
-  EXPECT_EQ(client.Ask(Connect("/d", "path-too-long")), Result(-6));
-  client.Settle();
+  EXPECT_EQ(client.Exchange(Connect("/d", "path-too-long")), Result(-6));
+  EXPECT_EQ(client.Exchange(kList), kNoDrives);
 }
 
 TEST_F(DrivesTest, RelaysBringBackWhatTheDriveAnswers) {
-  test::Client client(port);
+  TestClient client(port);
+  const std::string drive = "/d\"1";
   Mount(client, "/d\\\"1", "d");
-  EXPECT_EQ(client.Ask(R"({"cmd":"get_drive_list"})"),
-            R"({"cmd":"get_drive_list", "drives": ["/d\"1"]})");
-  const std::string drive = "/d\\\"1";
-  EXPECT_EQ(client.Ask(Command("get_username", drive)),
+  EXPECT_EQ(client.Exchange(kList), R"({"cmd":"get_drive_list", "drives": ["/d\"1"]})");
+  EXPECT_EQ(client.Exchange(DriveMessage("get_username", drive)),
             R"({"cmd":"result_username","result":"who"})");
-  EXPECT_EQ(client.Ask(Command("spindle_add_protocol", drive)),
+  EXPECT_EQ(client.Exchange(DriveMessage("spindle_add_protocol", drive)),
             R"({"cmd":"fs_event","data":{"from":"d"}})");
   EXPECT_EQ(client.Receive(), Result(7));
-  EXPECT_EQ(client.Ask(Command("set_size", drive)), Result(-1));
-  EXPECT_EQ(client.Ask(Command("set_speedlimit", drive)), Result(-1));
-  EXPECT_EQ(client.Ask(Command("set_size", "/unknown")), Result(-1));
-  EXPECT_EQ(client.Ask(Command("get_username", "/unknown")), "");
-  EXPECT_EQ(client.Ask(Command("disconnect", "/unknown")), Result(-1));
-}
-
-TEST_F(DrivesTest, TheDriveGetsTheRequestWithTheCallbackMode) {
-  test::Client client(port);
-  Mount(client, "/a", "a");
-  EXPECT_NE(client.Ask(Command("get_credential", "/a")).find(R"("callback":0)"), std::string::npos);
-  EXPECT_EQ(client.Ask(R"({"cmd":"set_callback","data":{"global":0}})"), Result(0));
-  EXPECT_EQ(client.Ask(Connect("/b", "b", "spindle_mount")), Result(0));
+  EXPECT_EQ(client.Exchange(DriveMessage("set_size", drive)), Result(-1));
+  EXPECT_EQ(client.Exchange(DriveMessage("set_speedlimit", drive)), Result(-1));
+  for (const char* command : {"set_size", "disconnect"}) {
+    EXPECT_EQ(client.Exchange(DriveMessage(command, "/unknown")), Result(-1));
+  }
+  EXPECT_EQ(client.Exchange(DriveMessage("get_username", "/unknown")), "");
+  // What the drive was asked to mount, with the way its events are to go.
+  const std::string info = client.Exchange(DriveMessage("get_credential", drive));
+  EXPECT_NE(info.find(R"("callback":0)"), std::string::npos);
+  EXPECT_EQ(client.Exchange(R"({"cmd":"set_callback","data":{"global":0}})"), Result(0));
+  EXPECT_EQ(client.Exchange(Connect("/b", "b", "spindle_mount")), Result(0));
   EXPECT_EQ(client.Receive(), DriveEvent("/b", "connected"));
-  const std::string info = client.Ask(Command("get_credential", "/b"));
-  EXPECT_NE(info.find(R"("callback":1)"), std::string::npos);
-  EXPECT_NE(info.find(R"("cmd":"spindle_mount")"), std::string::npos);
+  const std::string spindle = client.Exchange(DriveMessage("get_credential", "/b"));
+  EXPECT_NE(spindle.find(R"("callback":1)"), std::string::npos);
+  EXPECT_NE(spindle.find(R"("cmd":"spindle_mount")"), std::string::npos);
 }
 
 TEST_F(DrivesTest, AnyClientUnmountsAndEventsOfTheUnmountStillArrive) {
-  test::Client owner(port);
-  test::Client other(port);
-  test::Client all(port);
-  EXPECT_EQ(all.Ask(R"({"cmd":"set_callback","data":{"global":1}})"), Result(0));
+  TestClient owner(port);
+  TestClient other(port);
+  TestClient all(port);
+  EXPECT_EQ(all.Exchange(R"({"cmd":"set_callback","data":{"global":1}})"), Result(0));
   Mount(owner, "/d", "d");
   EXPECT_EQ(all.Receive(), DriveEvent("/d", "connected"));
-  EXPECT_EQ(other.Ask(Command("disconnect", "/d")), Result(0));
+  EXPECT_EQ(other.Exchange(DriveMessage("disconnect", "/d")), Result(0));
   EXPECT_EQ(other.Receive(), DriveEvent("/d", "disconnected"));
   std::vector<std::string> heard = {all.Receive(), all.Receive()};
   std::sort(heard.begin(), heard.end());
   EXPECT_EQ(heard, (std::vector<std::string>{DriveEvent("/d", "disconnected"),
                                              R"({"cmd":"fs_event","data":{"method":"last"}})"}));
   EXPECT_EQ(owner.Receive(), R"({"cmd":"fs_event","data":{"method":"last"}})");
-  owner.Settle();
+  EXPECT_EQ(owner.Exchange(kList), kNoDrives);
 }
 
 TEST_F(DrivesTest, ARefusedUnmountLeavesTheDriveListed) {
-  test::Client client(port);
+  TestClient client(port);
   Mount(client, "/d", "stays");
-  client.Send(Command("disconnect", "/d"));
+  client.Send(DriveMessage("disconnect", "/d"));
   std::vector<std::string> heard = {client.Receive(), client.Receive()};
   EXPECT_NE(std::find(heard.begin(), heard.end(), Result(5)), heard.end());
-  EXPECT_EQ(client.Ask(R"({"cmd":"get_drive_list"})"),
-            R"({"cmd":"get_drive_list", "drives": ["/d"]})");
-  EXPECT_EQ(client.Ask(Command("get_username", "/d")),
+  EXPECT_EQ(client.Exchange(kList), R"({"cmd":"get_drive_list", "drives": ["/d"]})");
+  EXPECT_EQ(client.Exchange(DriveMessage("get_username", "/d")),
             R"({"cmd":"result_username","result":"who"})");
 }
 
 TEST_F(DrivesTest, ADriveThatDiesIsReportedOnceAndForgotten) {
-  test::Client client(port);
+  TestClient client(port);
   const std::string unexpected =
       R"({"cmd":"fs_event","data":{"drive":"/d","method":"disconnected","state":"unexpected"}})";
   Mount(client, "/d", "d");
-  client.Send(Command("set_move_folder", "/d"));
+  client.Send(DriveMessage("set_move_folder", "/d"));
   std::vector<std::string> heard = {client.Receive(), client.Receive()};
   std::sort(heard.begin(), heard.end());
   EXPECT_EQ(heard, (std::vector<std::string>{unexpected, Result(0)}));
@@ -197,38 +185,38 @@ TEST_F(DrivesTest, ADriveThatDiesIsReportedOnceAndForgotten) {
   ExpectNothingLeft();
   Mount(client, "/d", "ghost");
   EXPECT_EQ(client.Receive(), unexpected);
-  EXPECT_EQ(client.Ask(Command("disconnect", "/d")), Result(-1));
+  EXPECT_EQ(client.Exchange(DriveMessage("disconnect", "/d")), Result(-1));
 }
 
 TEST_F(DrivesTest, OneResultMoreForAMountByASizeProvider) {
-  test::Client client(port);
-  EXPECT_EQ(client.Ask(R"({"cmd":"set_drivesize_callback"})"), Result(0));
+  TestClient client(port);
+  EXPECT_EQ(client.Exchange(R"({"cmd":"set_drivesize_callback"})"), Result(0));
   Mount(client, "/d", "d");
   EXPECT_EQ(client.Receive(), Result(0));
-  EXPECT_EQ(client.Ask(Connect("/e", "refuses")), Result(12));
+  EXPECT_EQ(client.Exchange(Connect("/e", "refuses")), Result(12));
   EXPECT_EQ(client.Receive(), Result(0));
 }
 
 TEST_F(DrivesTest, QuotaQuestionsGoToTheOwnerAndItsAnswerToTheDrive) {
-  auto owner = std::make_unique<test::Client>(port);
-  test::Client other(port);
+  auto owner = std::make_unique<TestClient>(port);
+  TestClient other(port);
   Mount(*owner, "/d", "d");
-  other.Send(Command("spindle_remove_protocol", "/d"));
+  other.Send(DriveMessage("spindle_remove_protocol", "/d"));
   EXPECT_EQ(owner->Receive(), R"({"cmd":"request_quota","data":{"drive":"/d"}})");
   owner->Send(R"({"cmd":"result_quota","error":1,"data":{"total":41,"free":2}})");
   EXPECT_EQ(other.Receive(), Result(42));
-  other.Send(Command("spindle_remove_protocol", "/d"));
+  other.Send(DriveMessage("spindle_remove_protocol", "/d"));
   EXPECT_EQ(owner->Receive(), R"({"cmd":"request_quota","data":{"drive":"/d"}})");
   owner.reset();
   EXPECT_EQ(other.Receive(), Result(-1));
 }
 
 TEST_F(DrivesTest, AnOwnerThatNeverAnswersHoldsUpNobodyElse) {
-  test::Client owner(port);
-  test::Client asking(port);
-  test::Client other(port);
+  TestClient owner(port);
+  TestClient asking(port);
+  TestClient other(port);
   Mount(owner, "/d", "d");
-  asking.Send(Command("spindle_remove_protocol", "/d"));
+  asking.Send(DriveMessage("spindle_remove_protocol", "/d"));
   EXPECT_EQ(owner.Receive(), R"({"cmd":"request_quota","data":{"drive":"/d"}})");
   const auto begin = steady_clock::now();
   ::kill(test::ChildrenOf(::getpid()).at(0), SIGKILL);
@@ -239,43 +227,38 @@ TEST_F(DrivesTest, AnOwnerThatNeverAnswersHoldsUpNobodyElse) {
 }
 
 TEST_F(DrivesTest, DisconnectAllTakesEveryDriveEvenOneThatRefuses) {
-  test::Client client(port);
-  test::Client asking(port);
+  TestClient client(port);
+  TestClient asking(port);
   Mount(client, "a1", "d");
-  Mount(client,
-        "\xC3\xA4"
-        "2",
-        "stays");
+  Mount(client, "ä2", "stays");
   Mount(client, "", "d");
   Mount(client, "b3", "d");
   // One of them dies meanwhile, and somebody else asks: neither may hold up the other.
-  asking.Send(Command("set_move_folder", "b3"));
+  asking.Send(DriveMessage("set_move_folder", "b3"));
   client.Send(R"({"cmd":"disconnect_all"})");
   std::string body;
   do {
     body = client.Receive();
   } while (body.find(R"("cmd":"fs_event")") != std::string::npos);
-  EXPECT_EQ(body.find("{\"cmd\":\"disconnect_all\",\"result\":\"a\xC3\xA4"), 0U) << body;
+  EXPECT_EQ(body.find(R"({"cmd":"disconnect_all","result":"aä)"), 0U) << body;
   EXPECT_EQ(client.Receive(), R"({"cmd":"fs_event","data":{"method":"disconnected_all"}})");
   (void)asking.Receive();
-  asking.Settle();
+  EXPECT_EQ(asking.Exchange(kList), kNoDrives);
 }
 
 TEST_F(DrivesTest, TwoDrivesOfOneNameAreReachedInOrder) {
-  test::Client client(port);
+  TestClient client(port);
   Mount(client, "/d", "first");
   Mount(client, "/d", "second");
-  EXPECT_EQ(client.Ask(Command("spindle_add_protocol", "/d")),
+  EXPECT_EQ(client.Exchange(DriveMessage("spindle_add_protocol", "/d")),
             R"({"cmd":"fs_event","data":{"from":"first"}})");
   EXPECT_EQ(client.Receive(), Result(7));
 }
 
 TEST_F(DrivesTest, AStoppingServiceWaitsForNoDrive) {
-  test::Client client(port);
+  TestClient client(port);
   client.Send(Connect("/d", "hangs"));
-  while (Fifos().find("_2_1") == std::string::npos) {
-    ::usleep(1000);
-  }
+  ASSERT_TRUE(WaitUntil([] { return Fifos().find("_2_1") != std::string::npos; }));
   const auto begin = steady_clock::now();
   ProcessStarted = false;
   EXPECT_EQ(client.Receive(), Result(-6));

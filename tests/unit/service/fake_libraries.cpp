@@ -3,34 +3,10 @@
 #include "interfaces/cache.h"
 #include "interfaces/filesystem.h"
 
-namespace tarn::test {
-
-int FakeDrive::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
-  protocols.push_back(std::move(protocol));
-  return 0;
-}
-
-int FakeDrive::GetProtocolAt(int index, std::shared_ptr<IProtocol_V2>& protocol) {
-  protocol = protocols.at(static_cast<size_t>(index));
-  return 0;
-}
-
-int FakeDrive::SetFeatures(FS_FEATURE wanted) {
-  features = wanted;
-  return 0;
-}
-
-int FakeDrive::SetEventSink(std::shared_ptr<IFSEvent> sink) {
-  event_sink = std::move(sink);
-  return 0;
-}
-
-FakeLibraries& Libraries() {
+tarn::test::FakeLibraries& tarn::test::Libraries() {
   static FakeLibraries libraries;
   return libraries;
 }
-
-}  // namespace tarn::test
 
 using tarn::test::Libraries;
 

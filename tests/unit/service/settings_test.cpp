@@ -2,8 +2,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <ostream>
 
+#include "tarnctl/installation.h"
 #include "tarnsvc/CacheFolder.h"
 #include "tarnsvc/LogSettings.h"
 #include "tarnsvc/Parent.h"
@@ -13,54 +13,51 @@
 namespace tarn {
 namespace {
 
-struct IniCase {
-  const char* what;
-  std::string file;
-  bool found;
-  std::string value;
-};
-
-void PrintTo(const IniCase& shown, std::ostream* out) {
-  *out << shown.what;
+// The service reads its settings with the one, its clients with the other.
+TEST(SettingsTest, TheFirstKeyOfTheFirstSectionCounts) {
+  const test::TempFolder folder;
+  struct Case {
+    std::string file;
+    bool found;
+    std::string value;
+  };
+  for (const Case& wanted : {
+           Case{"[SDK]\r\nNAME=tarn", true, "tarn"},
+           Case{"[sdk]\nname=Tarn\n", true, "Tarn"},
+           Case{"[SDK]\r\n  NAME  =   a b  \r\n", true, "a b  "},
+           Case{"[SDK]\nNAME=a=b\n", true, "a=b"},
+           Case{"[SDK]\nNAME=\n", true, ""},
+           Case{"[SDK]\n\nx\nNAME=1\nNAME=2\n", true, "1"},
+           Case{" [SDK]\nNAME=1\n[SDK] \nNAME=2\n", false, ""},
+           Case{"[A]\nNAME=1\n[SDK]\nNAME=2\n", true, "2"},
+           Case{"[SDK]\n\n[X]\n[SDK]\nNAME=2\n", false, ""},
+           Case{"[SDK]", false, ""},
+           Case{"[SDK]\n;NAME=1\n", false, ""},
+           Case{"[SDK]\n\tNAME=1\n", false, ""},
+       }) {
+    const std::string path = folder.Write("x.ini", wanted.file);
+    std::array<char, kPathBytes> value = {};
+    EXPECT_EQ(GetPrivateProfileString("SDK", "NAME", "", value.data(), kPathBytes, path.c_str()),
+              wanted.found)
+        << wanted.file;
+    EXPECT_EQ(value.data(), wanted.value) << wanted.file;
+    EXPECT_EQ(ReadIniValue(path, "SDK", "NAME"), wanted.value) << wanted.file;
+  }
 }
 
-class IniTest : public testing::TestWithParam<IniCase> {};
-
-TEST_P(IniTest, ReadsTheFirstKeyOfTheFirstSection) {
+TEST(SettingsTest, ValuesAreCutDefaultsFillInAndMissingFilesChangeNothing) {
   const test::TempFolder folder;
-  const std::string path = folder.Write("x.ini", GetParam().file);
-  std::array<char, kPathBytes> value = {};
-  EXPECT_EQ(GetPrivateProfileString("SDK", "NAME", "none", value.data(), kPathBytes, path.c_str()),
-            GetParam().found);
-  EXPECT_EQ(std::string(value.data()), GetParam().value);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Files, IniTest,
-    testing::Values(IniCase{"Plain", "[SDK]\r\nNAME=tarn", true, "tarn"},
-                    IniCase{"AnyCase", "[sdk]\nname=Tarn\n", true, "Tarn"},
-                    IniCase{"Blanks", "[SDK]\r\n  NAME  =   a b  \r\n", true, "a b  "},
-                    IniCase{"ValueWithEquals", "[SDK]\nNAME=a=b\n", true, "a=b"},
-                    IniCase{"EmptyValue", "[SDK]\nNAME=\n", true, ""},
-                    IniCase{"FirstWins", "[SDK]\nx\nNAME=1\nNAME=2\n", true, "1"},
-                    IniCase{"HeaderWithBlank", " [SDK]\nNAME=1\n[SDK] \nNAME=2\n", false, "none"},
-                    IniCase{"OtherSection", "[A]\nNAME=1\n[SDK]\nNAME=2\n", true, "2"},
-                    IniCase{"SectionRepeated", "[SDK]\n\n[X]\n[SDK]\nNAME=2\n", false, "none"},
-                    IniCase{"HeaderOnly", "[SDK]", false, "none"},
-                    IniCase{"NoComments", "[SDK]\n;NAME=1\n", false, "none"},
-                    IniCase{"TabIsNoSpace", "[SDK]\n\tNAME=1\n", false, "none"},
-                    IniCase{"LongLineInPieces", "[SDK]\n" + std::string(2047, 'x') + "NAME=1\n",
-                            true, "1"}),
-    [](const auto& test_case) { return test_case.param.what; });
-
-TEST(SettingsTest, ValuesAreCutToTheBufferAndMissingFilesLeaveItAlone) {
-  const test::TempFolder folder;
-  const std::string path = folder.Write("x.ini", "[S]\nK=" + std::string(1500, 'v'));
+  const std::string path = folder.Write(
+      "x.ini", "[S]\nK=" + std::string(1500, 'v') + "\n" + std::string(2047, 'x') + "L=1");
   std::array<char, 8> value = {"before"};
   EXPECT_FALSE(GetPrivateProfileString("S", "K", "d", value.data(), 8, "/nowhere/x.ini"));
   EXPECT_STREQ(value.data(), "before");
   EXPECT_TRUE(GetPrivateProfileString("S", "K", "d", value.data(), 8, path.c_str()));
   EXPECT_STREQ(value.data(), "vvvvvvv");
+  EXPECT_FALSE(GetPrivateProfileString("S", "none", "d", value.data(), 8, path.c_str()));
+  EXPECT_STREQ(value.data(), "d");
+  EXPECT_TRUE(GetPrivateProfileString("S", "L", "d", value.data(), 8, path.c_str()));
+  EXPECT_STREQ(value.data(), "1");  // of a line that is read in pieces
 }
 
 // A process with its executable and its home in a temporary folder.
@@ -88,16 +85,9 @@ TEST_F(HomeTest, FirstStartMakesTheCacheSettingsAndLaterOnesLeaveThemAlone) {
   home.Write(data + "tarncache.ini", "mine");
   Init();
   EXPECT_EQ(home.Read(data + "tarncache.ini"), "mine");
-}
-
-TEST_F(HomeTest, PortRecordIsReplacedWhole) {
-  Init();
   write_port(50123);
   write_port(7);
   EXPECT_EQ(home.Read(data + "tarnsvc.ini"), "[NET]\r\nPORT=7");
-}
-
-TEST_F(HomeTest, WithoutAServiceNameTheFilesLandInTheApplicationDataFolder) {
   std::filesystem::remove(home.path() / "bin/tarnapi.ini");
   EXPECT_EQ(ServiceName(), "");
   EXPECT_EQ(DataPath("/x"), home.path().string() + "/Library/Application Support//x");
@@ -126,14 +116,10 @@ TEST_F(HomeTest, OnlyDebugInCapitalsShowsEverything) {
   }
 }
 
-TEST(CacheFolderTest, NoLabelLeavesTheBaseFolder) {
+TEST(CacheFolderTest, IsEmptiedWithoutLeavingTheBaseFolderAndNotSharedWhileInUse) {
   EXPECT_EQ(FolderName(".."), "_");
   EXPECT_EQ(FolderName("."), "_");
   EXPECT_EQ(FolderName("../../etc"), "..:..:etc");
-  EXPECT_EQ(FolderName("My \"Disk\""), "My \"Disk\"");
-}
-
-TEST(CacheFolderTest, IsEmptiedWithoutFollowingLinksAndNotSharedWhileInUse) {
   const test::TempFolder folder;
   const std::string base = folder.path() / "cache";
   const std::string outside = folder.Write("outside/precious", "keep me");

@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <set>
 #include <unistd.h>
 
 #include "tests/support/service/run_program.h"
@@ -42,6 +44,19 @@ class TarnctlTest : public testing::Test {
   TempHome home;
   ServiceProcess service{home};
 };
+
+std::set<std::string> SocketsOf(pid_t process) {
+  std::set<std::string> sockets;
+  std::error_code gone;
+  for (int fd = 0; fd < 64; ++fd) {
+    const std::string link =
+        fs::read_symlink("/proc/" + std::to_string(process) + "/fd/" + std::to_string(fd), gone);
+    if (link.starts_with("socket:")) {
+      sockets.insert(link);
+    }
+  }
+  return sockets;
+}
 
 TEST_F(TarnctlTest, ServiceIsStartedAsADaemonAndEnded) {
   fs::remove_all(home.Path() / "Library");  // a fresh account has none
@@ -92,10 +107,12 @@ TEST_F(TarnctlTest, DriveIsMountedWatchedAndUnmounted) {
   std::ofstream(folder / "before") << "x";
   ASSERT_EQ(Run({"up"}).status, 0);
   RunningProgram watch({service.Program("tarnctl"), "watch"}, home.Path());
-  const fs::path socket = "/proc/" + std::to_string(watch.Pid()) + "/fd/3";
-  std::error_code failed;
-  ASSERT_TRUE(
-      WaitUntil([&] { return fs::read_symlink(socket, failed).string().starts_with("socket:"); }));
+  // Connected: it has a socket that it did not inherit from here.
+  const std::set<std::string> inherited = SocketsOf(::getpid());
+  ASSERT_TRUE(WaitUntil([&] {
+    const std::set<std::string> sockets = SocketsOf(watch.Pid());
+    return !std::includes(inherited.begin(), inherited.end(), sockets.begin(), sockets.end());
+  }));
   // A relative folder and mount point are meant from where the user stands.
   const Ran mounted = Run({"mount", "local", "back ing", "drive", "--label", "My drive"});
   ASSERT_EQ(mounted.status, 0) << mounted.output;

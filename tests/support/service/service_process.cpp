@@ -4,9 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,8 +23,8 @@ constexpr std::chrono::seconds kTimeToStart{60};  // a sanitizer's build on a bu
 constexpr std::chrono::seconds kTimeToEnd{30};
 
 std::string FileContent(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  std::string content;  // a process may end while it is looked at: nothing then
+  return ReadFile(path, size_t{1} << 24, content) ? content : "";
 }
 
 // The parent of a process; 0 when there is no such process.

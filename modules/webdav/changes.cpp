@@ -21,18 +21,6 @@ Answer Change(Remote& remote, const char* method, std::string url,
   return remote.Send(request);
 }
 
-int NoteEntry(void* context, const char*, const FS_INFO*) {
-  *static_cast<bool*>(context) = true;
-  return 0;
-}
-
-// SUCCESS for an empty folder.
-AERROR CheckEmpty(Remote& remote, const std::string& path) {
-  bool has_entries = false;
-  const AERROR error = List(remote, path, NoteEntry, &has_entries);
-  return error == SUCCESS && has_entries ? DIR_NOT_EMPTY : error;
-}
-
 // A multistatus answer to a change tells of parts that could not be changed.
 bool IsDone(const Answer& answer) {
   return answer.IsGood() && answer.status != 207;

@@ -1,5 +1,6 @@
 #include "modules/webdav/lookup.h"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
@@ -200,6 +201,27 @@ AERROR List(Remote& remote, const std::string& path, FS_LIST_SINK sink, void* co
     const FS_INFO info = InfoOf(entry.resource);
     if (sink(context, entry.name.c_str(), &info) == 0) {
       break;
+    }
+  }
+  return SUCCESS;
+}
+
+AERROR CheckEmpty(Remote& remote, const std::string& path) {
+  std::vector<Resource> resources;
+  Answer answer;
+  const std::string url = remote.GetLocation().FolderUrl(path);
+  const AERROR error = Find(remote, url, "1", kWantedProperties, resources, answer);
+  if (error != SUCCESS) {
+    return error;
+  }
+  const References references(answer.url);
+  for (const Resource& resource : resources) {
+    std::string name;
+    if (references.Read(resource.href, name) != References::Kind::kSelf) {
+      return DIR_NOT_EMPTY;
+    }
+    if (!resource.is_folder && resource.status == 0) {
+      return INVALID_DIRECTORY;
     }
   }
   return SUCCESS;

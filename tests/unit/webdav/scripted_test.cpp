@@ -84,6 +84,26 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
   EXPECT_THAT(log.Text(), HasSubstr("%FF%FE")) << "what is left out is told";
 }
 
+TEST_F(ScriptedTest, AFolderOfWhatListingsLeaveOutIsNotDeletedAndAChangeIsNotLedElsewhere) {
+  std::atomic<int> deleted{0};
+  Serve([&](const Request& request) {
+    if (request.method == "DELETE") {
+      ++deleted;
+      return Reply{.bytes =
+                       "HTTP/1.1 303 See Other\r\nLocation: /login\r\n"
+                       "Content-Length: 0\r\n\r\n"};
+    }
+    return Reply{.bytes = MultistatusAnswer(
+                     DavResponse("/d/", kDavFolder) +
+                     DavResponse("/d/%FF%FE", "<D:getcontentlength>1</D:getcontentlength>"))};
+  });
+  EXPECT_THAT(Names("/d"), ElementsAre());
+  EXPECT_EQ(protocol->DeleteFolder("/d"), DIR_NOT_EMPTY);
+  EXPECT_EQ(deleted, 0);
+  EXPECT_NE(protocol->DeleteFile("/f"), SUCCESS);
+  EXPECT_EQ(deleted, 1);
+}
+
 TEST_F(ScriptedTest, RedirectsAreFollowedAndTheDriveMovesToAnAddressOnTheSameHost) {
   ScriptedServer target([](const Request& request) {
     return Reply{.bytes = request.method == "PROPFIND"

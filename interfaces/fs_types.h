@@ -52,4 +52,5 @@ enum FS_CAPABILITY : unsigned long long {
   FS_CAN_SET_TIME = 0x1,         // SetModifiedTime, and FS_SOURCE::modified is stored
   FS_CAN_REPLACE_VERSION = 0x2,  // honours FS_SOURCE::replaces
   FS_HAS_SIZE = 0x4,             // GetSize answers
+  FS_CAN_READ_VERSION = 0x8,     // ReadVersion
 };

@@ -42,7 +42,12 @@ struct IProtocol_V2 : IRefObject {
   virtual AERROR GetIdentity(char* buffer, int* length) = 0;
   virtual AERROR Cancel() = 0;                       // 14: running transfers fail soon
   virtual unsigned long long GetCapabilities() = 0;  // 15: FS_CAPABILITY bits
-  virtual void Reserved16() = 0;
+  // 16: as Read, but bytes of this version of the file only, a text that GetInfo or List delivered.
+  // SHARING_VIOLATION, with nothing received, where the file is another by now. Called only on what
+  // has FS_CAN_READ_VERSION.
+  virtual AERROR ReadVersion(const char* path, const char* version, unsigned long long offset,
+                             void* buffer, unsigned long long length,
+                             unsigned long long* received) = 0;
   virtual int SetOption(const char* key, const char* value) = 0;  // 17
   virtual void Reserved18() = 0;
   virtual int GetCredential(char* buffer, int* length) = 0;  // 19

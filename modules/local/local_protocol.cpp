@@ -41,12 +41,28 @@ std::string MountPointOf(const char* mount_request) {
   }
 }
 
-AERROR ReadParts(const Place& place, unsigned long long offset, char* buffer,
-                 unsigned long long length, Throttle& throttle, unsigned long long& received) {
-  const UniqueFd file = OpenFileAt(place);
-  if (!file.valid()) {
-    return ErrorOf(errno);
+AERROR OpenToRead(const Folder& folder, const char* path, UniqueFd& file) {
+  Place place;
+  const AERROR error = folder.FindExisting(path, place);
+  if (error != SUCCESS) {
+    return error;
   }
+  if (place.kind != Kind::kFile) {
+    return ACCESS_DENIED;
+  }
+  file = OpenFileAt(place);
+  return file.valid() ? SUCCESS : ErrorOf(errno);
+}
+
+// The times count that a version otherwise need not agree on: only they tell of a file that was
+// written and then given its old time of modification.
+bool IsExactly(const UniqueFd& file, const char* version) {
+  struct stat status {};
+  return ::fstat(file.get(), &status) == 0 && std::string_view(InfoOf(status).version) == version;
+}
+
+AERROR ReadParts(const UniqueFd& file, unsigned long long offset, char* buffer,
+                 unsigned long long length, Throttle& throttle, unsigned long long& received) {
   const Throttle::Ticket ticket = throttle.Begin();
   while (received < length) {
     const auto wanted = std::min<unsigned long long>(
@@ -147,15 +163,32 @@ AERROR LocalProtocol::Read(const char* path, unsigned long long offset, void* bu
                            unsigned long long length, unsigned long long* received) {
   *received = 0;
   return WithFolder([&](const Folder& connected) {
-    Place place;
-    const AERROR error = connected.FindExisting(path, place);
-    if (error != SUCCESS) {
-      return error;
+    UniqueFd file;
+    const AERROR error = OpenToRead(connected, path, file);
+    return error != SUCCESS
+               ? error
+               : ReadParts(file, offset, static_cast<char*>(buffer), length, throttle, *received);
+  });
+}
+
+AERROR LocalProtocol::ReadVersion(const char* path, const char* version, unsigned long long offset,
+                                  void* buffer, unsigned long long length,
+                                  unsigned long long* received) {
+  *received = 0;
+  return WithFolder([&](const Folder& connected) {
+    UniqueFd file;
+    AERROR error = OpenToRead(connected, path, file);
+    if (error == SUCCESS && !IsExactly(file, version)) {
+      error = SHARING_VIOLATION;
     }
-    if (place.kind != Kind::kFile) {
-      return ACCESS_DENIED;
+    if (error == SUCCESS) {
+      error = ReadParts(file, offset, static_cast<char*>(buffer), length, throttle, *received);
     }
-    return ReadParts(place, offset, static_cast<char*>(buffer), length, throttle, *received);
+    if (error == SUCCESS && !IsExactly(file, version)) {  // written to meanwhile
+      error = SHARING_VIOLATION;
+    }
+    *received = error == SUCCESS ? *received : 0;
+    return error;
   });
 }
 
@@ -200,7 +233,7 @@ AERROR LocalProtocol::Cancel() {
 }
 
 unsigned long long LocalProtocol::GetCapabilities() {
-  return FS_CAN_SET_TIME | FS_CAN_REPLACE_VERSION | FS_HAS_SIZE;
+  return FS_CAN_SET_TIME | FS_CAN_REPLACE_VERSION | FS_HAS_SIZE | FS_CAN_READ_VERSION;
 }
 
 // "ex_info" is the whole mount request as JSON text. A module with settings of its own finds them

@@ -9,9 +9,10 @@
 #include "common/hand_out.h"
 #include "common/log.h"
 #include "modules/webdav/changes.h"
+#include "modules/webdav/download.h"
 #include "modules/webdav/lookup.h"
 #include "modules/webdav/settings.h"
-#include "modules/webdav/transfer.h"
+#include "modules/webdav/upload.h"
 
 namespace tarn::webdav {
 
@@ -79,7 +80,17 @@ AERROR WebdavProtocol::Read(const char* path, unsigned long long offset, void* b
                             unsigned long long length, unsigned long long* received) {
   *received = 0;
   return At(path, [&](Remote& connected) {
-    return webdav::Read(connected, path, offset, buffer, length, *received);
+    return webdav::Read(connected, path, {offset, static_cast<char*>(buffer), length}, *received);
+  });
+}
+
+AERROR WebdavProtocol::ReadVersion(const char* path, const char* version, unsigned long long offset,
+                                   void* buffer, unsigned long long length,
+                                   unsigned long long* received) {
+  *received = 0;
+  return At(path, [&](Remote& connected) {
+    return webdav::ReadVersion(connected, path, version,
+                               {offset, static_cast<char*>(buffer), length}, *received);
   });
 }
 
@@ -133,7 +144,7 @@ AERROR WebdavProtocol::Cancel() {
 unsigned long long WebdavProtocol::GetCapabilities() {
   const std::shared_ptr<Remote> connected = GetRemote();
   const bool tells_quota = connected != nullptr && connected->TellsQuota();
-  return FS_CAN_REPLACE_VERSION | (tells_quota ? FS_HAS_SIZE : 0ULL);
+  return FS_CAN_REPLACE_VERSION | FS_CAN_READ_VERSION | (tells_quota ? FS_HAS_SIZE : 0ULL);
 }
 
 int WebdavProtocol::SetOption(const char* key, const char* value) {

@@ -38,7 +38,8 @@ class WebdavProtocol final : public IProtocol_V2 {
   AERROR GetIdentity(char* buffer, int* length) override;
   AERROR Cancel() override;
   unsigned long long GetCapabilities() override;
-  void Reserved16() override {}
+  AERROR ReadVersion(const char* path, const char* version, unsigned long long offset, void* buffer,
+                     unsigned long long length, unsigned long long* received) override;
   int SetOption(const char* key, const char* value) override;
   void Reserved18() override {}
   int GetCredential(char* buffer, int* length) override;

@@ -118,10 +118,13 @@ class ModuleTest : public testing::Test {
     }
     return error;
   }
-  AERROR Get(const char* path, std::string& content) {
+  AERROR Get(const char* path, std::string& content, const char* version = nullptr) {
     content.resize(1 << 20);
     unsigned long long received = 0;
-    const AERROR error = protocol->Read(path, 0, content.data(), content.size(), &received);
+    const AERROR error =
+        version == nullptr
+            ? protocol->Read(path, 0, content.data(), content.size(), &received)
+            : protocol->ReadVersion(path, version, 0, content.data(), content.size(), &received);
     content.resize(received);
     return error;
   }

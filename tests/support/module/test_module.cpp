@@ -41,7 +41,10 @@ class TestProtocol final : public IProtocol_V2 {
   AERROR GetIdentity(char*, int*) override { return NOT_SUPPORTED; }
   AERROR Cancel() override { return SUCCESS; }
   unsigned long long GetCapabilities() override { return 0; }
-  void Reserved16() override {}
+  AERROR ReadVersion(const char*, const char*, unsigned long long, void*, unsigned long long,
+                     unsigned long long*) override {
+    return NOT_SUPPORTED;
+  }
   int SetOption(const char* key, const char* value) override {
     if (std::strcmp(key, "ask_quota") == 0) {
       long long total = -1;

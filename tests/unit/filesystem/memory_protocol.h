@@ -211,7 +211,10 @@ class MemoryProtocol : public IProtocol_V2 {
   unsigned long long GetCapabilities() override {
     return FS_CAN_SET_TIME | FS_CAN_REPLACE_VERSION | FS_HAS_SIZE;
   }
-  void Reserved16() override {}
+  AERROR ReadVersion(const char*, const char*, unsigned long long, void*, unsigned long long,
+                     unsigned long long*) override {
+    return NOT_SUPPORTED;
+  }
   int SetOption(const char* /*key*/, const char* /*value*/) override { return 0; }
   void Reserved18() override {}
   int GetCredential(char* buffer, int* length) override { return GetUserName(buffer, length); }

@@ -93,6 +93,7 @@ TEST(PositionsTest, Protocol) {
                    At<13, &P::GetIdentity>(),
                    At<14, &P::Cancel>(),
                    At<15, &P::GetCapabilities>(),
+                   At<16, &P::ReadVersion>(),
                    At<17, &P::SetOption>(),
                    At<19, &P::GetCredential>(),
                    At<20, &P::SetKeyFile>(),

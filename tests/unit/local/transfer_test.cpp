@@ -12,6 +12,16 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+bool IsOpen(const fs::path& file) {
+  std::error_code gone;  // descriptors come and go meanwhile
+  for (const auto& descriptor : fs::directory_iterator("/proc/self/fd", gone)) {
+    if (fs::read_symlink(descriptor, gone) == file) {
+      return true;
+    }
+  }
+  return false;
+}
+
 TEST_F(LocalTest, UploadReplacesAsAWholeAndTellsItsProgressOrNotAtAll) {
   files.Write("root/file", "old");
   fs::permissions(root / "file", fs::perms(0640));
@@ -45,6 +55,41 @@ TEST_F(LocalTest, UploadReplacesAsAWholeAndTellsItsProgressOrNotAtAll) {
   EXPECT_EQ(List("/").at("file").modified.seconds, time.seconds);
   EXPECT_EQ(fs::status(root / "file").permissions(), fs::perms(0640));
   EXPECT_EQ(CountFiles(root), 1U);
+}
+
+TEST_F(LocalTest, AVersionIsReadOrNothing) {
+  files.Write("root/file", "abc");
+  const std::string version = Version("/file");
+  const auto old_time = fs::last_write_time(root / "file");
+  std::string content;
+  EXPECT_EQ(Get("/file", content, version.c_str()), SUCCESS);
+  EXPECT_EQ(content, "abc");
+  const auto rewrite_with_old_time = [&] {
+    files.Write("root/file", "xyz");
+    fs::last_write_time(root / "file", old_time);
+    return Version("/file") != version;
+  };
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(20);
+  while (!rewrite_with_old_time() && Clock::now() < deadline) {  // within one tick of the clock
+  }
+  EXPECT_EQ(Get("/file", content, version.c_str()), SHARING_VIOLATION);
+  EXPECT_EQ(content, "");
+  EXPECT_EQ(Get("/gone", content, version.c_str()), FILE_NOT_FOUND);
+
+  // Written to while it is being read.
+  files.Write("root/file", std::string(1 << 20, 'x'));
+  (void)protocol->SetOption("speedlimit", "2000000");
+  const std::string before = Version("/file");
+  std::thread reading([&] {
+    std::string bytes;
+    EXPECT_EQ(Get("/file", bytes, before.c_str()), SHARING_VIOLATION);
+    EXPECT_EQ(bytes, "");
+  });
+  while (!IsOpen(root / "file") && Clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  files.Write("root/file", std::string(1 << 20, 'y'));
+  reading.join();
 }
 
 TEST_F(LocalTest, UploadReplacesOnlyTheVersionItNames) {

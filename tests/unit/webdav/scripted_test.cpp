@@ -160,6 +160,49 @@ TEST_F(ScriptedTest, ServersWithoutRangesAndWithWrongOnesAreNoticed) {
   EXPECT_EQ(received, 0U);
 }
 
+TEST_F(ScriptedTest, AVersionIsReadOrNothing) {
+  const std::string range = "Content-Range: bytes 0-2/3\r\n";
+  const std::string time = "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n";
+  const std::string made_up = "~784111777-3";
+  struct Case {
+    const char* version;
+    std::string headers;  // of the file
+    const char* listed;   // its ETag in a listing
+    AERROR result;
+    int questions;
+  };
+  Case now{};
+  Serve([&](const Request& request) {
+    return Reply{.bytes =
+                     request.method == "PROPFIND"
+                         ? FileAnswer("/f", now.listed)
+                         : HttpAnswer(now.headers.find("bytes") == std::string::npos ? 200 : 206,
+                                      "abc", now.headers)};
+  });
+  for (const Case& each : {
+           Case{"\"1\"", range + "ETag: \"1\"\r\n", "\"2\"", SUCCESS, 0},
+           Case{"\"1\"", "ETag: W/\"1\"\r\n", "\"2\"", SUCCESS, 0},
+           Case{"bare", range + "ETag: \"bare\"\r\n", "x", SUCCESS, 0},
+           Case{"\"1\"", range + "ETag: \"2\"\r\n", "\"2\"", SHARING_VIOLATION, 1},
+           Case{"\"1\"", range + "ETag: \"1-gzip\"\r\n", "\"1\"", SUCCESS, 1},
+           Case{"\"1\"", range + time, "\"1\"", SUCCESS, 1},
+           Case{"\"1\"", range + time, "\"2\"", SHARING_VIOLATION, 1},
+           Case{made_up.c_str(), range + time, "\"2\"", SUCCESS, 0},
+           Case{made_up.c_str(), time, "\"2\"", SUCCESS, 0},
+           Case{made_up.c_str(), "Content-Range: bytes 0-2/4\r\n" + time, "\"2\"",
+                SHARING_VIOLATION, 1},
+           Case{made_up.c_str(), "Content-Range: bytes 0-2/*\r\n" + time, "\"2\"",
+                SHARING_VIOLATION, 1},
+       }) {
+    now = each;
+    const int questions = server->Count("PROPFIND");
+    std::string content;
+    EXPECT_EQ(Get("/f", content, now.version), now.result) << now.version << now.headers;
+    EXPECT_EQ(content, now.result == SUCCESS ? "abc" : "") << now.version << now.headers;
+    EXPECT_EQ(server->Count("PROPFIND") - questions, now.questions) << now.version << now.headers;
+  }
+}
+
 TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMoreAndNoUploadIsSentAgain) {
   std::atomic<int> calls{0};
   Serve([&](const Request& request) {

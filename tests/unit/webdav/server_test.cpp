@@ -73,6 +73,10 @@ TEST_P(ServerTest, SomebodyElsesChangeIsNotOverwritten) {
   EXPECT_EQ(Put("/file", "mine now", theirs.c_str(), &stored), SUCCESS);
   EXPECT_EQ(server.ReadFile("file"), "mine now");
   EXPECT_TRUE(stored.empty() || stored == Version("/file")) << stored;
+  std::string content;
+  EXPECT_EQ(Get("/file", content, theirs.c_str()), SHARING_VIOLATION);
+  EXPECT_EQ(Get("/file", content, Version("/file").c_str()), SUCCESS);
+  EXPECT_EQ(content, "mine now");
   EXPECT_EQ(Put("/other", "x", first.c_str()), SHARING_VIOLATION) << "what was there is gone";
   EXPECT_EQ(Names("/"), std::vector<std::string>{"file"});
 }

@@ -1,9 +1,7 @@
-#include "modules/webdav/transfer.h"
+#include "modules/webdav/upload.h"
 
-#include <algorithm>
-#include <charconv>
-#include <cstring>
-#include <optional>
+#include <utility>
+#include <vector>
 
 #include "modules/webdav/lookup.h"
 #include "modules/webdav/results.h"
@@ -17,67 +15,6 @@ constexpr long kUploadStallLimitSeconds = 60;  // a server may need time to stor
 
 // No server has given a file this ETag.
 constexpr const char* kImpossibleEtag = "\"no-file-has-this-tag\"";
-
-// The first byte of "bytes 100-199/1000".
-std::optional<unsigned long long> StartOf(std::string_view content_range) {
-  const size_t digits = content_range.find_first_of("0123456789");
-  unsigned long long start = 0;
-  if (digits == std::string_view::npos ||
-      std::from_chars(content_range.data() + digits, content_range.data() + content_range.size(),
-                      start)
-              .ec != std::errc()) {
-    return std::nullopt;
-  }
-  return start;
-}
-
-// Puts a part of a file into a buffer, also where the server sends more than was asked for.
-class RangeSink final : public BodySink {
- public:
-  RangeSink(unsigned long long first_byte, void* target, unsigned long long length)
-      : offset(first_byte), buffer(static_cast<char*>(target)), capacity(length) {}
-
-  void Begin() override {
-    begun = false;
-    skip = 0;
-    received = 0;
-  }
-
-  Verdict Take(const Answer& head, std::string_view part) override {
-    if (!begun && !FindPlace(head)) {
-      return Verdict::kBad;
-    }
-    const auto skipped = std::min<unsigned long long>(skip, part.size());
-    skip -= skipped;
-    part.remove_prefix(skipped);
-    const auto taken = std::min<unsigned long long>(part.size(), capacity - received);
-    std::memcpy(buffer + received, part.data(), taken);
-    received += taken;
-    return taken < part.size() ? Verdict::kEnough : Verdict::kMore;
-  }
-
-  [[nodiscard]] unsigned long long Received() const { return received; }
-
- private:
-  // A server without ranges answers 200 and sends the file from its beginning.
-  bool FindPlace(const Answer& head) {
-    begun = true;
-    const std::optional<unsigned long long> start =
-        head.status == 206 ? StartOf(head.range) : std::optional<unsigned long long>(0);
-    if (!start || *start > offset) {
-      return false;
-    }
-    skip = offset - *start;
-    return true;
-  }
-
-  const unsigned long long offset;
-  char* const buffer;
-  const unsigned long long capacity;
-  bool begun = false;
-  unsigned long long skip = 0;
-  unsigned long long received = 0;
-};
 
 using Header = std::pair<std::string, std::string>;
 
@@ -161,31 +98,6 @@ AERROR PutAndLearn(Remote& remote, const std::string& path, Content& content,
 }
 
 }  // namespace
-
-AERROR Read(Remote& remote, const std::string& path, unsigned long long offset, void* buffer,
-            unsigned long long length, unsigned long long& received) {
-  received = 0;
-  if (length == 0) {
-    return SUCCESS;
-  }
-  if (offset + length - 1 < offset) {
-    return INVALID_PARAMETER;
-  }
-  RangeSink sink(offset, buffer, length);
-  Request request{.method = "GET",
-                  .url = remote.GetLocation().FileUrl(path),
-                  .headers = {{"Range", "bytes=" + std::to_string(offset) + "-" +
-                                            std::to_string(offset + length - 1)}},
-                  .sink = &sink,
-                  .counts_as_transfer = true};
-  const Answer answer = remote.Send(request);
-  if (answer.status == 416 && answer.code == CURLE_OK) {  // at or past the end
-    return SUCCESS;
-  }
-  const AERROR error = ResultOfReading(answer);
-  received = error == SUCCESS ? sink.Received() : 0;
-  return error == FAILED ? FILE_READ_FAILED : error;
-}
 
 AERROR Upload(Remote& remote, const std::string& path, Content& content) {
   content.source.version[0] = '\0';

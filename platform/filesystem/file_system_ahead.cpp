@@ -173,24 +173,4 @@ void FileSystem::FetchFileAhead(Ino folder, const std::string& name) {
   }
 }
 
-// The content of a small file is on its way while the remote is still asked whether it is what the
-// listing says; one round trip instead of two.
-std::shared_ptr<Reader> FileSystem::StartReading(Ino ino, Attributes& expected) {
-  Listings::Answer listed;
-  {
-    const MutexLock guard(lock);
-    const auto path = nodes.PathOf(ino);
-    listed = path ? listings.Find(*path, Clock::now()) : listed;
-    if (listed.known != Listings::Known::kPresent || listed.attributes.is_folder ||
-        listed.attributes.size == 0 || listed.attributes.size > kSmallFileBytes ||
-        FindOpenFile(ino) || kernel[ino].version == listed.attributes.version) {
-      return nullptr;
-    }
-  }
-  expected = listed.attributes;
-  auto reader = MakeReader(ino, expected, true);
-  reader->Begin();
-  return reader;
-}
-
 }  // namespace tarn::fs

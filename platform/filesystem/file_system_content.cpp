@@ -13,14 +13,7 @@ namespace tarn::fs {
 
 namespace {
 
-// A lookup and the open that it belongs to follow each other within this; then the open need not
-// ask again.
-constexpr std::chrono::milliseconds kSameCall{10};
 constexpr std::uint64_t kWhole = std::numeric_limits<std::uint64_t>::max();
-// The first open of a file that was fetched ahead takes what was found then, for a short time: a
-// program that goes through a folder of small files would wait for every one of them otherwise.
-constexpr std::chrono::seconds kAheadTrust{1};
-constexpr size_t kMaxRemembered = 4096;
 
 bool WantsToWrite(int flags) {
   return (flags & O_ACCMODE) != O_RDONLY;
@@ -75,28 +68,6 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
   opened = MakeHandle(file, flags);
   stat = LocalStat(*file);
   return 0;
-}
-
-int FileSystem::FindForOpen(Ino ino, Attributes& attributes) {
-  std::optional<std::string> path;
-  bool just_looked_up = false;
-  {
-    const MutexLock guard(lock);
-    path = nodes.PathOf(ino);
-    const auto looked_up = std::exchange(kernel[ino].looked_up, Clock::time_point{});
-    const auto ahead = std::exchange(kernel[ino].fetched_ahead, Clock::time_point{});
-    const auto now = Clock::now();
-    just_looked_up = looked_up + kSameCall > now || ahead + kAheadTrust > now;
-  }
-  Listings::Answer answer;
-  if (const int error = path ? Find(*path, !just_looked_up, answer) : ESTALE; error != 0) {
-    return error;
-  }
-  if (answer.known == Listings::Known::kAbsent) {
-    return ESTALE;  // the kernel looks the name up again
-  }
-  attributes = answer.attributes;
-  return attributes.is_folder ? ESTALE : 0;
 }
 
 int FileSystem::Open(Ino ino, int flags, Opened& opened) {
@@ -229,130 +200,6 @@ int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
   std::shared_ptr<WorkFile> work;
   const int error = WorkFor(file, kWhole, work);
   return error == ENOENT ? 0 : error;
-}
-
-// Asks again when the file was renamed meanwhile, because something else may be in its old place.
-struct FileSystem::RemoteContent : ReadSource {
-  RemoteContent(std::shared_ptr<FileSystem> of, Ino read, Attributes as_opened)
-      : files(std::move(of)), ino(read), attributes(std::move(as_opened)) {}
-
-  int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) override {
-    return WhereItIs([&](const std::string& path) {
-      const AERROR error =
-          files->remote.Read(attributes.protocol, path, offset, buffer, length, received);
-      files->events.Failed(FS_EVENT_READ, error, path, path);
-      return ErrnoOf(error) == ENOENT ? ESTALE : ErrnoOf(error);
-    });
-  }
-
-  int Confirm() override {
-    return WhereItIs([&](const std::string& path) {
-      Listings::Answer now;
-      if (const int error = files->Find(path, true, now); error != 0) {
-        return error;
-      }
-      const bool is_the_same = now.known == Listings::Known::kPresent &&
-                               now.attributes.version == attributes.version &&
-                               now.attributes.size == attributes.size;
-      return is_the_same ? 0 : ESTALE;
-    });
-  }
-
-  // ESTALE when there is a work file by now: what the remote has under the name may be another's.
-  template <typename Ask>
-  int WhereItIs(Ask ask) {
-    std::optional<std::string> path = Path();
-    while (path) {
-      const int error = ask(*path);
-      std::optional<std::string> path_now = Path();
-      if (path_now == path) {
-        return error;
-      }
-      path = std::move(path_now);
-    }
-    return ESTALE;
-  }
-
-  std::optional<std::string> Path() {
-    const MutexLock guard(files->lock);
-    const auto file = files->FindOpenFile(ino);
-    return file && file->work ? std::nullopt : files->nodes.PathOf(ino);
-  }
-
-  const std::shared_ptr<FileSystem> files;
-  const Ino ino;
-  const Attributes attributes;
-};
-
-std::shared_ptr<Reader> FileSystem::MakeReader(Ino ino, const Attributes& attributes,
-                                               bool is_fresh) {
-  return std::make_shared<Reader>(
-      std::make_shared<RemoteContent>(shared_from_this(), ino, attributes),
-      Reader::File{.key = std::to_string(ino),
-                   .version = attributes.version,
-                   .size = attributes.size,
-                   .is_fresh = is_fresh});
-}
-
-std::shared_ptr<Reader> FileSystem::ReaderFor(OpenFile& file) {
-  const MutexLock guard(lock);
-  if (!file.reader) {
-    file.reader = MakeReader(file.ino, file.remote, file.is_fresh);
-  }
-  return file.reader;
-}
-
-void FileSystem::DropReader(OpenFile& file) {
-  if (file.reader) {
-    file.reader->Stop();
-    file.reader.reset();
-  }
-}
-
-void FileSystem::Remember(Ino ino) {
-  const auto known = std::find(remembered.begin(), remembered.end(), ino);
-  if (known != remembered.end()) {
-    remembered.splice(remembered.begin(), remembered, known);
-    return;
-  }
-  nodes.Pin(ino);
-  remembered.push_front(ino);
-  if (remembered.size() > kMaxRemembered) {
-    const Ino oldest = remembered.back();
-    remembered.pop_back();
-    nodes.Unpin(oldest);
-    if (!nodes.Exists(oldest)) {
-      kernel.erase(oldest);
-    }
-  }
-}
-
-int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, void* buffer, size_t length,
-                     size_t& received) {
-  const auto open = GetHandle(handle);
-  if (!open) {
-    return EBADF;
-  }
-  const auto find_work = [&](std::shared_ptr<WorkFile>& work) {
-    const MutexLock guard(lock);
-    work = open->file->work;
-    return open->serial == open->file->serial;
-  };
-  std::shared_ptr<WorkFile> work;
-  if (!find_work(work)) {
-    return EIO;  // changed elsewhere since it was opened; a new open sees the change
-  }
-  int error = 0;
-  if (!work) {
-    error = ReaderFor(*open->file)->Read(offset, buffer, length, received);
-    if (!find_work(work)) {
-      return EIO;
-    }
-  }
-  if (work) {  // perhaps made meanwhile, because the remote's content was about to go
-    error = work->Read(offset, buffer, length, received);
-  }
-  return error == ESTALE ? EIO : error;
 }
 
 int FileSystem::Write(std::uint64_t handle, std::uint64_t offset, const void* data, size_t length,

@@ -19,6 +19,7 @@ namespace tarn::fs {
 namespace {
 
 constexpr int kMaxThreads = 128;  // so that calls that wait for a slow remote leave room for others
+constexpr std::chrono::seconds kTimeToGreet{10};
 constexpr int kMaxFollowers = 8;  // more than these end when they have nothing to do
 
 // In an option list "," and "\" are special.
@@ -101,8 +102,18 @@ bool FuseLoop::Start(const std::string& mount_point, const std::string& label) {
   const int fd = fuse_session_fd(session);
   (void)::fcntl(fd, F_SETFD, FD_CLOEXEC);
   (void)::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+  const auto deadline = Clock::now() + kTimeToGreet;
   const MutexLock guard(lock);
-  return StartThread();
+  const bool serves = StartThread();
+  while (serves && !ready && !ended && changed.wait_until(lock, deadline)) {
+  }
+  return ready;
+}
+
+void FuseLoop::SetReady() {
+  const MutexLock guard(lock);
+  ready = true;
+  changed.notify_all();
 }
 
 bool FuseLoop::StartThread() {

@@ -31,9 +31,11 @@ class FuseLoop : public std::enable_shared_from_this<FuseLoop> {
   FuseLoop(const FuseLoop&) = delete;
   FuseLoop& operator=(const FuseLoop&) = delete;
 
-  // Mounts at `mount_point` under the name `label` and starts to serve.
+  // Mounts at `mount_point` under the name `label` and starts to serve: returns once the kernel and
+  // the volume have greeted each other, false where they do not within 10 s.
   [[nodiscard]] bool Start(const std::string& mount_point, const std::string& label);
 
+  void SetReady();  // the kernel has greeted
   void Stop();
   // Until the kernel has ended the connection, or Stop.
   void WaitEnded();
@@ -59,9 +61,10 @@ class FuseLoop : public std::enable_shared_from_this<FuseLoop> {
   UniqueFd wake_writer;
 
   Mutex lock;
-  CondVar changed;                         // ended, or a thread less
+  CondVar changed;                         // ready, ended, or a thread less
   CondVar may_lead;                        // nobody leads any more
   bool led TARN_GUARDED_BY(lock) = false;  // a thread waits for the kernel
+  bool ready TARN_GUARDED_BY(lock) = false;
   bool ended TARN_GUARDED_BY(lock) = false;
   int threads TARN_GUARDED_BY(lock) = 0;
   int followers TARN_GUARDED_BY(lock) = 0;  // wait to lead

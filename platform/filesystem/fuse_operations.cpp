@@ -84,12 +84,13 @@ void ReplyAttributes(fuse_req_t request, const Stat& known) {
   (void)fuse_reply_attr(request, &attributes, Seconds(known.valid_for));
 }
 
-void Init(void* /*files*/, fuse_conn_info* connection) {
+void Init(void* loop, fuse_conn_info* connection) {
   connection->max_read = kMaxRequestBytes;
   connection->max_write = kMaxRequestBytes;
   connection->max_readahead = kMaxRequestBytes;
   connection->max_background = kMaxBackground;
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_FLOCK_LOCKS | FUSE_CAP_POSIX_LOCKS);
+  static_cast<FuseLoop*>(loop)->SetReady();
 }
 
 void Lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {

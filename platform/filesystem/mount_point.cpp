@@ -156,11 +156,11 @@ void MountPoint::GiveBack() {
 }
 
 bool MountPoint::Confirm() {
-  struct stat root = {};
-  if (::stat(path.c_str(), &root) != 0 || root.st_dev == volume) {
+  const std::optional<dev_t> mounted = MountedAt(path);
+  if (!mounted) {
     return false;
   }
-  volume = root.st_dev;
+  volume = *mounted;
   return true;
 }
 

@@ -60,8 +60,8 @@ AERROR Volume::Start(const std::string& label) {
   if (const AERROR error = mount_point.Take(given_path); error != SUCCESS) {
     return error;
   }
-  const bool mounted = loop->Start(mount_point.GetPath(), label) && mount_point.Confirm();
-  if (mounted) {
+  const bool serves = loop->Start(mount_point.GetPath(), label);
+  if (mount_point.Confirm() && serves) {
     try {
       std::thread([self = shared_from_this()] { self->Keep(); }).detach();
       return SUCCESS;

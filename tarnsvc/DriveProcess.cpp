@@ -63,6 +63,10 @@ std::vector<char*> DriveEnvironment(std::string& added) {
 // Runs in the forked process, so nothing here may lock or allocate but the one message, after which
 // nothing follows.
 [[noreturn]] void Execute(const char* path, const char* id, const char* label, char** variables) {
+#if defined(CLOSE_RANGE_CLOEXEC)
+  // Also what the service itself inherited, or a library opened.
+  (void)::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+#endif
   (void)::setpgid(0, 0);  // a Ctrl-C for the service must not end drives before they are unmounted
   ::execle(path, path, "-c", id, label, static_cast<char*>(nullptr), variables);
   LogFailedStart(path, errno);

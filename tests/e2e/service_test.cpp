@@ -1,6 +1,7 @@
 // The life of the real service: its start, its ports and files, and its end at awkward moments.
 #include <arpa/inet.h>
 #include <csignal>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -134,11 +135,21 @@ TEST_F(ServiceWithDriveTest, StaleFilesOfAnEarlierRunAreNoHindrance) {
   EXPECT_EQ(Unmount(volume), 0);
 }
 
-TEST_F(ServiceWithDriveTest, ADriveProcessInheritsOnlyStandardStreamsAndTracesItsSteps) {
+TEST_F(ServiceWithDriveTest,
+       ADriveProcessInheritsAndHandsDownOnlyStandardStreamsAndTracesItsSteps) {
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
   const pid_t drive = service.DriveProcesses().at(0);
-  for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(drive) + "/fd")) {
-    EXPECT_EQ(fs::read_symlink(entry.path()).string().find("socket:"), std::string::npos);
+  const fs::path process = "/proc/" + std::to_string(drive);
+  for (const fs::directory_entry& entry : fs::directory_iterator(process / "fdinfo")) {
+    const std::string fd = entry.path().filename();
+    std::error_code closed_meanwhile;
+    const fs::path target = fs::read_symlink(process / "fd" / fd, closed_meanwhile);
+    std::ifstream info(entry.path());
+    std::string word;
+    unsigned flags = 0;
+    info >> word >> word >> word >> std::oct >> flags;  // "pos: 0 flags: 02100002"
+    // What was inherited has lost the flag, and what would be handed down lacks it.
+    EXPECT_TRUE(std::stoi(fd) <= STDERR_FILENO || !info || (flags & O_CLOEXEC) != 0) << target;
   }
   EXPECT_EQ(Unmount(volume), 0);
   ASSERT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));

@@ -23,7 +23,6 @@ constexpr int kSendSliceMilliseconds = 100;
 constexpr auto kSendProgressLimit = std::chrono::seconds(10);
 constexpr int kUnsentBytes = 16384;
 constexpr auto kResultSlice = std::chrono::milliseconds(100);
-constexpr auto kResultLimit = std::chrono::seconds(30);
 constexpr auto kEmptySendPause = std::chrono::milliseconds(5);
 constexpr auto kResultPause = std::chrono::milliseconds(10);
 
@@ -37,8 +36,9 @@ int PollOne(int fd, short event, int limit_ms) {
 
 }  // namespace
 
-CNSession::CNSession(void* owning_server, int socket, Callback notify)
-    : sock(socket), callback(notify), owner(owning_server) {
+CNSession::CNSession(void* owning_server, int socket, Callback notify,
+                     std::chrono::milliseconds longest_answer)
+    : sock(socket), callback(notify), owner(owning_server), result_limit(longest_answer) {
   const int no_delay = 1;
   (void)::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof no_delay);
   // Room shows after every few kilobytes that the client takes, not after megabytes.
@@ -53,8 +53,9 @@ CNSession::~CNSession() {
   detach_receive_thread();  // this may be that thread, dropping the last handle
 }
 
-std::shared_ptr<CNSession> CNSession::make(void* owner, int socket, Callback callback) {
-  auto session = std::make_shared<CNSession>(owner, socket, callback);
+std::shared_ptr<CNSession> CNSession::make(void* owner, int socket, Callback callback,
+                                           std::chrono::milliseconds longest_answer) {
+  auto session = std::make_shared<CNSession>(owner, socket, callback, longest_answer);
   session->self = session;
   return session;
 }
@@ -202,7 +203,7 @@ int CNSession::wait_result() {
 }
 
 int CNSession::wait_result_after(std::uint64_t mark, const std::function<bool()>& given_up) {
-  const auto deadline = std::chrono::steady_clock::now() + kResultLimit;
+  const auto deadline = std::chrono::steady_clock::now() + result_limit;
   tarn::MutexLock lock(result_lock);
   while (result_signals == mark) {
     const auto now = std::chrono::steady_clock::now();

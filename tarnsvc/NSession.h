@@ -28,13 +28,18 @@ class CNSession {
  public:
   using Callback = void (*)(void* owner, const std::string& message, CNSession* session);
 
-  CNSession(void* owning_server, int socket, Callback notify);
+  // How long a client may take over a quota question.
+  static constexpr std::chrono::milliseconds kResultLimit = std::chrono::seconds(30);
+
+  CNSession(void* owning_server, int socket, Callback notify,
+            std::chrono::milliseconds longest_answer = kResultLimit);
   // Does not close the socket: the end of the receive thread, or stop(), does.
   ~CNSession();
   CNSession(const CNSession&) = delete;
   CNSession& operator=(const CNSession&) = delete;
 
-  static std::shared_ptr<CNSession> make(void* owner, int socket, Callback callback);
+  static std::shared_ptr<CNSession> make(void* owner, int socket, Callback callback,
+                                         std::chrono::milliseconds longest_answer = kResultLimit);
 
   // Starts the receive thread. Throws std::system_error where no thread can be had.
   void start();
@@ -65,7 +70,7 @@ class CNSession {
   [[nodiscard]] int sendNwait(const char* data, int length);
 
   // Waits for the next signal of result_cond: a quota answer, or any frame that goes out. Returns
-  // quota_error; sets it to -1 after 30 s and when the session has ended.
+  // quota_error; sets it to -1 after kResultLimit and when the session has ended.
   [[nodiscard]] int wait_result();
 
   struct Quota {
@@ -150,5 +155,6 @@ class CNSession {
   bool receiving TARN_GUARDED_BY(result_lock) = false;
   tarn::Mutex sock_lock;
   bool asking TARN_GUARDED_BY(result_lock) = false;
+  const std::chrono::milliseconds result_limit;
   std::weak_ptr<CNSession> self;
 };

@@ -152,8 +152,18 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   void ReadsOneAfterAnother(const OpenFile& file) TARN_EXCLUDES(lock);
   [[nodiscard]] std::vector<std::string> NextSmall(const std::vector<Entry>& entries) const
       TARN_REQUIRES(lock);
-  std::shared_ptr<Reader> StartReading(Ino ino, Attributes& expected) TARN_EXCLUDES(lock);
+  // What was begun to read for an open, of the file as it was expected to be.
+  struct Beginning {
+    std::shared_ptr<Reader> reader;  // null: nothing
+    Attributes expected;
+    bool is_confirmed = false;  // it is there, and the file is as expected
+  };
+  Beginning StartReading(Ino ino) TARN_EXCLUDES(lock);
+  // Takes over what was begun for this open, if it is of what was found.
+  static void Use(const Beginning& begun, OpenFile& file);
   std::shared_ptr<Reader> MakeReader(Ino ino, const Attributes& attributes, bool is_fresh);
+  [[nodiscard]] bool ReadSmall(const std::string& path, const Attributes& expected,
+                               std::vector<char>& content, size_t& received) TARN_EXCLUDES(lock);
   void FetchFileAhead(Ino folder, const std::string& name) TARN_EXCLUDES(lock);
   bool StartAhead(std::function<void(FileSystem&)> work) TARN_EXCLUDES(lock);
   [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino ino) const TARN_REQUIRES(lock);
@@ -177,7 +187,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   Opened MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) TARN_REQUIRES(lock);
   [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(lock);
-  [[nodiscard]] int FindForOpen(Ino ino, Attributes& attributes);
+  [[nodiscard]] int FindForOpen(Ino ino, int flags, Attributes& attributes, Beginning& begun);
+  [[nodiscard]] bool TrustsForOpen(Ino ino) TARN_EXCLUDES(lock);
   void Refresh(OpenFile& file, const Attributes& attributes) TARN_REQUIRES(lock);
   [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
 

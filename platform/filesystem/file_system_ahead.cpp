@@ -124,6 +124,31 @@ std::vector<std::string> FileSystem::NextSmall(const std::vector<Entry>& entries
   return next;
 }
 
+// The whole of a file; false when it is not, or may not be, the version that is expected.
+bool FileSystem::ReadSmall(const std::string& path, const Attributes& expected,
+                           std::vector<char>& content, size_t& received) {
+  const auto asked = Clock::now();
+  Listings::Ticket ticket = 0;
+  {
+    const MutexLock guard(lock);
+    ticket = listings.Begin();
+  }
+  if (remote.ReadsVersions(expected.protocol)) {
+    if (remote.ReadVersion(expected, path, 0, content.data(), content.size(), received) !=
+            SUCCESS ||
+        received != expected.size) {
+      return false;
+    }
+    const MutexLock guard(lock);
+    return listings.Add(ticket, path, &expected, asked);
+  }
+  Listings::Answer now;
+  return remote.Read(expected.protocol, path, 0, content.data(), content.size(), received) ==
+             SUCCESS &&
+         received == expected.size && Find(path, true, now) == 0 &&
+         now.known == Listings::Known::kPresent && now.attributes.version == expected.version;
+}
+
 void FileSystem::FetchFileAhead(Ino folder, const std::string& name) {
   std::optional<std::string> path;
   Listings::Answer listed;
@@ -142,11 +167,7 @@ void FileSystem::FetchFileAhead(Ino folder, const std::string& name) {
   const Attributes& expected = listed.attributes;
   std::vector<char> content(expected.size + 1);  // more must not come
   size_t received = 0;
-  Listings::Answer now;
-  if (remote.Read(expected.protocol, *path, 0, content.data(), content.size(), received) !=
-          SUCCESS ||
-      received != expected.size || Find(*path, true, now) != 0 ||
-      now.known != Listings::Known::kPresent || now.attributes.version != expected.version) {
+  if (!ReadSmall(*path, expected, content, received)) {
     return;
   }
   Ino ino = 0;

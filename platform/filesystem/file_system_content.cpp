@@ -82,10 +82,9 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
       return 0;
     }
   }
-  Attributes expected;
-  const auto begun = (flags & O_ACCMODE) == O_RDONLY ? StartReading(ino, expected) : nullptr;
   Attributes attributes;
-  const int error = FindForOpen(ino, attributes);
+  Beginning begun;
+  const int error = FindForOpen(ino, flags, attributes, begun);
   std::shared_ptr<OpenFile> file;
   {
     const MutexLock guard(lock);
@@ -97,12 +96,7 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     file = EnsureOpenFile(ino);
     if (!is_local) {
       Refresh(*file, attributes);
-      if (begun && !file->reader && attributes.version == expected.version &&
-          attributes.size == expected.size && attributes.protocol == expected.protocol) {
-        file->reader = begun;
-      } else if (begun) {
-        begun->Stop();
-      }
+      Use(begun, *file);
       file->at_remote = true;
     }
     opened = MakeHandle(file, flags);

@@ -1,6 +1,7 @@
 // Reading: what the remote has, from the open to the bytes.
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <utility>
 
 #include "platform/filesystem/errors.h"
@@ -21,39 +22,73 @@ constexpr size_t kSmallFileBytes = Reader::kBlockBytes;
 
 }  // namespace
 
-// The content of a small file is on its way while the remote is still asked whether it is what the
-// listing says; one round trip instead of two.
-std::shared_ptr<Reader> FileSystem::StartReading(Ino ino, Attributes& expected) {
-  Listings::Answer listed;
-  {
-    const MutexLock guard(lock);
-    const auto path = nodes.PathOf(ino);
-    listed = path ? listings.Find(*path, Clock::now()) : listed;
-    if (listed.known != Listings::Known::kPresent || listed.attributes.is_folder ||
-        listed.attributes.size == 0 || listed.attributes.size > kSmallFileBytes ||
-        FindOpenFile(ino) || kernel[ino].version == listed.attributes.version) {
-      return nullptr;
-    }
-  }
-  expected = listed.attributes;
-  auto reader = MakeReader(ino, expected, true);
-  reader->Begin();
-  return reader;
-}
-
-int FileSystem::FindForOpen(Ino ino, Attributes& attributes) {
+// The content of a small file is asked for together with the open: one round trip instead of two.
+// Where what comes is known to be the version that the listing tells of, that answers for the open
+// too; else the remote is asked meanwhile.
+FileSystem::Beginning FileSystem::StartReading(Ino ino) {
+  const auto asked = Clock::now();
   std::optional<std::string> path;
-  bool just_looked_up = false;
+  Listings::Answer listed;
+  Listings::Ticket ticket = 0;
   {
     const MutexLock guard(lock);
     path = nodes.PathOf(ino);
-    const auto looked_up = std::exchange(kernel[ino].looked_up, Clock::time_point{});
-    const auto ahead = std::exchange(kernel[ino].fetched_ahead, Clock::time_point{});
-    const auto now = Clock::now();
-    just_looked_up = looked_up + kSameCall > now || ahead + kAheadTrust > now;
+    listed = path ? listings.Find(*path, asked) : listed;
+    ticket = listings.Begin();
+    if (listed.known != Listings::Known::kPresent || listed.attributes.is_folder ||
+        listed.attributes.size == 0 || listed.attributes.size > kSmallFileBytes ||
+        FindOpenFile(ino) || kernel[ino].version == listed.attributes.version) {
+      return {};
+    }
+  }
+  Beginning begun{MakeReader(ino, listed.attributes, true), listed.attributes};
+  if (!remote.ReadsVersions(listed.attributes.protocol)) {
+    begun.reader->Begin();
+  } else if (begun.reader->FetchBeginning()) {
+    const MutexLock guard(lock);
+    begun.is_confirmed = listings.Add(ticket, *path, &begun.expected, asked);
+  }
+  return begun;
+}
+
+void FileSystem::Use(const Beginning& begun, OpenFile& file) {
+  if (!begun.reader) {
+    return;
+  }
+  if (!file.reader && !begun.reader->HasChanged() &&
+      file.remote.version == begun.expected.version && file.remote.size == begun.expected.size &&
+      file.remote.protocol == begun.expected.protocol) {
+    file.reader = begun.reader;
+  } else {
+    begun.reader->Stop();
+  }
+}
+
+// Whether what is known of the file holds for an open of this moment.
+bool FileSystem::TrustsForOpen(Ino ino) {
+  const auto now = Clock::now();
+  const MutexLock guard(lock);
+  const auto looked_up = std::exchange(kernel[ino].looked_up, Clock::time_point{});
+  const auto ahead = std::exchange(kernel[ino].fetched_ahead, Clock::time_point{});
+  return looked_up + kSameCall > now || ahead + kAheadTrust > now;
+}
+
+int FileSystem::FindForOpen(Ino ino, int flags, Attributes& attributes, Beginning& begun) {
+  const bool trusts = TrustsForOpen(ino);
+  if (!trusts && (flags & O_ACCMODE) == O_RDONLY) {
+    begun = StartReading(ino);
+  }
+  if (begun.is_confirmed) {
+    attributes = begun.expected;
+    return 0;
+  }
+  std::optional<std::string> path;
+  {
+    const MutexLock guard(lock);
+    path = nodes.PathOf(ino);
   }
   Listings::Answer answer;
-  if (const int error = path ? Find(*path, !just_looked_up, answer) : ESTALE; error != 0) {
+  if (const int error = path ? Find(*path, !trusts, answer) : ESTALE; error != 0) {
     return error;
   }
   if (answer.known == Listings::Known::kAbsent) {
@@ -66,14 +101,24 @@ int FileSystem::FindForOpen(Ino ino, Attributes& attributes) {
 // Asks again when the file was renamed meanwhile, because something else may be in its old place.
 struct FileSystem::RemoteContent : ReadSource {
   RemoteContent(std::shared_ptr<FileSystem> of, Ino read, Attributes as_opened)
-      : files(std::move(of)), ino(read), attributes(std::move(as_opened)) {}
+      : files(std::move(of)),
+        ino(read),
+        attributes(std::move(as_opened)),
+        reads_version(files->remote.ReadsVersions(attributes.protocol)) {}
+
+  bool ReadsOneVersion() const override { return reads_version; }
 
   int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) override {
     return WhereItIs([&](const std::string& path) {
       const AERROR error =
-          files->remote.Read(attributes.protocol, path, offset, buffer, length, received);
+          reads_version
+              ? files->remote.ReadVersion(attributes, path, offset, buffer, length, received)
+              : files->remote.Read(attributes.protocol, path, offset, buffer, length, received);
+      if (ErrnoOf(error) == ENOENT || (reads_version && error == SHARING_VIOLATION)) {
+        return ESTALE;
+      }
       files->events.Failed(FS_EVENT_READ, error, path, path);
-      return ErrnoOf(error) == ENOENT ? ESTALE : ErrnoOf(error);
+      return ErrnoOf(error);
     });
   }
 
@@ -114,6 +159,7 @@ struct FileSystem::RemoteContent : ReadSource {
   const std::shared_ptr<FileSystem> files;
   const Ino ino;
   const Attributes attributes;
+  const bool reads_version;
 };
 
 std::shared_ptr<Reader> FileSystem::MakeReader(Ino ino, const Attributes& attributes,

@@ -116,6 +116,15 @@ void Reader::Begin() {
   (void)Push(piece, ASYNCQ_URGENT);  // without a queue the first read does it
 }
 
+bool Reader::FetchBeginning() {
+  PiecePtr piece;
+  {
+    const MutexLock guard(lock);
+    piece = AddPiece(0, kPieceBytes);
+  }
+  return Finish(piece) == 0 && piece->is_fetched;
+}
+
 int Reader::Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) {
   received = 0;
   const std::uint64_t end =
@@ -169,12 +178,14 @@ void Reader::Load(Piece& piece) {
   bool is_first = false;
   {
     const MutexLock guard(lock);
-    is_first = file.is_fresh && !std::exchange(has_begun, true);
+    is_first = file.is_fresh && !std::exchange(has_begun, true) && !source->ReadsOneVersion();
     first_is_busy = first_is_busy || is_first;
   }
   piece.data.resize(piece.length);
-  const int error = LoadFromCache(piece) ? 0 : Fetch(piece, is_first);
+  const bool is_cached = LoadFromCache(piece);
+  const int error = is_cached ? 0 : Fetch(piece, is_first);
   const MutexLock guard(lock);
+  piece.is_fetched = !is_cached;
   if (is_first) {
     first_is_busy = false;
   }
@@ -229,7 +240,7 @@ int Reader::Fetch(Piece& piece, bool is_first) {
   }
   int error = ReadSourceFor(piece);
   const bool is_whole = piece.offset == 0 && piece.length == file.size;
-  if (error == 0 && !is_whole && !is_first) {
+  if (error == 0 && !is_whole && !is_first && !source->ReadsOneVersion()) {
     error = ConfirmAfterFirst();
   }
   if (error == 0) {

@@ -18,6 +18,8 @@ class ReadSource {
   virtual ~ReadSource() = default;
   [[nodiscard]] virtual int Read(std::uint64_t offset, void* buffer, size_t length,
                                  size_t& received) = 0;
+  // Whether Read itself delivers nothing but bytes of the file as it was opened, else ESTALE.
+  [[nodiscard]] virtual bool ReadsOneVersion() const = 0;
   // Asks whether the file still is what it was when it was opened: ESTALE when it has changed.
   [[nodiscard]] virtual int Confirm() = 0;
 };
@@ -28,7 +30,8 @@ class ReadSource {
 // A piece may be given out together with others only when the file was found unchanged after the
 // piece was fetched; else bytes of two versions could meet. So every piece is confirmed, but for
 // one that is the whole file, and the very first one: alone it is no mixture, and what comes later
-// confirms it too. Once a change was found, everything that is not there yet fails with ESTALE.
+// confirms it too. Where the source itself reads one version only, nothing needs to be confirmed.
+// Once a change was found, everything that is not there yet fails with ESTALE.
 //
 // Owns:    the pieces in memory, a bounded number of bytes; shares the source.
 // Threads: any. Tasks in the bound queue share ownership of the reader. A program never waits for a
@@ -55,6 +58,8 @@ class Reader : public std::enable_shared_from_this<Reader> {
 
   // Starts to fetch the beginning, in the queue if there is one.
   void Begin();
+  // Fetches the beginning. True: it was asked for and has come, so the file is unchanged now.
+  [[nodiscard]] bool FetchBeginning();
   // Fewer bytes than asked for only at the end of the file.
   [[nodiscard]] int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received);
 
@@ -71,6 +76,7 @@ class Reader : public std::enable_shared_from_this<Reader> {
     size_t length;
     State state = State::kWaiting;
     int error = 0;
+    bool is_fetched = false;  // else it was in the cache
     std::vector<char> data;
   };
   using PiecePtr = std::shared_ptr<Piece>;

@@ -136,18 +136,39 @@ AERROR Remote::List(const std::string& path, std::vector<Entry>& entries) {
   return result;
 }
 
-AERROR Remote::Read(int protocol, const std::string& path, unsigned long long offset, void* buffer,
-                    size_t length, size_t& received) {
+template <typename Ask>
+AERROR Remote::ReadFrom(int index, size_t length, size_t& received, Ask ask) {
   received = 0;
-  return Run(protocol, [&](IProtocol_V2& remote) {
+  return Run(index, [&](IProtocol_V2& protocol) {
     unsigned long long count = 0;
-    const AERROR error = remote.Read(path.c_str(), offset, buffer, length, &count);
+    const AERROR error = ask(protocol, &count);
     if (error == SUCCESS && count > length) {
       return FAILED;
     }
     received = error == SUCCESS ? static_cast<size_t>(count) : 0;
     return error;
   });
+}
+
+AERROR Remote::Read(int protocol, const std::string& path, unsigned long long offset, void* buffer,
+                    size_t length, size_t& received) {
+  return ReadFrom(protocol, length, received, [&](IProtocol_V2& remote, unsigned long long* count) {
+    return remote.Read(path.c_str(), offset, buffer, length, count);
+  });
+}
+
+bool Remote::ReadsVersions(int protocol) {
+  return Can(protocol, FS_CAN_READ_VERSION);
+}
+
+AERROR Remote::ReadVersion(const Attributes& file, const std::string& path,
+                           unsigned long long offset, void* buffer, size_t length,
+                           size_t& received) {
+  return ReadFrom(file.protocol, length, received,
+                  [&](IProtocol_V2& remote, unsigned long long* count) {
+                    return remote.ReadVersion(path.c_str(), file.version.c_str(), offset, buffer,
+                                              length, count);
+                  });
 }
 
 AERROR Remote::FindFolder(const std::string& path, int& protocol) {
@@ -291,13 +312,17 @@ AERROR Remote::GetSize(unsigned long long& total, unsigned long long& free) {
   return result;
 }
 
-bool Remote::KeepsTimes(int protocol) {
+bool Remote::Can(int protocol, FS_CAPABILITY capability) {
   unsigned long long capabilities = 0;
   const AERROR error = Run(protocol, [&](IProtocol_V2& remote) {
     capabilities = remote.GetCapabilities();
     return SUCCESS;
   });
-  return error == SUCCESS && (capabilities & FS_CAN_SET_TIME) != 0;
+  return error == SUCCESS && (capabilities & capability) != 0;
+}
+
+bool Remote::KeepsTimes(int protocol) {
+  return Can(protocol, FS_CAN_SET_TIME);
 }
 
 void Remote::Cancel() {

@@ -29,6 +29,12 @@ class Remote {
   // `protocol` is Attributes::protocol. Fewer bytes than asked for only at the end of the file.
   [[nodiscard]] AERROR Read(int protocol, const std::string& path, unsigned long long offset,
                             void* buffer, size_t length, size_t& received);
+  // Whether ReadVersion can be used.
+  [[nodiscard]] bool ReadsVersions(int protocol);
+  // As Read, of a file as it was at this version; SHARING_VIOLATION when it is another by now.
+  [[nodiscard]] AERROR ReadVersion(const Attributes& file, const std::string& path,
+                                   unsigned long long offset, void* buffer, size_t length,
+                                   size_t& received);
   // Replaces the file where it is, else makes it where its folder is; `protocol` says where.
   [[nodiscard]] AERROR Upload(const std::string& path, FS_SOURCE& source, unsigned long long size,
                               FS_PROGRESS progress, void* context, int& protocol);
@@ -54,6 +60,9 @@ class Remote {
 
   template <typename Operation>
   AERROR Run(int index, Operation operation);
+  template <typename Ask>
+  AERROR ReadFrom(int index, size_t length, size_t& received, Ask ask);
+  bool Can(int protocol, FS_CAPABILITY capability);
   AERROR InfoFrom(int index, const std::string& path, Attributes& attributes);
   AERROR ListFrom(int index, const std::string& path, std::vector<Entry>& entries);
   // The first protocol that holds `path` as a folder.

@@ -12,14 +12,14 @@ class AheadTest : public testing::Test {
  protected:
   void SetUp() override { files->AddProtocol(Share(protocol)); }
 
-  static std::string Path(int i) { return "/folder/" + std::to_string(100 + i); }
+  [[nodiscard]] std::string Path(int i) const { return folder + "/" + std::to_string(100 + i); }
   // Makes a folder of files and lists it.
   void FillFolder(int count, const std::string& content) {
     for (int i = 0; i < count; ++i) {
       protocol.Write(Path(i), content + std::to_string(i));
     }
     std::vector<std::string> names;
-    ASSERT_EQ(drive.List("/folder", names), 0);
+    ASSERT_EQ(drive.List(folder, names), 0);
   }
   void ExpectContents(int begin, int end, const std::string& content) {
     for (int i = begin; i < end; ++i) {
@@ -27,6 +27,7 @@ class AheadTest : public testing::Test {
     }
   }
 
+  std::string folder = "/folder";
   LentLibraries libraries{64 * 1024 * 1024};
   MemoryProtocol protocol;
   std::shared_ptr<fs::FileSystem> files = std::make_shared<fs::FileSystem>();
@@ -89,12 +90,34 @@ TEST_F(AheadTest, WhatWasFetchedAheadIsNotShownOnceItHasChanged) {
 }
 
 TEST_F(AheadTest, OpeningASmallFileOfAKnownFolderTakesOneRoundTrip) {
-  FillFolder(2, "content");
-  constexpr int kLatencyMs = 500;
-  protocol.latency_ms = kLatencyMs;
-  const auto begin = std::chrono::steady_clock::now();
-  ExpectContents(0, 1, "content");
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2 * kLatencyMs));
+  for (const bool reads_versions : {true, false}) {
+    protocol.reads_versions = reads_versions;
+    folder += "s";
+    FillFolder(1, "content");
+    libraries.WaitIdle();
+    constexpr int kLatencyMs = 500;
+    const int infos = protocol.infos;
+    protocol.latency_ms = kLatencyMs;
+    const auto begin = std::chrono::steady_clock::now();
+    ExpectContents(0, 1, "content");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2 * kLatencyMs));
+    EXPECT_EQ(protocol.infos - infos, reads_versions ? 0 : 1) << "the bytes tell their version";
+    protocol.latency_ms = 0;
+  }
+}
+
+TEST_F(AheadTest, ASmallFileThatChangedSinceItsFolderWasListedIsShownAsItIsNow) {
+  for (const bool reads_versions : {true, false}) {
+    protocol.reads_versions = reads_versions;
+    folder += "s";
+    FillFolder(2, "old");
+    protocol.Write(Path(0), "newer");
+    EXPECT_EQ(drive.Content(Path(0)), "newer");
+    protocol.Write(Path(0), "newest");
+    EXPECT_EQ(drive.Content(Path(0)), "newest");
+    protocol.Remove(Path(1));
+    EXPECT_EQ(drive.Content(Path(1)), "(error)");
+  }
 }
 
 }  // namespace

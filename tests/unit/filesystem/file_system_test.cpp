@@ -196,6 +196,11 @@ class HostileProtocol : public MemoryProtocol {
     *received = length + 1'000'000;
     return SUCCESS;
   }
+  AERROR ReadVersion(const char* path, const char* /*version*/, unsigned long long offset,
+                     void* buffer, unsigned long long length,
+                     unsigned long long* received) override {
+    return Read(path, offset, buffer, length, received);
+  }
 };
 
 TEST_F(FileSystemTest, AModuleThatAnswersNonsenseDoesNoHarm) {

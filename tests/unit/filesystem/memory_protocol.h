@@ -50,6 +50,7 @@ class MemoryProtocol : public IProtocol_V2 {
   }
 
   std::atomic<int> latency_ms = 0;                   // before every operation
+  std::atomic<bool> reads_versions = true;           // a capability
   std::atomic<AERROR> failure = SUCCESS;             // of every operation, when not SUCCESS
   std::atomic<int> lists = 0, infos = 0, reads = 0;  // operations so far
 
@@ -98,19 +99,7 @@ class MemoryProtocol : public IProtocol_V2 {
   }
   AERROR Read(const char* path, unsigned long long offset, void* buffer, unsigned long long length,
               unsigned long long* received) override {
-    ++reads;
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
-    }
-    const MutexLock guard(lock);
-    const auto item = items.find(path);
-    if (item == items.end() || !item->second.content) {
-      return FILE_NOT_FOUND;
-    }
-    const std::string& content = *item->second.content;
-    const unsigned long long start = std::min<unsigned long long>(offset, content.size());
-    *received = content.copy(static_cast<char*>(buffer), length, start);
-    return SUCCESS;
+    return ReadIf(path, nullptr, offset, buffer, length, received);
   }
   AERROR Upload(const char* path, FS_SOURCE* source, unsigned long long size, FS_PROGRESS progress,
                 void* context) override {
@@ -209,11 +198,15 @@ class MemoryProtocol : public IProtocol_V2 {
     return SUCCESS;
   }
   unsigned long long GetCapabilities() override {
-    return FS_CAN_SET_TIME | FS_CAN_REPLACE_VERSION | FS_HAS_SIZE;
+    return FS_CAN_SET_TIME | FS_CAN_REPLACE_VERSION | FS_HAS_SIZE |
+           (reads_versions ? FS_CAN_READ_VERSION : 0ULL);
   }
-  AERROR ReadVersion(const char*, const char*, unsigned long long, void*, unsigned long long,
-                     unsigned long long*) override {
-    return NOT_SUPPORTED;
+  AERROR ReadVersion(const char* path, const char* version, unsigned long long offset, void* buffer,
+                     unsigned long long length, unsigned long long* received) override {
+    if (!reads_versions) {
+      return NOT_SUPPORTED;
+    }
+    return ReadIf(path, version, offset, buffer, length, received);
   }
   int SetOption(const char* /*key*/, const char* /*value*/) override { return 0; }
   void Reserved18() override {}
@@ -270,6 +263,25 @@ class MemoryProtocol : public IProtocol_V2 {
     return true;
   }
 
+  AERROR ReadIf(const char* path, const char* version, unsigned long long offset, void* buffer,
+                unsigned long long length, unsigned long long* received) {
+    ++reads;
+    if (const AERROR error = Begin(); error != SUCCESS) {
+      return error;
+    }
+    const MutexLock guard(lock);
+    const auto item = items.find(path);
+    if (item == items.end() || !item->second.content) {
+      return FILE_NOT_FOUND;
+    }
+    if (version != nullptr && std::string_view(version) != Describe(item->second).version) {
+      return SHARING_VIOLATION;
+    }
+    const std::string& content = *item->second.content;
+    const unsigned long long start = std::min<unsigned long long>(offset, content.size());
+    *received = content.copy(static_cast<char*>(buffer), length, start);
+    return SUCCESS;
+  }
   // The remote's time for one operation, and its outcome if it is a failure.
   [[nodiscard]] AERROR Begin() {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(latency_ms);

@@ -34,10 +34,14 @@ class FakeSource : public ReadSource {
     if (failure != 0) {
       return failure;
     }
+    if (one_version && content != at_open) {
+      return ESTALE;
+    }
     received = offset >= content.size() ? 0 : std::min<size_t>(length, content.size() - offset);
     std::memcpy(buffer, content.data() + offset, received);
     return 0;
   }
+  bool ReadsOneVersion() const override { return one_version; }
   int Confirm() override {
     const MutexLock guard(lock);
     ++confirms;
@@ -52,6 +56,7 @@ class FakeSource : public ReadSource {
   std::atomic<int> confirms = 0;
   std::atomic<size_t> bytes = 0;
   std::atomic<int> failure = 0;
+  std::atomic<bool> one_version = false;
 
  private:
   Mutex lock;
@@ -120,6 +125,18 @@ TEST_F(ReaderTest, AChangedFileGivesAnErrorAndNeverAMixture) {
   (void)Read(*Open("v1", false), 8'990'000, 4096, ESTALE);
   source->Change(content + "more");
   (void)Read(*Open(), content.size() - 100, 100, ESTALE);
+}
+
+TEST_F(ReaderTest, ASourceThatReadsOneVersionIsNotAskedAgain) {
+  source->one_version = true;
+  const auto reader = Open("v1", false);
+  for (const std::uint64_t offset : {3000000U, 6000000U}) {
+    EXPECT_TRUE(Read(*reader, offset, 4096) == content.substr(offset, 4096));
+  }
+  EXPECT_EQ(source->confirms, 0);
+  source->Change(Pattern(content.size(), 8));
+  (void)Read(*reader, 8'000'000, 4096, ESTALE);
+  EXPECT_TRUE(Read(*reader, 6'000'000, 4096) == content.substr(6'000'000, 4096));
 }
 
 TEST_F(ReaderTest, AFailureOfTheNetworkPasses) {

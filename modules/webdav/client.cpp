@@ -21,6 +21,14 @@ constexpr size_t kMaxExcerptBytes = 4096;
 constexpr size_t kMaxDiscardedBytes = size_t{1024} * 1024;
 constexpr int kPollMs = 1000;  // libcurl shortens it to what its own timers need
 
+// What is kept of an answer's head beside its status.
+constexpr std::pair<std::string_view, std::string Answer::*> kKeptHeaders[] = {
+    {"ETag", &Answer::etag},
+    {"Content-Range", &Answer::range},
+    {"Last-Modified", &Answer::modified},
+    {"Content-Type", &Answer::type},
+};
+
 // The value of a header line that has this name; empty otherwise.
 std::string_view ValueOf(std::string_view line, std::string_view name) {
   if (line.size() <= name.size() || line[name.size()] != ':' ||
@@ -65,12 +73,12 @@ struct Client::Callbacks {
     if (line.starts_with("HTTP/")) {  // the answers before, to redirects for instance, are void
       answer = {};
       ReadStatusLine(line, answer);
-    } else if (const auto etag = ValueOf(line, "ETag"); !etag.empty()) {
-      answer.etag = etag;
-    } else if (const auto range = ValueOf(line, "Content-Range"); !range.empty()) {
-      answer.range = range;
-    } else if (const auto modified = ValueOf(line, "Last-Modified"); !modified.empty()) {
-      answer.modified = modified;
+      return line.size();
+    }
+    for (const auto& [name, field] : kKeptHeaders) {
+      if (const auto value = ValueOf(line, name); !value.empty()) {
+        answer.*field = value;
+      }
     }
     return line.size();
   }

@@ -26,6 +26,7 @@ struct Answer {
   std::string etag;          // empty: none
   std::string range;         // "Content-Range", empty: none
   std::string modified;      // "Last-Modified", empty: none
+  std::string type;          // "Content-Type", empty: none
   long long length = -1;     // "Content-Length" in bytes; -1: none
   long offered_schemes = 0;  // CURLAUTH_ bits of a server that wanted a login
   bool cancelled = false;

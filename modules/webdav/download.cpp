@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstring>
 #include <optional>
+#include <strings.h>
 
 #include "modules/webdav/lookup.h"
 #include "modules/webdav/results.h"
@@ -12,6 +13,9 @@
 namespace tarn::webdav {
 
 namespace {
+
+constexpr int kMostPieces = 64;  // of one part
+constexpr const char* kPageType = "text/html";
 
 std::optional<unsigned long long> NumberOf(std::string_view text) {
   unsigned long long number = 0;
@@ -70,34 +74,11 @@ class RangeSink final : public BodySink {
   unsigned long long received = 0;
 };
 
-AERROR GetPart(Remote& remote, const std::string& path, const FilePart& part,
-               unsigned long long& received, Answer& answer) {
-  if (part.length == 0) {
-    return SUCCESS;
-  }
-  if (part.offset + part.length - 1 < part.offset) {
-    return INVALID_PARAMETER;
-  }
-  RangeSink sink(part);
-  Request request{.method = "GET",
-                  .url = remote.GetLocation().FileUrl(path),
-                  .headers = {{"Range", "bytes=" + std::to_string(part.offset) + "-" +
-                                            std::to_string(part.offset + part.length - 1)}},
-                  .sink = &sink,
-                  .counts_as_transfer = true};
-  answer = remote.Send(request);
-  if (answer.status == 416 && answer.code == CURLE_OK) {  // at or past the end
-    return SUCCESS;
-  }
-  const AERROR error = ResultOfReading(answer);
-  received = error == SUCCESS ? sink.Received() : 0;
-  return error == FAILED ? FILE_READ_FAILED : error;
-}
-
 // The size of the whole file that an answer with a part of it tells of.
 std::optional<unsigned long long> WholeSize(const Answer& answer) {
-  if (answer.status == 200 && answer.length >= 0) {
-    return static_cast<unsigned long long>(answer.length);
+  if (answer.status == 200) {
+    return answer.length < 0 ? std::nullopt
+                             : std::optional(static_cast<unsigned long long>(answer.length));
   }
   const size_t slash = answer.range.find('/');
   return slash == std::string::npos ? std::nullopt
@@ -116,31 +97,122 @@ bool TellsVersion(const Answer& answer, const std::string& version) {
   return resource.size && *resource.modified != -1 && VersionOf(resource) == version;
 }
 
+// A page to log in on, for instance, has a place of its own or comes as a whole in the place of a
+// part of the file.
+bool MayBeAnotherPage(const Answer& answer, const std::string& asked_url) {
+  const bool is_page = ::strncasecmp(answer.type.c_str(), kPageType, std::strlen(kPageType)) == 0;
+  return !Location::AreSame(asked_url, answer.url) || (answer.status == 200 && is_page);
+}
+
+// A file that is to be read: one version of it, or the one that is there.
+struct Wanted {
+  Remote& remote;
+  const std::string& path;
+  const std::string* version;  // null: any
+
+  [[nodiscard]] std::string Url() const { return remote.GetLocation().FileUrl(path); }
+};
+
+// Makes sure that an answer is the file. Not all servers say with a file what they say of it in a
+// listing; those are asked again after the bytes have come, which is late enough to learn of a
+// change in between.
+AERROR CheckAnswer(const Wanted& wanted, const Answer& answer) {
+  const bool may_be_another = MayBeAnotherPage(answer, wanted.Url());
+  if (wanted.version != nullptr ? TellsVersion(answer, *wanted.version) : !may_be_another) {
+    return SUCCESS;
+  }
+  FS_INFO info{};
+  const AERROR error = GetInfo(wanted.remote, wanted.path, info);
+  if (error != SUCCESS) {
+    return error;
+  }
+  if (wanted.version != nullptr && *wanted.version != info.version) {
+    return SHARING_VIOLATION;
+  }
+  const auto size = WholeSize(answer);
+  const bool is_the_file =
+      TellsVersion(answer, info.version) || (size ? *size == info.size : !may_be_another);
+  return is_the_file ? SUCCESS : FILE_READ_FAILED;
+}
+
+// One request and its answer, which may hold less than the part.
+AERROR GetPiece(const Wanted& wanted, const FilePart& part, unsigned long long& received,
+                Answer& answer) {
+  RangeSink sink(part);
+  Request request{.method = "GET",
+                  .url = wanted.Url(),
+                  .headers = {{"Range", "bytes=" + std::to_string(part.offset) + "-" +
+                                            std::to_string(part.offset + part.length - 1)}},
+                  .sink = &sink,
+                  .counts_as_transfer = true};
+  answer = wanted.remote.Send(request);
+  const bool is_past_the_end = answer.status == 416 && answer.code == CURLE_OK;
+  const AERROR error = is_past_the_end ? SUCCESS : ResultOfReading(answer);
+  if (error != SUCCESS) {
+    return error == FAILED ? FILE_READ_FAILED : error;
+  }
+  if (!is_past_the_end && answer.status != 200 && answer.status != 206) {
+    return FILE_READ_FAILED;
+  }
+  received = is_past_the_end ? 0 : sink.Received();
+  return CheckAnswer(wanted, answer);
+}
+
+// Whether two answers can be parts of the same content.
+bool Agree(const Answer& one, const Answer& other) {
+  const auto size = WholeSize(one);
+  const auto other_size = WholeSize(other);
+  return (one.etag.empty() || other.etag.empty() || one.etag == other.etag) &&
+         (!size || !other_size || *size == *other_size);
+}
+
+// Servers may give less than was asked for; then the rest is asked for.
+AERROR GetPart(const Wanted& wanted, const FilePart& part, unsigned long long& received) {
+  received = 0;
+  if (part.length == 0) {
+    return SUCCESS;
+  }
+  if (part.offset + part.length - 1 < part.offset) {
+    return INVALID_PARAMETER;
+  }
+  Answer first;
+  unsigned long long done = 0;
+  for (int piece = 0; piece < kMostPieces; ++piece) {
+    Answer answer;
+    unsigned long long more = 0;
+    const AERROR error = GetPiece(
+        wanted, {part.offset + done, part.buffer + done, part.length - done}, more, answer);
+    if (error != SUCCESS) {
+      return error;
+    }
+    first = piece == 0 ? answer : first;
+    if (!Agree(first, answer)) {
+      return SHARING_VIOLATION;
+    }
+    done += more;
+    const auto size = WholeSize(answer);
+    const bool is_at_end = size ? part.offset + done >= *size : answer.status == 416;
+    if (done == part.length || is_at_end || answer.status == 200) {
+      received = done;
+      return SUCCESS;
+    }
+    if (more == 0) {
+      break;
+    }
+  }
+  return FILE_READ_FAILED;
+}
+
 }  // namespace
 
 AERROR Read(Remote& remote, const std::string& path, const FilePart& part,
             unsigned long long& received) {
-  Answer answer;
-  received = 0;
-  return GetPart(remote, path, part, received, answer);
+  return GetPart({remote, path, nullptr}, part, received);
 }
 
-// Not all servers say with a file what they say of it in a listing; those are asked again after the
-// bytes have come, which is late enough to learn of a change in between.
 AERROR ReadVersion(Remote& remote, const std::string& path, const std::string& version,
                    const FilePart& part, unsigned long long& received) {
-  Answer answer;
-  received = 0;
-  AERROR error = GetPart(remote, path, part, received, answer);
-  if (error == SUCCESS && part.length > 0 && !TellsVersion(answer, version)) {
-    FS_INFO info{};
-    error = GetInfo(remote, path, info);
-    if (error == SUCCESS && version != info.version) {
-      error = SHARING_VIOLATION;
-    }
-  }
-  received = error == SUCCESS ? received : 0;
-  return error;
+  return GetPart({remote, path, &version}, part, received);
 }
 
 }  // namespace tarn::webdav

@@ -142,6 +142,17 @@ std::string Location::FolderUrl(std::string_view path) const {
   return FileUrl(path) + "/";
 }
 
+bool Location::AreSame(const std::string& asked_url, const std::string& answered_url) {
+  if (asked_url == answered_url) {
+    return true;
+  }
+  const auto asked = Parse(asked_url, false);
+  const auto answered = Parse(answered_url, false);
+  return asked && answered && answered_url.find('?') == std::string::npos &&
+         asked->host == answered->host && asked->base == answered->base &&
+         (asked->origin == answered->origin || (!asked->secure_scheme && answered->secure_scheme));
+}
+
 bool IsDrivePath(const char* path) {
   if (path == nullptr || path[0] != '/') {
     return false;

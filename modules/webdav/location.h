@@ -23,6 +23,10 @@ class Location {
   // a secure one is asked for.
   static std::optional<Location> Parse(const std::string& url, bool secure);
 
+  // Whether what was answered is what was asked for, after redirects: they may have added or taken
+  // away a "/" at the end, or have led to a secure port of the same host.
+  [[nodiscard]] static bool AreSame(const std::string& asked_url, const std::string& answered_url);
+
   // The URL of a drive path ("/" is the folder itself), percent-encoded. Paths come from
   // IsDrivePath.
   [[nodiscard]] std::string FileUrl(std::string_view path) const;    // no "/" at the end

@@ -155,9 +155,76 @@ TEST_F(ScriptedTest, ServersWithoutRangesAndWithWrongOnesAreNoticed) {
   EXPECT_EQ(received, 0U);
   answer = HttpAnswer(206, "3456", "Content-Range: bytes 5-8/10\r\n");
   EXPECT_EQ(protocol->Read("/f", 3, part, 4, &received), FILE_READ_FAILED);
-  answer = HttpAnswer(206, "3456");
-  EXPECT_EQ(protocol->Read("/f", 3, part, 4, &received), FILE_READ_FAILED);
-  EXPECT_EQ(received, 0U);
+  for (const std::string& wrong :
+       {HttpAnswer(206, "3456"), HttpAnswer(206, ""), HttpAnswer(204), HttpAnswer(202, "wait"),
+        HttpAnswer(206, "", "Content-Range: bytes 3-2/10\r\n"),
+        HttpAnswer(416, "", "Content-Range: bytes */10\r\n")}) {
+    answer = wrong;
+    EXPECT_EQ(protocol->Read("/f", 3, part, 4, &received), FILE_READ_FAILED) << wrong;
+    EXPECT_EQ(received, 0U);
+  }
+}
+
+TEST_F(ScriptedTest, TheRestOfAShortPartIsAskedForAndIsOfTheSameFile) {
+  std::string size = "10";
+  bool changes = false;
+  Serve([&](const Request& request) {  // three bytes at a time
+    const size_t from = std::stoul(request.Header("Range").substr(6));
+    const std::string piece = std::string("0123456789").substr(from, 3);
+    const std::string range = "Content-Range: bytes " + std::to_string(from) + "-" +
+                              std::to_string(from + piece.size() - 1) + "/" + size + "\r\n";
+    const std::string tag = "ETag: \"" + std::to_string(changes ? from : 0) + "\"\r\n";
+    return Reply{.bytes = piece.empty() ? HttpAnswer(416) : HttpAnswer(206, piece, range + tag)};
+  });
+  std::string content;
+  EXPECT_EQ(Get("/f", content), SUCCESS);
+  EXPECT_EQ(content, "0123456789");
+  EXPECT_EQ(server->Count("GET"), 4);
+  size = "*";
+  EXPECT_EQ(Get("/f", content), SUCCESS);
+  EXPECT_EQ(content, "0123456789");
+  changes = true;
+  EXPECT_EQ(Get("/f", content), SHARING_VIOLATION);
+  EXPECT_EQ(content, "");
+}
+
+TEST_F(ScriptedTest, APageInAFilesPlaceIsNotTakenForTheFile) {
+  std::string first;   // answer for the file
+  std::string second;  // answer for where that leads
+  Serve([&](const Request& request) {
+    const std::string& bytes = request.target == "/f" ? first : second;
+    return request.method == "PROPFIND"
+               ? Reply{.bytes = FileAnswer("/f", "\"1\"")}  // of 3 bytes
+               : Reply{.bytes = bytes, .closes = bytes.find("close") != std::string::npos};
+  });
+  const std::string page = "Content-Type: text/html\r\n";
+  const std::string login = HttpAnswer(302, "", "Location: /login\r\n");
+  const std::string same = HttpAnswer(301, "", "Location: /f/\r\n");
+  struct Case {
+    std::string first;
+    std::string second;
+    bool is_file;
+  };
+  for (const Case& each : {
+           Case{HttpAnswer(200, "log in", page), "", false},
+           Case{HttpAnswer(200, "<a>", page), "", true},  // a page that is the file
+           Case{login, HttpAnswer(200, "log in", page), false},
+           Case{login, HttpAnswer(200, ""), false},
+           Case{login, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nlog in", false},
+           Case{login, HttpAnswer(200, "abc"), true},
+           Case{login, HttpAnswer(200, "abcdef", "ETag: \"1\"\r\n"), true},
+           Case{same, HttpAnswer(200, "abcdef"), true},
+       }) {
+    first = each.first;
+    second = each.second;
+    std::string content;
+    const AERROR expected = each.is_file ? SUCCESS : FILE_READ_FAILED;
+    EXPECT_EQ(Get("/f", content), expected) << first << second;
+    EXPECT_EQ(content.empty(), !each.is_file) << first << second;
+    if (!each.is_file) {
+      EXPECT_EQ(Get("/f", content, "\"1\""), FILE_READ_FAILED) << first << second;
+    }
+  }
 }
 
 TEST_F(ScriptedTest, AVersionIsReadOrNothing) {

@@ -6,7 +6,6 @@
 #include <strings.h>
 
 #include "common/log.h"
-#include "modules/webdav/trace.h"
 
 namespace tarn::webdav {
 
@@ -149,8 +148,10 @@ struct Client::Callbacks {
   }
 };
 
-Client::Client(const Settings& drive_settings, CURLAuth* signature, Throttle& drive_throttle)
+Client::Client(const Settings& drive_settings, const Secrets& drive_secrets, CURLAuth* signature,
+               Throttle& drive_throttle)
     : settings(drive_settings),
+      secrets(drive_secrets),
       auth(signature),
       throttle(drive_throttle),
       multi(curl_multi_init(), &curl_multi_cleanup) {
@@ -209,7 +210,7 @@ Answer Client::Perform(Request& asked, Throttle::Ticket ticket, long schemes, bo
 Client::HeaderLines Client::Prepare(Running& running) {
   CURL* const curl = easy.get();
   const Request& asked = running.request;
-  InstallTrace(curl);
+  secrets.InstallTrace(curl);
   error_text.fill('\0');
   SetLowSpeedTimeout(asked.stall_limit_s);
   curl_easy_setopt(curl, CURLOPT_URL, asked.url.c_str());
@@ -286,7 +287,10 @@ void Client::Conclude(Answer& answer, CURLcode code) {
   curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
   curl_easy_getinfo(easy.get(), CURLINFO_HTTPAUTH_AVAIL, &answer.offered_schemes);
   answer.code = code;
-  answer.error = error_text[0] != '\0' ? error_text.data() : curl_easy_strerror(code);
+  answer.error =
+      secrets.CutFrom(error_text[0] != '\0' ? error_text.data() : curl_easy_strerror(code));
+  answer.reason = secrets.CutFrom(answer.reason);
+  answer.excerpt = secrets.CutFromBeginning(answer.excerpt, kMaxExcerptBytes);
   answer.url = effective_url != nullptr ? effective_url : "";
   answer.length = length;
 }

@@ -12,10 +12,12 @@
 #include "common/throttle.h"
 #include "interfaces/fs_types.h"
 #include "modules/webdav/settings.h"
+#include "modules/webdav/trace.h"
 
 namespace tarn::webdav {
 
-// What came back. `code` is not CURLE_OK where there was no whole answer; `status` tells the rest.
+// What came back, its texts for people without secrets. `code` is not CURLE_OK where there was no
+// whole answer; `status` tells the rest.
 struct Answer {
   CURLcode code = CURLE_OK;
   long status = 0;           // HTTP status; 0: none came
@@ -73,13 +75,15 @@ struct Request {
 };
 
 // One connection to the server, on which one request runs at a time.
-// Owns:    its easy handle and connection. Refers to settings, signature and throttle of the drive.
+// Owns:    its easy handle and connection. Refers to settings, secrets, signature and throttle of
+//          the drive.
 // Threads: Perform on the thread that holds the client; Wake on any.
 // Errors:  all in Answer.
 class Client : public CURLImpl {
  public:
   // `signature`: what signs requests with a token; null: user and password, if any.
-  Client(const Settings& drive_settings, CURLAuth* signature, Throttle& drive_throttle);
+  Client(const Settings& drive_settings, const Secrets& drive_secrets, CURLAuth* signature,
+         Throttle& drive_throttle);
   ~Client() override;
 
   // `schemes`: the CURLAUTH_ bits to answer a server's wish for a login with. `fresh`: not on a
@@ -101,6 +105,7 @@ class Client : public CURLImpl {
   void KnowNonce(Throttle::Ticket ticket);
 
   const Settings& settings;
+  const Secrets& secrets;
   CURLAuth* const auth;
   Throttle& throttle;
   std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi;

@@ -169,6 +169,13 @@ std::string ParentOf(std::string_view path) {
   return slash == std::string_view::npos || slash == 0 ? "/" : std::string(path.substr(0, slash));
 }
 
+bool HasControlCharacter(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7F;
+  });
+}
+
 std::string EncodeSegment(std::string_view name) {
   std::string text;
   for (const char c : name) {

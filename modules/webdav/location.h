@@ -50,6 +50,9 @@ class Location {
 // The folder that holds what a path names; "/" for the root.
 [[nodiscard]] std::string ParentOf(std::string_view path);
 
+// True for a text that would end the header line it is put into, or worse.
+[[nodiscard]] bool HasControlCharacter(std::string_view text);
+
 // Percent-encodes all but letters, digits and "-._~".
 [[nodiscard]] std::string EncodeSegment(std::string_view name);
 // Decodes what is a percent sign with two hexadecimal digits and leaves everything else.

@@ -134,7 +134,7 @@ struct Entry {
 };
 
 // What a listing's resources are called in the folder; the folder itself and strangers left out.
-AERROR EntriesOf(std::vector<Resource> resources, const std::string& url,
+AERROR EntriesOf(const Remote& remote, std::vector<Resource> resources, const std::string& url,
                  std::vector<Entry>& entries) {
   const References references(url);
   for (Resource& resource : resources) {
@@ -149,7 +149,7 @@ AERROR EntriesOf(std::vector<Resource> resources, const std::string& url,
     if (!IsUtf8(name)) {
       __LOG__A(logger, LOGLEVEL_ERROR | LOGLEVEL_HTTP,
                "%s:: a name that is not UTF-8 is left out: %s [%s:%d]", __func__,
-               EncodeSegment(name).c_str(), TARN_SOURCE);
+               remote.GetSecrets().CutFrom(EncodeSegment(name)).c_str(), TARN_SOURCE);
       continue;
     }
     entries.push_back({std::move(name), std::move(resource)});
@@ -185,7 +185,7 @@ AERROR List(Remote& remote, const std::string& path, FS_LIST_SINK sink, void* co
   Answer answer;
   AERROR error = Find(remote, url, "1", kWantedProperties, resources, answer);
   if (error == SUCCESS) {
-    error = EntriesOf(std::move(resources), answer.url, entries);
+    error = EntriesOf(remote, std::move(resources), answer.url, entries);
   }
   if (error != SUCCESS) {
     return error;

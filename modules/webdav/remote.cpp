@@ -52,12 +52,14 @@ bool ServerIsBusy(const Answer& answer) {
 Remote::Remote(Settings drive_settings, Throttle& drive_throttle)
     : settings(std::move(drive_settings)),
       identity(settings.type + ":" + settings.user + "@" + settings.location.FolderUrl("/")),
+      secrets(settings.user, settings.password, settings.token),
       throttle(drive_throttle),
       signature(settings.token.empty()
                     ? nullptr
                     : std::make_unique<CURLAuth>(std::make_shared<FixedToken>(settings.token))),
-      pool([this] { return std::make_unique<Client>(settings, signature.get(), throttle); },
-           throttle) {}
+      pool(
+          [this] { return std::make_unique<Client>(settings, secrets, signature.get(), throttle); },
+          throttle) {}
 
 AERROR Remote::Connect(std::string& message) {
   Resource root;
@@ -114,8 +116,8 @@ Answer Remote::Perform(Request& request, Throttle::Ticket ticket, bool fresh) {
   Answer answer = client->Perform(request, ticket, schemes, fresh);
   LearnSchemes(answer);
   __LOG__A(logger, LOGLEVEL_DEBUG | LOGLEVEL_HTTP, "%s:: %s %s: %ld %s [%s:%d]", __func__,
-           request.method.c_str(), request.url.c_str(), answer.status, answer.error.c_str(),
-           TARN_SOURCE);
+           request.method.c_str(), secrets.CutFrom(request.url).c_str(), answer.status,
+           answer.error.c_str(), TARN_SOURCE);
   return answer;
 }
 

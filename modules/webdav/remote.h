@@ -26,6 +26,9 @@ class Remote {
   // broke or the server was busy.
   [[nodiscard]] Answer Send(Request& request);
 
+  // What must not be told of the drive.
+  [[nodiscard]] const Secrets& GetSecrets() const { return secrets; }
+
   // Has running requests end that the throttle has cancelled.
   void Wake() { pool.Wake(); }
 
@@ -47,6 +50,7 @@ class Remote {
 
   Settings settings;
   const std::string identity;
+  const Secrets secrets;
   Throttle& throttle;
   std::unique_ptr<CURLAuth> signature;  // null without a token
   std::atomic<long> schemes{CURLAUTH_BASIC | CURLAUTH_DIGEST};

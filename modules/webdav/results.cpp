@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "common/log.h"
-#include "modules/webdav/trace.h"
 
 namespace tarn::webdav {
 
@@ -15,7 +14,7 @@ constexpr size_t kMaxReasonBytes = 300;
 std::string WordsOf(const Answer& answer) {
   std::string words = std::to_string(answer.status) + answer.reason + ": ";
   bool in_markup = false;
-  for (const char c : WithoutSecrets(answer.excerpt)) {
+  for (const char c : answer.excerpt) {
     const auto byte = static_cast<unsigned char>(c);
     const bool is_blank = byte <= ' ' || byte == 0x7F || in_markup || c == '<' || c == '>';
     in_markup = (in_markup || c == '<') && c != '>';
@@ -119,7 +118,7 @@ std::string DescribeForPeople(const Answer& answer, const Location& location) {
     return "The server " + host + " sends what is no WebDAV answer.";
   }
   if (!HasStatus(answer)) {
-    return "The server " + host + " does not answer: " + WithoutSecrets(answer.error);
+    return "The server " + host + " does not answer: " + answer.error;
   }
   if (answer.status == 401) {
     return "The server " + host + " does not accept this user and password or token.";

@@ -1,6 +1,6 @@
 #include "modules/webdav/settings.h"
 
-#include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "common/json.h"
@@ -16,31 +16,23 @@ std::string TextAt(const Json& request, const char* path) {
   return request.HasObject(path) ? std::string(request.GetObject(path)) : std::string();
 }
 
-bool HasControlCharacter(const std::string& text) {
-  return std::any_of(text.begin(), text.end(), [](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return byte < 0x20 || byte == 0x7F;
-  });
-}
-
 }  // namespace
 
-std::optional<Settings> ReadSettings(const std::string& connection_id, const std::string& request,
-                                     std::string& message) {
+AERROR ReadSettings(const std::string& connection_id, const std::string& request,
+                    Settings& settings, std::string& message) {
   const Json document(request.data(), static_cast<unsigned int>(request.size()), 0UL);
   const Json given = document ? document : Json();
   if (!request.empty() && !document) {
     message = "The mount request cannot be read.";
-    return std::nullopt;
+    return INVALID_PARAMETER;
   }
   const bool secure = TextAt(given, "/data/type") == kSecureType;
   std::optional<Location> location = Location::Parse(connection_id, secure);
   if (!location) {
     message = secure ? "The URL is not that of a folder on an https server."
                      : "The URL is not that of a folder on a web server.";
-    return std::nullopt;
+    return INVALID_PARAMETER;
   }
-  Settings settings;
   settings.type = location->IsSecure() ? kSecureType : kPlainType;
   settings.user = TextAt(given, "/data/user");
   settings.password = TextAt(given, "/data/password");
@@ -52,12 +44,14 @@ std::optional<Settings> ReadSettings(const std::string& connection_id, const std
     settings.user = location->GetLogin().user;
     settings.password = location->GetLogin().password;
   }
-  if (HasControlCharacter(settings.token)) {
-    message = "The token has characters that no token can have.";
-    return std::nullopt;
+  for (const std::string& text : {settings.user, settings.password, settings.token}) {
+    if (HasControlCharacter(text)) {  // would be lines of their own in a request's head
+      message = "User, password or token have characters that none can have.";
+      return ACCESS_DENIED;
+    }
   }
   settings.location = *std::move(location);
-  return settings;
+  return SUCCESS;
 }
 
 }  // namespace tarn::webdav

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <optional>
 #include <string>
 
+#include "interfaces/aerror.h"
 #include "modules/webdav/location.h"
 
 namespace tarn::webdav {
@@ -19,9 +19,9 @@ struct Settings {
 };
 
 // `connection_id` is the server's folder URL, `request` the mount request as JSON text (may be
-// empty). Where that makes no sense, `message` tells people why.
-[[nodiscard]] std::optional<Settings> ReadSettings(const std::string& connection_id,
-                                                   const std::string& request,
-                                                   std::string& message);
+// empty). Where that makes no sense, `message` tells people why: INVALID_PARAMETER, and
+// ACCESS_DENIED for a login that no server can be shown.
+[[nodiscard]] AERROR ReadSettings(const std::string& connection_id, const std::string& request,
+                                  Settings& settings, std::string& message);
 
 }  // namespace tarn::webdav

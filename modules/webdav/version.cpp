@@ -1,6 +1,7 @@
 #include "modules/webdav/version.h"
 
 #include "interfaces/fs_types.h"
+#include "modules/webdav/location.h"
 
 namespace tarn::webdav {
 
@@ -9,8 +10,9 @@ namespace {
 constexpr char kMadeUp = '~';  // begins versions that are no ETags
 constexpr const char* kWeak = "W/";
 
-bool Fits(const std::string& version) {
-  return !version.empty() && version.size() < FS_VERSION_BYTES;
+// An ETag with control characters could not be sent back, and so counts as none.
+bool IsUsable(const std::string& etag) {
+  return !etag.empty() && etag.size() < FS_VERSION_BYTES && !HasControlCharacter(etag);
 }
 
 }  // namespace
@@ -19,7 +21,7 @@ bool Fits(const std::string& version) {
 std::string VersionOf(const Resource& resource) {
   const std::string& etag = resource.etag;
   std::string version = etag.starts_with(kWeak) ? etag.substr(2) : etag;
-  if (!Fits(version) || version.front() == kMadeUp) {
+  if (!IsUsable(version) || version.front() == kMadeUp) {
     version = kMadeUp + std::to_string(resource.modified.value_or(0)) + "-" +
               std::to_string(resource.size.value_or(0));
   }
@@ -27,11 +29,11 @@ std::string VersionOf(const Resource& resource) {
 }
 
 std::string VersionOfStored(const std::string& etag) {
-  return etag.starts_with('"') && Fits(etag) ? etag : std::string();
+  return etag.starts_with('"') && IsUsable(etag) ? etag : std::string();
 }
 
 bool IsEtag(const std::string& version) {
-  return !version.empty() && version.front() != kMadeUp;
+  return IsUsable(version) && version.front() != kMadeUp;
 }
 
 std::string QuotedEtag(const std::string& version) {

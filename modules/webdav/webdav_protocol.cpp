@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -176,12 +175,13 @@ int WebdavProtocol::GetCredential(char* buffer, int* length) {
 void WebdavProtocol::SetKeyFile(const char* /*path*/) {}
 
 AERROR WebdavProtocol::ConnectTo(std::string& message) {
-  std::optional<Settings> settings = ReadSettings(connection_id, mount_request, message);
-  if (!settings) {
-    return INVALID_PARAMETER;
+  Settings settings;
+  AERROR error = ReadSettings(connection_id, mount_request, settings, message);
+  if (error != SUCCESS) {
+    return error;
   }
-  auto connecting = std::make_shared<Remote>(*std::move(settings), throttle);
-  const AERROR error = connecting->Connect(message);
+  auto connecting = std::make_shared<Remote>(std::move(settings), throttle);
+  error = connecting->Connect(message);
   if (error == SUCCESS) {
     const MutexLock hold(remote_lock);
     remote = std::move(connecting);

@@ -325,6 +325,28 @@ TEST_F(ScriptedTest, TheServersWordsForARefusalAreLogged) {
   EXPECT_THAT(log.Text(), HasSubstr("507 As Scripted: The disk is full"));
 }
 
+TEST_F(ScriptedTest, ALoginThatTheServerRepeatsIsToldToNobody) {
+  ScriptedServer echo([&](const Request& request) {
+    const std::string sent = request.Header("Authorization");
+    const std::string said = sent + (sent.starts_with("Basic") ? " open sesame" : "");
+    return Reply{.bytes = sent.empty()
+                              ? HttpAnswer(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n")
+                              : "HTTP/1.1 500 No " + said + "\r\nX-Sent: " + said +
+                                    "\r\nContent-Length: 60\r\n\r\n" +
+                                    (said + std::string(60, ' ')).substr(0, 60)};
+  });
+  for (const char* login :
+       {R"(,"token":"top-secret")", R"(,"user":"bob","password":"open sesame")"}) {
+    EXPECT_EQ(ConnectTo(echo.Url(), login), FAILED);
+    EXPECT_THAT(message, HasSubstr("500 No"));
+    for (const std::string& text : {message, log.Text()}) {
+      for (const char* secret : {"top-secret", "open sesame", "Ym9iOm9wZW4gc2VzYW1l"}) {
+        EXPECT_THAT(text, Not(HasSubstr(secret)));
+      }
+    }
+  }
+}
+
 TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
   std::string etag = "W/\"1\"";  // a server that compares weak tags refuses even its own
   Serve([&](const Request& request) {

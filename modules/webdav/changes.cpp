@@ -21,16 +21,6 @@ Answer Change(Remote& remote, const char* method, std::string url,
   return remote.Send(request);
 }
 
-// A multistatus answer to a change tells of parts that could not be changed.
-bool IsDone(const Answer& answer) {
-  return answer.IsGood() && answer.status != 207;
-}
-
-AERROR ResultOf(const Answer& answer) {
-  const AERROR error = ResultOfChanging(answer);
-  return error == SUCCESS && !IsDone(answer) ? FILE_WRITE_FAILED : error;
-}
-
 struct Rename {
   const std::string& from;
   const std::string& to;
@@ -90,21 +80,25 @@ AERROR Replace(Remote& remote, const std::string& from, const std::string& to) {
   if (error != SUCCESS) {
     return error;
   }
-  return ResultOf(SendMove(remote, {from, to, is_folder, !is_folder}));
+  return ResultOfChanging(SendMove(remote, {from, to, is_folder, !is_folder}));
 }
 
 }  // namespace
 
 AERROR CreateFolder(Remote& remote, const std::string& path) {
   const Answer answer = Change(remote, "MKCOL", remote.GetLocation().FolderUrl(path), {});
-  return answer.status == 405 ? ALREADY_EXISTS : ResultOf(answer);
+  FS_INFO info{};
+  if (answer.status == 405 && GetInfo(remote, path, info) == SUCCESS) {
+    return ALREADY_EXISTS;
+  }
+  return ResultOfChanging(answer);
 }
 
 // The depth makes servers refuse where a folder has taken the file's place meanwhile.
 AERROR DeleteFile(Remote& remote, const std::string& path) {
   const Answer answer =
       Change(remote, "DELETE", remote.GetLocation().FileUrl(path), {{"Depth", "0"}});
-  return answer.status == 404 ? FILE_NOT_FOUND : ResultOf(answer);
+  return answer.status == 404 ? FILE_NOT_FOUND : ResultOfChanging(answer);
 }
 
 // Servers delete folders with all that is in them.
@@ -113,7 +107,7 @@ AERROR DeleteFolder(Remote& remote, const std::string& path) {
   if (error != SUCCESS) {
     return error;
   }
-  return ResultOf(Change(remote, "DELETE", remote.GetLocation().FolderUrl(path), {}));
+  return ResultOfChanging(Change(remote, "DELETE", remote.GetLocation().FolderUrl(path), {}));
 }
 
 AERROR Move(Remote& remote, const std::string& from, const std::string& to, bool may_move_folders) {
@@ -140,7 +134,7 @@ AERROR Move(Remote& remote, const std::string& from, const std::string& to, bool
   if (answer.status == 412) {
     return Replace(remote, from, to);
   }
-  const AERROR error = ResultOf(answer);
+  const AERROR error = ResultOfChanging(answer);
   return error == SUCCESS ? SUCCESS : ReasonOfFailedMove(remote, to, error);
 }
 

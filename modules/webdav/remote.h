@@ -38,10 +38,13 @@ class Remote {
   [[nodiscard]] const std::string& GetIdentity() const { return identity; }
   [[nodiscard]] bool TellsQuota() const { return tells_quota; }
 
-  // Whether the server heeds If-Match. Not all do, and those that do not store the file.
+  // Whether the server heeds If-Match and If-None-Match with an upload. Not all do, some only one
+  // of them, and those that do not store the file.
   enum class Conditions { kUnknown, kHeeded, kIgnored };
-  [[nodiscard]] Conditions GetConditions() const { return conditions; }
-  void SetConditions(Conditions known) { conditions = known; }
+  [[nodiscard]] Conditions GetMatch() const { return match; }
+  void SetMatch(Conditions known) { match = known; }
+  [[nodiscard]] Conditions GetNoneMatch() const { return none_match; }
+  void SetNoneMatch(Conditions known) { none_match = known; }
 
  private:
   [[nodiscard]] Answer Perform(Request& request, Throttle::Ticket ticket, bool fresh);
@@ -54,7 +57,8 @@ class Remote {
   Throttle& throttle;
   std::unique_ptr<CURLAuth> signature;  // null without a token
   std::atomic<long> schemes{CURLAUTH_BASIC | CURLAUTH_DIGEST};
-  std::atomic<Conditions> conditions{Conditions::kUnknown};
+  std::atomic<Conditions> match{Conditions::kUnknown};
+  std::atomic<Conditions> none_match{Conditions::kUnknown};
   bool tells_quota = false;
   Pool pool;
 };

@@ -86,8 +86,12 @@ AERROR ResultOfReading(const Answer& answer) {
   return ResultOfStatus(answer.status);
 }
 
+bool IsDone(const Answer& answer) {
+  return answer.IsGood() && (answer.status == 200 || answer.status == 201 || answer.status == 204);
+}
+
 AERROR ResultOfChanging(const Answer& answer) {
-  if (answer.IsGood()) {
+  if (IsDone(answer)) {
     return SUCCESS;
   }
   if (answer.cancelled) {
@@ -100,7 +104,7 @@ AERROR ResultOfChanging(const Answer& answer) {
     return DEVICE_NOT_READY;
   }
   const AERROR error = ResultOfStatus(answer.status);
-  return error == FAILED ? FILE_WRITE_FAILED : error;
+  return error == FAILED || error == NOT_SUPPORTED ? FILE_WRITE_FAILED : error;
 }
 
 std::string DescribeForPeople(const Answer& answer, const Location& location) {

@@ -11,6 +11,10 @@ namespace tarn::webdav {
 // What an answer means for an operation that only looks at what is there.
 [[nodiscard]] AERROR ResultOfReading(const Answer& answer);
 
+// Whether what was asked for has been done. A server that says something else, that it will do it
+// later for instance or that parts could not be done, may not do it.
+[[nodiscard]] bool IsDone(const Answer& answer);
+
 // What it means for one that changes something. Logs what the server says against it.
 [[nodiscard]] AERROR ResultOfChanging(const Answer& answer);
 

@@ -317,11 +317,36 @@ TEST_F(ScriptedTest, AConnectionThatTheServerClosedIsReplaced) {
   EXPECT_EQ(server->Count("PUT"), 3);
 }
 
-TEST_F(ScriptedTest, TheServersWordsForARefusalAreLogged) {
-  Serve([](const Request&) {
-    return Reply{.bytes = HttpAnswer(507, "<html><h1>The disk</h1> is <b>full</b></html>")};
+TEST_F(ScriptedTest, OnlyWhatSaysThatAChangeIsMadeCountsAndRefusalsAreLogged) {
+  std::atomic<int> status{0};
+  Serve([&](const Request& request) {
+    const bool asks = request.method == "PROPFIND" && request.target == "/";
+    return Reply{.bytes =
+                     asks ? kRootAnswer
+                          : HttpAnswer(status, "<html><h1>The disk</h1> is <b>full</b></html>")};
   });
-  EXPECT_EQ(Put("/f", "x"), FILE_WRITE_FAILED);
+  for (const auto& [answered, expected] : std::map<int, AERROR>{
+           {200, SUCCESS},
+           {201, SUCCESS},
+           {202, FILE_WRITE_FAILED},
+           {204, SUCCESS},
+           {207, FILE_WRITE_FAILED},
+           {303, FILE_WRITE_FAILED},
+           {403, ACCESS_DENIED},
+           {405, FILE_WRITE_FAILED},
+           {413, FILE_WRITE_FAILED},
+           {423, SHARING_VIOLATION},
+           {501, FILE_WRITE_FAILED},
+           {507, FILE_WRITE_FAILED},
+       }) {
+    status = answered;
+    EXPECT_EQ(Put("/f", "x"), expected) << answered;
+    EXPECT_EQ(protocol->DeleteFile("/f"), expected) << answered;
+    EXPECT_EQ(protocol->CreateFolder("/f"), expected) << answered;
+    if (answered != 403) {  // may be said of a folder that is asked for as a file
+      EXPECT_EQ(protocol->Move("/f", "/g"), expected) << answered;
+    }
+  }
   EXPECT_THAT(log.Text(), HasSubstr("507 As Scripted: The disk is full"));
 }
 
@@ -361,6 +386,64 @@ TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
   EXPECT_EQ(server->Requests().back().Header("If-Match"), "");
   etag = "\"2\"";
   EXPECT_EQ(Put("/f", "abc", "\"1\""), SHARING_VIOLATION);
+}
+
+// A server with one folder that heeds the conditions of uploads or not.
+struct Shelf {
+  bool heeds_match = true;
+  bool heeds_none_match = true;
+  int gone = 412;  // what it says to If-Match where nothing is
+  std::map<std::string, std::string> etags{};
+
+  Reply Answer(const Request& request) {
+    const auto found = etags.find(request.target);
+    if (request.method == "PROPFIND") {
+      return {.bytes = request.target == "/"  ? kRootAnswer
+                       : found == etags.end() ? HttpAnswer(404)
+                                              : FileAnswer(request.target, found->second)};
+    }
+    const std::string match = request.Header("If-Match");
+    if (heeds_match && !match.empty() && (found == etags.end() || found->second != match)) {
+      return {.bytes = HttpAnswer(found == etags.end() ? gone : 412)};
+    }
+    if (heeds_none_match && !request.Header("If-None-Match").empty() && found != etags.end()) {
+      return {.bytes = HttpAnswer(412)};
+    }
+    const std::string etag = "\"" + std::to_string(++stored) + "\"";
+    etags[request.target] = etag;
+    return {.bytes = HttpAnswer(201, "", "ETag: " + etag + "\r\n")};
+  }
+
+  int stored = 0;
+};
+
+TEST_F(ScriptedTest, NobodyElsesFileIsReplacedWhateverConditionsTheServerHeeds) {
+  for (const auto& [heeds_match, heeds_none_match, gone] : {std::tuple{true, true, 412},
+                                                            {true, true, 404},
+                                                            {true, false, 404},
+                                                            {false, true, 412},
+                                                            {false, false, 412}}) {
+    Shelf shelf{.heeds_match = heeds_match, .heeds_none_match = heeds_none_match, .gone = gone};
+    connected = false;
+    Serve([&](const Request& request) { return shelf.Answer(request); });
+    std::string version;
+    for (const char* path : {"/a", "/b", "/c"}) {  // from what the first ones teach, the next gain
+      EXPECT_EQ(Put(path, "new", "", &version), SUCCESS);
+      EXPECT_EQ(Put(path, "newer", version.c_str(), &version), SUCCESS);
+      EXPECT_EQ(Put(path, "newer still", version.c_str(), &version), SUCCESS);
+      EXPECT_EQ(version, shelf.etags[path]);
+      EXPECT_EQ(Put(path, "mine", ""), SHARING_VIOLATION);
+      EXPECT_EQ(Put(path, "mine", "\"0\""), SHARING_VIOLATION);
+      EXPECT_EQ(version, shelf.etags[path]) << heeds_match << heeds_none_match << gone;
+      EXPECT_EQ(Put("/deleted", "mine", version.c_str()), SHARING_VIOLATION);
+    }
+    const int questions = server->Count("PROPFIND");
+    EXPECT_EQ(Put("/d", "new", ""), SUCCESS);
+    EXPECT_EQ(Put("/d", "newer", shelf.etags["/d"].c_str()), SUCCESS);
+    EXPECT_EQ(server->Count("PROPFIND") - questions,
+              (heeds_match ? 0 : 1) + (heeds_none_match ? 0 : 1));
+    EXPECT_EQ(shelf.etags.count("/deleted"), 0U);
+  }
 }
 
 TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {

@@ -77,6 +77,14 @@ TEST_P(ServerTest, SomebodyElsesChangeIsNotOverwritten) {
   EXPECT_EQ(Get("/file", content, theirs.c_str()), SHARING_VIOLATION);
   EXPECT_EQ(Get("/file", content, Version("/file").c_str()), SUCCESS);
   EXPECT_EQ(content, "mine now");
+  for (const char* content_at_server : {"theirs once more", "theirs, the last time"}) {
+    const std::string known = Version("/file");
+    server.WriteFile("file", content_at_server);
+    EXPECT_EQ(Put("/file", "mine", known.c_str()), SHARING_VIOLATION);
+    EXPECT_EQ(Put("/file", "mine", ""), SHARING_VIOLATION);
+    EXPECT_EQ(server.ReadFile("file"), content_at_server);
+    EXPECT_EQ(Put("/file", "mine", Version("/file").c_str()), SUCCESS);
+  }
   EXPECT_EQ(Put("/other", "x", first.c_str()), SHARING_VIOLATION) << "what was there is gone";
   EXPECT_EQ(Names("/"), std::vector<std::string>{"file"});
 }

@@ -47,13 +47,21 @@ void Events::EndUpload(AERROR error, const std::string& path) {
 
 void Events::Failed(FS_EVENT operation, AERROR error, const std::string& path,
                     const std::string& origin) {
-  if (!MattersToPeople(error)) {
+  if (!MattersToPeople(error) || (error == DEVICE_NOT_READY && !reachable)) {
     return;
   }
   Log(LOGLEVEL_ERROR, "operation %d on %s failed: %d", static_cast<int>(operation), path.c_str(),
       static_cast<int>(error));
   if (const auto listener = Sink(); listener) {
     listener->Error(operation, error, path.c_str(), origin.c_str(), nullptr);
+  }
+}
+
+void Events::ReachabilityChanged(bool is_reachable) {
+  reachable = is_reachable;
+  Log(LOGLEVEL_ERROR, "the remote %s", is_reachable ? "answers again" : "cannot be reached");
+  if (const auto listener = is_reachable ? nullptr : Sink(); listener) {
+    listener->Error(FS_EVENT_READDIR, DEVICE_NOT_READY, "/", "/", nullptr);
   }
 }
 

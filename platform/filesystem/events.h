@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -21,11 +22,14 @@ class Events {
   void EndUpload(AERROR error, const std::string& path);
   // Tells of a failed operation if it matters to people; `origin` is the place before a move.
   void Failed(FS_EVENT operation, AERROR error, const std::string& path, const std::string& origin);
+  // Tells of it once; while the remote cannot be reached, calls that fail for it are not told of.
+  void ReachabilityChanged(bool is_reachable);
   void Unmounted(const std::string& mount_point);
 
  private:
   [[nodiscard]] std::shared_ptr<IFSEvent> Sink();
 
+  std::atomic<bool> reachable = true;
   Mutex lock;
   std::shared_ptr<IFSEvent> sink TARN_GUARDED_BY(lock);
 };

@@ -18,11 +18,16 @@ constexpr int kMaxAttempts = 10;
 
 }  // namespace
 
-FileSystem::FileSystem(Clock::duration attribute_time_out)
-    : mounted_at(Now()),
+FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
+    : remote(limits, [this](bool is_reachable) { ReachabilityChanged(is_reachable); }),
+      mounted_at(Now()),
       time_out(attribute_time_out),
       listings(attribute_time_out),
       space(kUnknownSpace) {}
+
+FileSystem::~FileSystem() {
+  (void)remote.Close({});  // or its threads would go on to tell of what they find
+}
 
 void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
   remote.Add(std::move(protocol));
@@ -72,6 +77,14 @@ std::optional<PathLocks::Hold> FileSystem::HoldPlaces(const std::vector<Place>& 
   }
 }
 
+void FileSystem::ReachabilityChanged(bool is_reachable) {
+  {
+    const MutexLock guard(lock);
+    listings.BelieveOld(!is_reachable);
+  }
+  events.ReachabilityChanged(is_reachable);
+}
+
 int FileSystem::Find(const std::string& path, bool ask_anew, Listings::Answer& answer) {
   for (int attempt = 1;; ++attempt) {
     const auto asked = Clock::now();
@@ -79,7 +92,8 @@ int FileSystem::Find(const std::string& path, bool ask_anew, Listings::Answer& a
     {
       const MutexLock guard(lock);
       answer = listings.Find(path, asked);
-      if (!ask_anew && answer.known != Listings::Known::kNothing) {
+      const bool may_ask = ask_anew && remote.IsReachable();
+      if (!may_ask && answer.known != Listings::Known::kNothing) {
         return 0;
       }
       ticket = listings.Begin();
@@ -89,7 +103,10 @@ int FileSystem::Find(const std::string& path, bool ask_anew, Listings::Answer& a
     if (ErrnoOf(error) == ENOENT) {
       answer.known = Listings::Known::kAbsent;
     } else if (error != SUCCESS) {
-      return ErrnoOf(error);
+      const MutexLock guard(lock);
+      const bool is_lost = error == DEVICE_NOT_READY && !remote.IsReachable();
+      answer = is_lost ? listings.Find(path, asked) : Listings::Answer{};
+      return answer.known != Listings::Known::kNothing ? 0 : ErrnoOf(error);
     }
     const MutexLock guard(lock);
     const bool is_present = answer.known == Listings::Known::kPresent;

@@ -60,7 +60,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
  public:
   static constexpr std::chrono::seconds kAttributeTimeOut{5};
 
-  explicit FileSystem(Clock::duration attribute_time_out = kAttributeTimeOut);
+  explicit FileSystem(Clock::duration attribute_time_out = kAttributeTimeOut,
+                      const Limits& limits = {});
+  ~FileSystem();
 
   void AddProtocol(std::shared_ptr<IProtocol_V2> protocol);
   [[nodiscard]] Remote& GetRemote() { return remote; }
@@ -225,6 +227,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] bool HoldsUnsent(const std::string& folder) const TARN_REQUIRES(lock);
   void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const TARN_REQUIRES(lock);
   void AskSpace();
+  // Called when the remote cannot be reached any more, and when it can be again.
+  void ReachabilityChanged(bool is_reachable) TARN_EXCLUDES(lock);
 
   Remote remote;
   Events events;

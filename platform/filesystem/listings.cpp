@@ -9,6 +9,7 @@ namespace tarn::fs {
 namespace {
 
 constexpr size_t kMaxRecords = 200'000;  // about 50 MiB at worst
+constexpr std::chrono::seconds kOldFor{1};  // how long the kernel is to keep what may be old
 
 }  // namespace
 
@@ -23,12 +24,17 @@ Listings::Answer Listings::Find(const std::string& path, Clock::time_point now) 
     const Record& record = found->second;
     if (IsBelievable(record.asked, now)) {
       return {record.present ? Known::kPresent : Known::kAbsent, record.attributes, record.asked,
-              record.asked + time_out - now};
+              BelievableFor(record.asked, now)};
     }
   } else if (known.complete && IsBelievable(known.listed, now)) {
-    return {Known::kAbsent, {}, known.listed, known.listed + time_out - now};
+    return {Known::kAbsent, {}, known.listed, BelievableFor(known.listed, now)};
   }
   return {};
+}
+
+Clock::duration Listings::BelievableFor(Clock::time_point asked, Clock::time_point now) const {
+  const auto left = asked + time_out - now;
+  return believes_old ? std::max<Clock::duration>(left, kOldFor) : left;
 }
 
 bool Listings::Get(const std::string& folder, Clock::time_point now, std::vector<Entry>& entries,
@@ -122,8 +128,21 @@ void Listings::SetAbsent(const std::string& path, Clock::time_point now) {
 void Listings::Forget(const std::string& path) {
   Folder& folder = FolderAt(std::string(FolderOf(path)));
   folder.changed = folder.forgotten = ++changes;
-  record_count -= folder.records.erase(std::string(NameOf(path)));
-  folder.complete = false;  // or the missing record would mean that the path is absent
+  folder.listed = {};
+  if (const auto record = folder.records.find(std::string(NameOf(path)));
+      record != folder.records.end()) {
+    record->second.asked = {};
+    record->second.changed = changes;
+  }
+}
+
+void Listings::Expire() {
+  for (auto& [path, folder] : folders) {
+    folder.listed = {};
+    for (auto& [name, record] : folder.records) {
+      record.asked = {};
+    }
+  }
 }
 
 void Listings::ForgetTree(const std::string& folder) {

@@ -50,10 +50,15 @@ class Listings {
   bool Add(Ticket ticket, const std::string& path, const Attributes* attributes,
            Clock::time_point asked);
 
+  // Whether everything that is known counts however old it is, because nobody can be asked.
+  void BelieveOld(bool believed) { believes_old = believed; }
+
   // What was changed from here: how the path is now, or only that it is to be asked anew.
   void SetPresent(const std::string& path, const Attributes& attributes, Clock::time_point now);
   void SetAbsent(const std::string& path, Clock::time_point now);
+  // Where nobody can be asked, what was known before still counts.
   void Forget(const std::string& path);
+  void Expire();  // everything is to be asked anew
   // Nothing that was known of what the folder holds, at any depth, stands any more.
   void ForgetTree(const std::string& folder);
 
@@ -73,13 +78,15 @@ class Listings {
   };
 
   [[nodiscard]] bool IsBelievable(Clock::time_point asked, Clock::time_point now) const {
-    return asked + time_out > now;
+    return believes_old || asked + time_out > now;
   }
+  [[nodiscard]] Clock::duration BelievableFor(Clock::time_point asked, Clock::time_point now) const;
   Folder& FolderAt(const std::string& path);
   void Put(Folder& folder, const std::string& path, Record record);
   void Bound(const std::string& keep);
 
   Clock::duration time_out;
+  bool believes_old = false;
   Ticket changes = 1;
   Ticket floor = 0;                       // last change in folders that were dropped from `folders`
   std::map<std::string, Folder> folders;  // by path

@@ -7,8 +7,6 @@
 
 namespace tarn::fs {
 
-namespace {
-
 bool Meet(const std::vector<std::string>& some, const std::vector<std::string>& others) {
   return std::any_of(some.begin(), some.end(), [&](const std::string& one) {
     return std::any_of(others.begin(), others.end(), [&](const std::string& other) {
@@ -16,8 +14,6 @@ bool Meet(const std::vector<std::string>& some, const std::vector<std::string>& 
     });
   });
 }
-
-}  // namespace
 
 PathLocks::Hold& PathLocks::Hold::operator=(Hold&& other) noexcept {
   Release();

@@ -9,6 +9,10 @@
 
 namespace tarn::fs {
 
+// Whether one of `some` is one of `others`, or lies above or below it.
+[[nodiscard]] bool Meet(const std::vector<std::string>& some,
+                        const std::vector<std::string>& others);
+
 // Keeps changes of the remote in an order that makes sense: two changes whose paths meet (the same
 // path, or one below the other) happen one after the other, in order of arrival; all others at the
 // same time. These are no locks of data: they are held while the remote works.

@@ -31,16 +31,17 @@ Attributes FromInfo(const FS_INFO& info, int protocol) {
   return attributes;
 }
 
-// Collects one protocol's listing; entries that an earlier one has are hidden by it.
+// Collects one protocol's listing, on the thread of the call; entries that an earlier one has are
+// hidden by it.
 struct Collector {
-  std::vector<Entry>* entries;
+  std::vector<Entry> entries;
   std::unordered_set<std::string> names;
   int protocol;
 
   static int Add(void* context, const char* name, const FS_INFO* info) {
     auto& self = *static_cast<Collector*>(context);
     if (name != nullptr && info != nullptr && IsValidName(name) && self.names.insert(name).second) {
-      self.entries->push_back({name, FromInfo(*info, self.protocol)});
+      self.entries.push_back({name, FromInfo(*info, self.protocol)});
     }
     return 1;
   }
@@ -50,7 +51,7 @@ struct Collector {
 
 template <typename Operation>
 AERROR Remote::Run(int index, Operation operation) {
-  std::shared_ptr<IProtocol_V2> protocol;
+  std::shared_ptr<LimitedProtocol> protocol;
   {
     const MutexLock guard(lock);
     if (closed) {
@@ -72,8 +73,36 @@ AERROR Remote::Run(int index, Operation operation) {
 }
 
 void Remote::Add(std::shared_ptr<IProtocol_V2> protocol) {
+  auto limited = std::make_shared<LimitedProtocol>(
+      std::move(protocol), limits, [this](bool is_reachable) { Told(is_reachable); });
   const MutexLock guard(lock);
-  protocols.push_back(std::move(protocol));
+  protocols.push_back(std::move(limited));
+}
+
+void Remote::Told(bool is_reachable) {
+  const MutexLock guard(telling);
+  const int before = unreachable_protocols;
+  const int now = before + (is_reachable ? -1 : 1);
+  unreachable_protocols = now;
+  if (listener && (before == 0 || now == 0)) {
+    listener(is_reachable);
+  }
+}
+
+Remote::Protocols Remote::GetProtocols() const {
+  const MutexLock guard(lock);
+  return protocols;
+}
+
+std::optional<std::chrono::system_clock::time_point> Remote::UnreachableSince() const {
+  std::optional<std::chrono::system_clock::time_point> first;
+  for (const auto& protocol : GetProtocols()) {
+    const auto since = protocol->GetReachability().UnreachableSince();
+    if (since && (!first || *since < *first)) {
+      first = since;
+    }
+  }
+  return first;
 }
 
 int Remote::Count() const {
@@ -84,18 +113,19 @@ int Remote::Count() const {
 std::shared_ptr<IProtocol_V2> Remote::At(int index) const {
   const MutexLock guard(lock);
   const bool exists = index >= 0 && static_cast<size_t>(index) < protocols.size();
-  return exists ? protocols[static_cast<size_t>(index)] : nullptr;
+  return exists ? protocols[static_cast<size_t>(index)]->Get() : nullptr;
 }
 
 AERROR Remote::InfoFrom(int index, const std::string& path, Attributes& attributes) {
-  return Run(index, [&](IProtocol_V2& protocol) {
-    FS_INFO info = {};
-    const AERROR error = protocol.GetInfo(path.c_str(), &info);
-    if (error == SUCCESS) {
-      attributes = FromInfo(info, index);
-    }
-    return error;
+  const auto info = std::make_shared<FS_INFO>();
+  const AERROR error = Run(index, [&](LimitedProtocol& protocol) {
+    return protocol.Ask(
+        [info, path](IProtocol_V2& called) { return called.GetInfo(path.c_str(), info.get()); });
   });
+  if (error == SUCCESS) {
+    attributes = FromInfo(*info, index);
+  }
+  return error;
 }
 
 AERROR Remote::GetInfo(const std::string& path, Attributes& attributes) {
@@ -110,13 +140,20 @@ AERROR Remote::GetInfo(const std::string& path, Attributes& attributes) {
 }
 
 AERROR Remote::ListFrom(int index, const std::string& path, std::vector<Entry>& entries) {
-  Collector collector{&entries, {}, index};
+  const auto collector = std::make_shared<Collector>(Collector{{}, {}, index});
   for (const Entry& entry : entries) {
-    collector.names.insert(entry.name);
+    collector->names.insert(entry.name);
   }
-  return Run(index, [&](IProtocol_V2& protocol) {
-    return protocol.List(path.c_str(), &Collector::Add, &collector);
+  const AERROR error = Run(index, [&](LimitedProtocol& protocol) {
+    return protocol.Ask([collector, path](IProtocol_V2& called) {
+      return called.List(path.c_str(), &Collector::Add, collector.get());
+    });
   });
+  if (error == SUCCESS) {
+    entries.insert(entries.end(), std::make_move_iterator(collector->entries.begin()),
+                   std::make_move_iterator(collector->entries.end()));
+  }
+  return error;
 }
 
 AERROR Remote::List(const std::string& path, std::vector<Entry>& entries) {
@@ -136,39 +173,25 @@ AERROR Remote::List(const std::string& path, std::vector<Entry>& entries) {
   return result;
 }
 
-template <typename Ask>
-AERROR Remote::ReadFrom(int index, size_t length, size_t& received, Ask ask) {
-  received = 0;
-  return Run(index, [&](IProtocol_V2& protocol) {
-    unsigned long long count = 0;
-    const AERROR error = ask(protocol, &count);
-    if (error == SUCCESS && count > length) {
-      return FAILED;
-    }
-    received = error == SUCCESS ? static_cast<size_t>(count) : 0;
-    return error;
-  });
-}
-
 AERROR Remote::Read(int protocol, const std::string& path, unsigned long long offset, void* buffer,
                     size_t length, size_t& received) {
-  return ReadFrom(protocol, length, received, [&](IProtocol_V2& remote, unsigned long long* count) {
-    return remote.Read(path.c_str(), offset, buffer, length, count);
+  received = 0;
+  return Run(protocol, [&](LimitedProtocol& remote) {
+    return remote.Read(path, nullptr, offset, buffer, length, received);
   });
 }
 
-bool Remote::ReadsVersions(int protocol) {
+bool Remote::ReadsVersions(int protocol) const {
   return Can(protocol, FS_CAN_READ_VERSION);
 }
 
 AERROR Remote::ReadVersion(const Attributes& file, const std::string& path,
                            unsigned long long offset, void* buffer, size_t length,
                            size_t& received) {
-  return ReadFrom(file.protocol, length, received,
-                  [&](IProtocol_V2& remote, unsigned long long* count) {
-                    return remote.ReadVersion(path.c_str(), file.version.c_str(), offset, buffer,
-                                              length, count);
-                  });
+  received = 0;
+  return Run(file.protocol, [&](LimitedProtocol& remote) {
+    return remote.Read(path, &file.version, offset, buffer, length, received);
+  });
 }
 
 AERROR Remote::FindFolder(const std::string& path, int& protocol) {
@@ -208,11 +231,9 @@ AERROR Remote::Upload(const std::string& path, FS_SOURCE& source, unsigned long 
   if (const AERROR error = FindPlaceFor(path, protocol); error != SUCCESS) {
     return error;
   }
-  const AERROR error = Run(protocol, [&](IProtocol_V2& remote) {
-    return remote.Upload(path.c_str(), &source, size, progress, context);
+  return Run(protocol, [&](LimitedProtocol& remote) {
+    return remote.Upload(path, source, size, progress, context);
   });
-  source.version[sizeof source.version - 1] = '\0';
-  return error;
 }
 
 AERROR Remote::CreateFolder(const std::string& path) {
@@ -220,7 +241,10 @@ AERROR Remote::CreateFolder(const std::string& path) {
   if (const AERROR error = FindFolder(std::string(FolderOf(path)), protocol); error != SUCCESS) {
     return error;
   }
-  return Run(protocol, [&](IProtocol_V2& remote) { return remote.CreateFolder(path.c_str()); });
+  return Run(protocol, [&](LimitedProtocol& remote) {
+    return remote.Change(
+        {path}, [path](IProtocol_V2& called) { return called.CreateFolder(path.c_str()); });
+  });
 }
 
 AERROR Remote::DeleteFile(const std::string& path) {
@@ -230,8 +254,10 @@ AERROR Remote::DeleteFile(const std::string& path) {
       return error;
     }
   }
-  return Run(attributes.protocol,
-             [&](IProtocol_V2& remote) { return remote.DeleteFile(path.c_str()); });
+  return Run(attributes.protocol, [&](LimitedProtocol& remote) {
+    return remote.Change({path},
+                         [path](IProtocol_V2& called) { return called.DeleteFile(path.c_str()); });
+  });
 }
 
 AERROR Remote::DeleteFolder(const std::string& path) {
@@ -244,8 +270,10 @@ AERROR Remote::DeleteFolder(const std::string& path) {
   }
   AERROR result = FILE_NOT_FOUND;
   for (int index = 0; index < count; ++index) {
-    const AERROR error =
-        Run(index, [&](IProtocol_V2& remote) { return remote.DeleteFolder(path.c_str()); });
+    const AERROR error = Run(index, [&](LimitedProtocol& remote) {
+      return remote.Change(
+          {path}, [path](IProtocol_V2& called) { return called.DeleteFolder(path.c_str()); });
+    });
     if (error != SUCCESS && !IsNotFound(error)) {
       return error;
     }
@@ -278,7 +306,11 @@ AERROR Remote::Move(const std::string& from, const std::string& to) {
       return NOT_SUPPORTED;
     }
   }
-  return Run(place, [&](IProtocol_V2& remote) { return remote.Move(from.c_str(), to.c_str()); });
+  return Run(place, [&](LimitedProtocol& remote) {
+    return remote.Change({from, to}, [from, to](IProtocol_V2& called) {
+      return called.Move(from.c_str(), to.c_str());
+    });
+  });
 }
 
 AERROR Remote::SetModifiedTime(const std::string& path, const FS_TIME& time) {
@@ -291,48 +323,48 @@ AERROR Remote::SetModifiedTime(const std::string& path, const FS_TIME& time) {
   if (!KeepsTimes(attributes.protocol)) {
     return NOT_SUPPORTED;
   }
-  return Run(attributes.protocol,
-             [&](IProtocol_V2& remote) { return remote.SetModifiedTime(path.c_str(), &time); });
+  return Run(attributes.protocol, [&](LimitedProtocol& remote) {
+    return remote.Change({path}, [path, time](IProtocol_V2& called) {
+      return called.SetModifiedTime(path.c_str(), &time);
+    });
+  });
 }
 
 AERROR Remote::GetSize(unsigned long long& total, unsigned long long& free) {
   AERROR result = NOT_SUPPORTED;
   total = free = 0;
   for (int index = 0, count = Count(); index < count; ++index) {
-    unsigned long long one_total = 0;
-    unsigned long long one_free = 0;
-    const AERROR error =
-        Run(index, [&](IProtocol_V2& remote) { return remote.GetSize(&one_total, &one_free); });
-    if (error == SUCCESS && one_free <= one_total) {
+    struct Size {
+      unsigned long long total = 0;
+      unsigned long long free = 0;
+    };
+    const auto size = std::make_shared<Size>();
+    const AERROR error = Run(index, [&](LimitedProtocol& remote) {
+      return remote.Ask(
+          [size](IProtocol_V2& called) { return called.GetSize(&size->total, &size->free); });
+    });
+    if (error == SUCCESS && size->free <= size->total) {
       result = SUCCESS;
-      total += one_total;
-      free += one_free;
+      total += size->total;
+      free += size->free;
     }
   }
   return result;
 }
 
-bool Remote::Can(int protocol, FS_CAPABILITY capability) {
-  unsigned long long capabilities = 0;
-  const AERROR error = Run(protocol, [&](IProtocol_V2& remote) {
-    capabilities = remote.GetCapabilities();
-    return SUCCESS;
-  });
-  return error == SUCCESS && (capabilities & capability) != 0;
+bool Remote::Can(int protocol, FS_CAPABILITY capability) const {
+  const MutexLock guard(lock);
+  const bool exists = protocol >= 0 && static_cast<size_t>(protocol) < protocols.size();
+  return exists && (protocols[static_cast<size_t>(protocol)]->GetCapabilities() & capability) != 0;
 }
 
-bool Remote::KeepsTimes(int protocol) {
+bool Remote::KeepsTimes(int protocol) const {
   return Can(protocol, FS_CAN_SET_TIME);
 }
 
 void Remote::Cancel() {
-  Protocols open;
-  {
-    const MutexLock guard(lock);
-    open = protocols;
-  }
-  for (const auto& protocol : open) {
-    (void)protocol->Cancel();  // one that cannot is waited for
+  for (const auto& protocol : GetProtocols()) {
+    protocol->Cancel();
   }
 }
 
@@ -341,16 +373,21 @@ bool Remote::Close(std::chrono::milliseconds patience) {
     const MutexLock guard(lock);
     closed = true;
   }
-  Cancel();
   const auto deadline = Clock::now() + patience;
+  bool is_idle = true;
+  for (const auto& protocol : GetProtocols()) {
+    protocol->Close();
+    is_idle = protocol->WaitIdle(deadline) && is_idle;
+  }
   Protocols done;  // let go of after the lock
   const MutexLock guard(lock);
   while (running > 0 && idle.wait_until(lock, deadline)) {
   }
-  if (running == 0) {
-    done.swap(protocols);
+  if (running > 0 || !is_idle) {
+    return false;
   }
-  return running == 0;
+  done.swap(protocols);
+  return true;
 }
 
 }  // namespace tarn::fs

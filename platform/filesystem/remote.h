@@ -1,25 +1,35 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "common/sync.h"
 #include "interfaces/iprotocol_v2.h"
 #include "platform/filesystem/attributes.h"
+#include "platform/filesystem/limited_protocol.h"
 
 namespace tarn::fs {
 
 // The drive's protocols as one remote: their union. An entry is looked up in the order in which the
 // protocols were added; folders of the same name merge; a new entry goes to the first protocol that
 // holds the folder above it. Nothing that a module answers is trusted: names that cannot be shown
-// are left out, sizes, times and texts are brought into their bounds.
+// are left out, sizes, times and texts are brought into their bounds. Every call comes back within
+// the limits, whatever a module does.
 //
 // Owns:    its shares of the protocols.
 // Threads: any. No lock is held while a protocol works.
-// Errors:  AERROR; FILE_NOT_FOUND without protocols, DEVICE_NOT_READY after Close.
+// Errors:  AERROR; FILE_NOT_FOUND without protocols, DEVICE_NOT_READY from a protocol that cannot be
+//          reached, and after Close.
 class Remote {
  public:
+  // `listener` is told when the first of the protocols cannot be reached any more, and when the
+  // last of them can again; not after Close has returned.
+  explicit Remote(const Limits& times = {}, Reachability::Listener told = nullptr)
+      : limits(times), listener(std::move(told)) {}
+
   void Add(std::shared_ptr<IProtocol_V2> protocol);
   [[nodiscard]] int Count() const;
   [[nodiscard]] std::shared_ptr<IProtocol_V2> At(int index) const;  // null: no such index
@@ -29,8 +39,8 @@ class Remote {
   // `protocol` is Attributes::protocol. Fewer bytes than asked for only at the end of the file.
   [[nodiscard]] AERROR Read(int protocol, const std::string& path, unsigned long long offset,
                             void* buffer, size_t length, size_t& received);
-  // Whether ReadVersion can be used.
-  [[nodiscard]] bool ReadsVersions(int protocol);
+  // Whether ReadVersion can be used. At once.
+  [[nodiscard]] bool ReadsVersions(int protocol) const;
   // As Read, of a file as it was at this version; SHARING_VIOLATION when it is another by now.
   [[nodiscard]] AERROR ReadVersion(const Attributes& file, const std::string& path,
                                    unsigned long long offset, void* buffer, size_t length,
@@ -47,28 +57,36 @@ class Remote {
   [[nodiscard]] AERROR SetModifiedTime(const std::string& path, const FS_TIME& time);
   // Sums of those that know.
   [[nodiscard]] AERROR GetSize(unsigned long long& total, unsigned long long& free);
-  // Whether times given to Upload are kept.
-  [[nodiscard]] bool KeepsTimes(int protocol);
+  // Whether times given to Upload are kept. At once.
+  [[nodiscard]] bool KeepsTimes(int protocol) const;
+
+  // Whether all of the protocols can be reached, and if not, since when.
+  [[nodiscard]] bool IsReachable() const { return unreachable_protocols == 0; }
+  [[nodiscard]] std::optional<std::chrono::system_clock::time_point> UnreachableSince() const;
 
   void Cancel();  // makes what runs fail soon
   // Cancels what runs, refuses what comes, waits until nothing runs any more and lets go of the
   // protocols. False, with the protocols kept, when something still runs after `patience`.
-  bool Close(std::chrono::milliseconds patience);
+  [[nodiscard]] bool Close(std::chrono::milliseconds patience);
 
  private:
-  using Protocols = std::vector<std::shared_ptr<IProtocol_V2>>;
+  using Protocols = std::vector<std::shared_ptr<LimitedProtocol>>;
 
   template <typename Operation>
   AERROR Run(int index, Operation operation);
-  template <typename Ask>
-  AERROR ReadFrom(int index, size_t length, size_t& received, Ask ask);
-  bool Can(int protocol, FS_CAPABILITY capability);
+  [[nodiscard]] bool Can(int protocol, FS_CAPABILITY capability) const;
+  [[nodiscard]] Protocols GetProtocols() const;
+  void Told(bool is_reachable);
   AERROR InfoFrom(int index, const std::string& path, Attributes& attributes);
   AERROR ListFrom(int index, const std::string& path, std::vector<Entry>& entries);
   // The first protocol that holds `path` as a folder.
   AERROR FindFolder(const std::string& path, int& protocol);
   AERROR FindPlaceFor(const std::string& path, int& protocol);
 
+  const Limits limits;
+  const Reachability::Listener listener;
+  std::atomic<int> unreachable_protocols = 0;
+  Mutex telling;  // keeps the order of what the listener is told; comes before its locks
   mutable Mutex lock;
   CondVar idle;
   Protocols protocols TARN_GUARDED_BY(lock);

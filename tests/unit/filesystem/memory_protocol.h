@@ -49,6 +49,13 @@ class MemoryProtocol : public IProtocol_V2 {
     return paths;
   }
 
+  // While it hangs, no operation comes back, whatever is cancelled.
+  void SetHanging(bool is_hanging) {
+    const MutexLock guard(lock);
+    hangs = is_hanging;
+    cancel_came.notify_all();
+  }
+
   std::atomic<int> latency_ms = 0;                   // before every operation
   std::atomic<bool> reads_versions = true;           // a capability
   std::atomic<AERROR> failure = SUCCESS;             // of every operation, when not SUCCESS
@@ -285,6 +292,12 @@ class MemoryProtocol : public IProtocol_V2 {
   // The remote's time for one operation, and its outcome if it is a failure.
   [[nodiscard]] AERROR Begin() {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(latency_ms);
+    {
+      const MutexLock guard(lock);
+      while (hangs) {
+        cancel_came.wait(lock);
+      }
+    }
     if (latency_ms > 0) {
       const MutexLock guard(lock);
       const int cancels_before = cancels;
@@ -341,6 +354,7 @@ class MemoryProtocol : public IProtocol_V2 {
 
   mutable Mutex lock;
   CondVar cancel_came;
+  bool hangs TARN_GUARDED_BY(lock) = false;
   int cancels TARN_GUARDED_BY(lock) = 0;
   Items items TARN_GUARDED_BY(lock) = {{"/", {}}};
   std::uint64_t last_version TARN_GUARDED_BY(lock) = 0;

@@ -29,6 +29,7 @@ class TARN_CAPABILITY("mutex") Mutex {
   bool try_lock() TARN_TRY_ACQUIRE(true) { return mutex.try_lock(); }
 
  private:
+  friend class CondVar;
   std::mutex mutex;
 };
 
@@ -62,18 +63,25 @@ class TARN_SCOPED_CAPABILITY MutexLock {
 // condition.
 class CondVar {
  public:
-  void wait(Mutex& held) TARN_REQUIRES(held) { condition.wait(held); }
+  void wait(Mutex& held) TARN_REQUIRES(held) {
+    std::unique_lock<std::mutex> borrowed(held.mutex, std::adopt_lock);
+    condition.wait(borrowed);
+    (void)borrowed.release();
+  }
   // False when the time had come before a wake-up.
   template <typename Clock, typename Duration>
   bool wait_until(Mutex& held, std::chrono::time_point<Clock, Duration> deadline)
       TARN_REQUIRES(held) {
-    return condition.wait_until(held, deadline) == std::cv_status::no_timeout;
+    std::unique_lock<std::mutex> borrowed(held.mutex, std::adopt_lock);
+    const std::cv_status status = condition.wait_until(borrowed, deadline);
+    (void)borrowed.release();
+    return status == std::cv_status::no_timeout;
   }
   void notify_one() { condition.notify_one(); }
   void notify_all() { condition.notify_all(); }
 
  private:
-  std::condition_variable_any condition;
+  std::condition_variable condition;
 };
 
 }  // namespace tarn

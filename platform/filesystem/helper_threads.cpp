@@ -15,10 +15,14 @@ constexpr int kMaxIdle = 16;  // as many as calls that run at a time when a prog
 HelperThreads::Ending HelperThreads::Run(Work work, const Patience& patience) {
   const auto job = std::make_shared<Job>();
   job->work = std::move(work);
+  bool is_thread_idle = false;
   {
     const MutexLock guard(lock);
-    Push(job);
+    is_thread_idle = Push(job);
     waited_for.insert(job);
+  }
+  if (is_thread_idle) {
+    work_came.notify_one();  // without the lock, which it takes at once
   }
   const Ending ending = Wait(job, patience);
   const MutexLock guard(lock);
@@ -42,11 +46,10 @@ HelperThreads::Ending HelperThreads::Wait(const JobPtr& job, const Patience& pat
   }
 }
 
-void HelperThreads::Push(const JobPtr& job) {
+bool HelperThreads::Push(const JobPtr& job) {
   waiting.push_back(job);
   if (static_cast<size_t>(idle) >= waiting.size()) {
-    work_came.notify_one();
-    return;
+    return true;
   }
   if (threads < max_threads) {
     try {
@@ -55,6 +58,7 @@ void HelperThreads::Push(const JobPtr& job) {
     } catch (const std::system_error&) {  // those that run will do
     }
   }
+  return false;
 }
 
 HelperThreads::Ending HelperThreads::GiveUp(const JobPtr& job) {
@@ -82,7 +86,7 @@ int HelperThreads::CountLeftBehind() const {
 
 bool HelperThreads::WaitIdle(Clock::time_point deadline) {
   const MutexLock guard(lock);
-  while (busy > 0 && call_ended.wait_until(lock, deadline)) {
+  while (busy > 0 && all_idle.wait_until(lock, deadline)) {
   }
   return busy == 0;
 }
@@ -113,10 +117,13 @@ void HelperThreads::Serve() {
     Do(job);
     hold.lock();
     job->is_done = true;
-    job->changed.notify_all();
     left -= job->is_left ? 1 : 0;
-    --busy;
-    call_ended.notify_all();
+    if (--busy == 0) {
+      all_idle.notify_all();
+    }
+    hold.unlock();  // who waits finds the lock free
+    job->changed.notify_one();
+    hold.lock();
   }
 }
 

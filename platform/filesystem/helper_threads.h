@@ -48,7 +48,8 @@ class HelperThreads : public std::enable_shared_from_this<HelperThreads> {
   };
   using JobPtr = std::shared_ptr<Job>;
 
-  void Push(const JobPtr& job) TARN_REQUIRES(lock);
+  // True: a thread is idle and to be woken.
+  bool Push(const JobPtr& job) TARN_REQUIRES(lock);
   [[nodiscard]] Ending Wait(const JobPtr& job, const Patience& patience) TARN_EXCLUDES(lock);
   Ending GiveUp(const JobPtr& job) TARN_REQUIRES(lock);
   void Serve();
@@ -57,7 +58,7 @@ class HelperThreads : public std::enable_shared_from_this<HelperThreads> {
   const int max_threads;
   mutable Mutex lock;
   CondVar work_came;
-  CondVar call_ended;
+  CondVar all_idle;
   std::deque<JobPtr> waiting TARN_GUARDED_BY(lock);  // for a thread
   std::set<JobPtr> waited_for TARN_GUARDED_BY(lock);
   int threads TARN_GUARDED_BY(lock) = 0;

@@ -10,8 +10,8 @@ namespace tarn::fs {
 
 namespace {
 
-constexpr int kMaxThreads = 128;     // as many as requests that are served at a time
-constexpr int kMaxLeftBehind = 64;   // with more, nothing new is begun
+constexpr int kMaxThreads = 128;      // as many as requests that are served at a time
+constexpr int kMaxLeftBehind = 64;    // with more, nothing new is begun
 constexpr size_t kMaxLeftProbes = 3;  // a module that returns from none of so many never will
 
 constexpr auto kNoLonger = Clock::time_point::min();
@@ -60,8 +60,7 @@ Clock::time_point LimitedProtocol::NextLook(Clock::time_point begun, Clock::time
   return std::min(now + limits.doubt, deadline);
 }
 
-AERROR LimitedProtocol::Run(HelperThreads& threads, Operation operation,
-                            const Patience& patience) {
+AERROR LimitedProtocol::Run(HelperThreads& threads, Operation operation, const Patience& patience) {
   const auto begun = Clock::now();
   const auto error = std::make_shared<AERROR>(DEVICE_NOT_READY);
   const auto ending = threads.Run(
@@ -117,11 +116,9 @@ AERROR LimitedProtocol::RunChange(Paths paths, Operation operation, const Patien
   }
   const auto shared = std::make_shared<const Paths>(std::move(paths));  // until the call has ended
   const std::weak_ptr<const Paths> changed = shared;
-  const AERROR error = RunLimited(
-      [shared, operation = std::move(operation)](IProtocol_V2& called) {
-        return operation(called);
-      },
-      patience);
+  const AERROR error = RunLimited([shared, operation = std::move(operation)](
+                                      IProtocol_V2& called) { return operation(called); },
+                                  patience);
   if (error != PENDING) {
     return error;
   }
@@ -201,8 +198,7 @@ class LimitedProtocol::UploadCall {
     auto& self = *static_cast<UploadCall*>(call);
     const MutexLock guard(self.lock);
     self.last_move = Clock::now();
-    return self.source == nullptr ? -1
-                                  : self.source->read(self.source->context, buffer, length);
+    return self.source == nullptr ? -1 : self.source->read(self.source->context, buffer, length);
   }
   static int Rewind(void* call) {
     auto& self = *static_cast<UploadCall*>(call);
@@ -241,8 +237,7 @@ AERROR LimitedProtocol::Upload(const std::string& path, FS_SOURCE& source, unsig
                                FS_PROGRESS progress, void* context) {
   const auto call = std::make_shared<UploadCall>(source, progress, context, reachability);
   const AERROR error = RunChange(
-      {path},
-      [call, path, size](IProtocol_V2& called) { return call->Send(called, path, size); },
+      {path}, [call, path, size](IProtocol_V2& called) { return call->Send(called, path, size); },
       [this, &call](Clock::time_point /*begun*/) {
         const auto moved = call->LastMove();
         return NextLook(moved, moved + limits.upload_stall);

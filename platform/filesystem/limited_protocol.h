@@ -15,10 +15,10 @@ namespace tarn::fs {
 // One protocol of a drive, whose calls come back within their limits whatever the module does.
 //
 // Calls run on helper threads. One that exceeds its limit is left behind there, as are all that
-// wait when the remote turns out to be unreachable; from then on calls fail at once until the remote
-// answers the probe. What a module works with (texts, buffers, sources) belongs to the call, so that
-// nobody needs to wait for its end. A change that was left behind may still happen: until it has
-// ended, no other change of what it concerns begins.
+// wait when the remote turns out to be unreachable; from then on calls fail at once until the
+// remote answers the probe. What a module works with (texts, buffers, sources) belongs to the call,
+// so that nobody needs to wait for its end. A change that was left behind may still happen: until
+// it has ended, no other change of what it concerns begins.
 //
 // Owns:    its share of the protocol, the helper threads, the thread that probes.
 // Threads: any. The listener is called as Reachability says.

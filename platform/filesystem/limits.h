@@ -9,8 +9,8 @@ struct Limits {
   using Time = std::chrono::milliseconds;
 
   Time metadata{30'000};  // everything but the two below
-  // While the remote answers other questions: a MiB may take long because lines are slow, or because
-  // a speed was set, and modules end what does not move.
+  // While the remote answers other questions: a MiB may take long because lines are slow, or
+  // because a speed was set, and modules end what does not move.
   Time read{300'000};
   Time upload_stall{60'000};  // nothing of the content moves; an upload has no other limit
   Time doubt{10'000};         // a call that waits so long without a sign puts the remote in doubt

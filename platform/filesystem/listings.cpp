@@ -8,7 +8,7 @@ namespace tarn::fs {
 
 namespace {
 
-constexpr size_t kMaxRecords = 200'000;  // about 50 MiB at worst
+constexpr size_t kMaxRecords = 200'000;     // about 50 MiB at worst
 constexpr std::chrono::seconds kOldFor{1};  // how long the kernel is to keep what may be old
 
 }  // namespace

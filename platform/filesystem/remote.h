@@ -21,7 +21,8 @@ namespace tarn::fs {
 //
 // Owns:    its shares of the protocols.
 // Threads: any. No lock is held while a protocol works.
-// Errors:  AERROR; FILE_NOT_FOUND without protocols, DEVICE_NOT_READY from a protocol that cannot be
+// Errors:  AERROR; FILE_NOT_FOUND without protocols, DEVICE_NOT_READY from a protocol that cannot
+// be
 //          reached, and after Close.
 class Remote {
  public:

@@ -93,6 +93,7 @@ struct Client::Callbacks {
         !running.client.throttle.Pass(running.ticket, static_cast<long long>(part.size()))) {
       return 0;
     }
+    running.answer.length = running.client.GetLength();
     const BodySink::Verdict verdict = request.sink->Take(running.answer, part);
     running.answer.was_enough = verdict == BodySink::Verdict::kEnough;
     running.answer.is_garbled = verdict == BodySink::Verdict::kBad;
@@ -280,11 +281,15 @@ void Client::Run(Running& running) {
   curl_multi_remove_handle(multi.get(), easy.get());
 }
 
+long long Client::GetLength() const {
+  curl_off_t length = -1;
+  curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+  return length;
+}
+
 void Client::Conclude(Answer& answer, CURLcode code) {
   char* effective_url = nullptr;
-  curl_off_t length = -1;
   curl_easy_getinfo(easy.get(), CURLINFO_EFFECTIVE_URL, &effective_url);
-  curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
   curl_easy_getinfo(easy.get(), CURLINFO_HTTPAUTH_AVAIL, &answer.offered_schemes);
   answer.code = code;
   answer.error =
@@ -292,7 +297,7 @@ void Client::Conclude(Answer& answer, CURLcode code) {
   answer.reason = secrets.CutFrom(answer.reason);
   answer.excerpt = secrets.CutFromBeginning(answer.excerpt, kMaxExcerptBytes);
   answer.url = effective_url != nullptr ? effective_url : "";
-  answer.length = length;
+  answer.length = GetLength();
 }
 
 // Without a nonce, libcurl sends an empty PUT to be asked for a login, which a server that does not

@@ -102,6 +102,7 @@ class Client : public CURLImpl {
   void PrepareUpload(Running& running);
   void Run(Running& running);
   void Conclude(Answer& answer, CURLcode code);
+  [[nodiscard]] long long GetLength() const;  // of the answer in bytes; -1: unknown
   void KnowNonce(Throttle::Ticket ticket);
 
   const Settings& settings;

@@ -8,6 +8,7 @@
 
 #include "modules/webdav/lookup.h"
 #include "modules/webdav/results.h"
+#include "modules/webdav/size.h"
 #include "modules/webdav/version.h"
 
 namespace tarn::webdav {
@@ -17,16 +18,17 @@ namespace {
 constexpr int kMostPieces = 64;  // of one part
 constexpr const char* kPageType = "text/html";
 
-std::optional<unsigned long long> NumberOf(std::string_view text) {
-  unsigned long long number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc() ? std::optional(number) : std::nullopt;
-}
-
 // The first byte of "bytes 100-199/1000".
 std::optional<unsigned long long> StartOf(std::string_view content_range) {
   const size_t digits = content_range.find_first_of("0123456789");
-  return digits == std::string_view::npos ? std::nullopt : NumberOf(content_range.substr(digits));
+  unsigned long long start = 0;
+  if (digits == std::string_view::npos ||
+      std::from_chars(content_range.data() + digits, content_range.data() + content_range.size(),
+                      start)
+              .ec != std::errc()) {
+    return std::nullopt;
+  }
+  return start;
 }
 
 // Puts a part of a file into a buffer, also where the server sends more than was asked for.
@@ -73,17 +75,6 @@ class RangeSink final : public BodySink {
   unsigned long long skip = 0;
   unsigned long long received = 0;
 };
-
-// The size of the whole file that an answer with a part of it tells of.
-std::optional<unsigned long long> WholeSize(const Answer& answer) {
-  if (answer.status == 200) {
-    return answer.length < 0 ? std::nullopt
-                             : std::optional(static_cast<unsigned long long>(answer.length));
-  }
-  const size_t slash = answer.range.find('/');
-  return slash == std::string::npos ? std::nullopt
-                                    : NumberOf(std::string_view(answer.range).substr(slash + 1));
-}
 
 // Whether the answer itself says that its bytes are of this version.
 bool TellsVersion(const Answer& answer, const std::string& version) {

@@ -9,6 +9,7 @@
 #include "common/log.h"
 #include "common/utils.h"
 #include "modules/webdav/results.h"
+#include "modules/webdav/size.h"
 #include "modules/webdav/version.h"
 
 namespace tarn::webdav {
@@ -91,22 +92,8 @@ AERROR FindOne(Remote& remote, const std::string& url, const char* properties, R
   return SUCCESS;
 }
 
-// Asks for what a listing may leave out but a file cannot be read without.
-AERROR CompleteSize(Remote& remote, const std::string& url, Resource& resource) {
-  if (resource.is_folder || resource.size) {
-    return SUCCESS;
-  }
-  Request request{.method = "HEAD", .url = url};
-  const Answer answer = remote.Send(request);
-  const AERROR error = ResultOfReading(answer);
-  if (error == SUCCESS) {
-    resource.size = answer.length < 0 ? 0 : static_cast<unsigned long long>(answer.length);
-    const time_t modified = curl_getdate(answer.modified.c_str(), nullptr);
-    if (!resource.modified && modified != -1) {
-      resource.modified = modified;
-    }
-  }
-  return error;
+bool LacksSize(const Resource& resource) {
+  return !resource.is_folder && !resource.size;
 }
 
 FS_INFO InfoOf(const Resource& resource) {
@@ -128,6 +115,11 @@ bool IsUtf8(const std::string& name) {
   }
 }
 
+void LogLeftOut(const Remote& remote, const std::string& name, const char* reason) {
+  __LOG__A(logger, LOGLEVEL_ERROR | LOGLEVEL_HTTP, "%s:: %s is left out: %s [%s:%d]", __func__,
+           reason, remote.GetSecrets().CutFrom(EncodeSegment(name)).c_str(), TARN_SOURCE);
+}
+
 struct Entry {
   std::string name;
   Resource resource;
@@ -147,9 +139,7 @@ AERROR EntriesOf(const Remote& remote, std::vector<Resource> resources, const st
       continue;
     }
     if (!IsUtf8(name)) {
-      __LOG__A(logger, LOGLEVEL_ERROR | LOGLEVEL_HTTP,
-               "%s:: a name that is not UTF-8 is left out: %s [%s:%d]", __func__,
-               remote.GetSecrets().CutFrom(EncodeSegment(name)).c_str(), TARN_SOURCE);
+      LogLeftOut(remote, name, "a name that is not UTF-8");
       continue;
     }
     entries.push_back({std::move(name), std::move(resource)});
@@ -169,8 +159,8 @@ AERROR GetInfo(Remote& remote, const std::string& path, FS_INFO& info) {
   Resource found;
   Answer answer;
   AERROR error = FindOne(remote, url, kWantedProperties, found, answer);
-  if (error == SUCCESS) {
-    error = CompleteSize(remote, url, found);
+  if (error == SUCCESS && LacksSize(found)) {
+    error = FindSize(remote, url, found);
   }
   if (error == SUCCESS) {
     info = InfoOf(found);
@@ -191,12 +181,15 @@ AERROR List(Remote& remote, const std::string& path, FS_LIST_SINK sink, void* co
     return error;
   }
   for (Entry& entry : entries) {
-    error = CompleteSize(remote, url + EncodeSegment(entry.name), entry.resource);
-    if (error == FILE_NOT_FOUND) {  // gone since the listing
-      continue;
-    }
-    if (error != SUCCESS) {
-      return error;
+    if (LacksSize(entry.resource)) {
+      error = FindSize(remote, url + EncodeSegment(entry.name), entry.resource);
+      if (error == READ_CANCELED || error == DEVICE_NOT_READY) {
+        return error;
+      }
+      if (error != SUCCESS) {
+        LogLeftOut(remote, entry.name, "a file of unknown size");
+        continue;
+      }
     }
     const FS_INFO info = InfoOf(entry.resource);
     if (sink(context, entry.name.c_str(), &info) == 0) {

@@ -12,6 +12,7 @@ namespace tarn::webdav {
 namespace {
 
 constexpr size_t kMaxDocumentBytes = size_t{256} * 1024 * 1024;
+constexpr size_t kMaxResources = 500'000;
 constexpr size_t kMaxTextBytes = size_t{64} * 1024;
 constexpr size_t kMaxDepth = 64;
 constexpr std::string_view kDavNamespace = "DAV:";
@@ -95,20 +96,30 @@ MultistatusReader::Tag MultistatusReader::TagOf(std::string_view name) {
   return Tag::kOther;
 }
 
+// The parser is no C++: no exception may pass through it.
 struct MultistatusReader::Sax {
+  template <typename Step>
+  static void Take(void* context, Step step) noexcept {
+    auto& reader = *static_cast<MultistatusReader*>(context);
+    try {
+      step(reader);
+    } catch (...) {
+      reader.Fail();
+    }
+  }
   static void StartElement(void* reader, const xmlChar* name, const xmlChar*, const xmlChar* uri,
-                           int, const xmlChar**, int, int, const xmlChar**) {
-    static_cast<MultistatusReader*>(reader)->StartElement(
-        View(uri) == kDavNamespace ? TagOf(View(name)) : Tag::kOther);
+                           int, const xmlChar**, int, int, const xmlChar**) noexcept {
+    const Tag tag = View(uri) == kDavNamespace ? TagOf(View(name)) : Tag::kOther;
+    Take(reader, [tag](MultistatusReader& self) { self.StartElement(tag); });
   }
-  static void EndElement(void* reader, const xmlChar*, const xmlChar*, const xmlChar*) {
-    static_cast<MultistatusReader*>(reader)->EndElement();
+  static void EndElement(void* reader, const xmlChar*, const xmlChar*, const xmlChar*) noexcept {
+    Take(reader, [](MultistatusReader& self) { self.EndElement(); });
   }
-  static void Characters(void* reader, const xmlChar* part, int length) {
-    static_cast<MultistatusReader*>(reader)->Text(
-        {reinterpret_cast<const char*>(part), static_cast<size_t>(length)});
+  static void Characters(void* reader, const xmlChar* part, int length) noexcept {
+    const std::string_view text(reinterpret_cast<const char*>(part), static_cast<size_t>(length));
+    Take(reader, [text](MultistatusReader& self) { self.Text(text); });
   }
-  static void DocumentType(void* reader, const xmlChar*, const xmlChar*, const xmlChar*) {
+  static void DocumentType(void* reader, const xmlChar*, const xmlChar*, const xmlChar*) noexcept {
     static_cast<MultistatusReader*>(reader)->Fail();
   }
 
@@ -157,7 +168,7 @@ bool MultistatusReader::Finish() {
   return xmlParseChunk(parser.get(), nullptr, 0, 1) == 0 && !failed;
 }
 
-void MultistatusReader::Fail() {
+void MultistatusReader::Fail() noexcept {
   failed = true;
   xmlStopParser(parser.get());
 }
@@ -209,10 +220,21 @@ void MultistatusReader::EndElement() {
   } else if (parent == Tag::kResponse && tag == Tag::kPropstat) {
     EndPropstat();
   } else if (parent == Tag::kMultistatus && tag == Tag::kResponse) {
-    sink(std::move(resource));
-    resource = {};
+    EndResponse();
   }
   text.clear();
+}
+
+void MultistatusReader::EndResponse() {
+  if (resource.href.empty()) {  // nothing that could be found again
+    return;
+  }
+  if (++resources > kMaxResources) {
+    Fail();
+    return;
+  }
+  sink(std::move(resource));
+  resource = {};
 }
 
 void MultistatusReader::EndProperty(Tag tag) {

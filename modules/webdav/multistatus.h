@@ -24,13 +24,15 @@ struct Resource {
 };
 
 // Reads a multistatus document while it arrives. Documents come from strangers: no document type,
-// no entities but the predefined ones, nothing fetched, and bounds for depth, texts and the whole.
+// no entities but the predefined ones, nothing fetched, and bounds for depth, texts, the number of
+// resources and the whole.
 // Threads: one at a time.
 class MultistatusReader {
  public:
   using Sink = std::function<void(Resource)>;
 
-  // Every resource goes to the sink as soon as it is complete.
+  // Every resource that has a place goes to the sink as soon as it is complete. What the sink
+  // throws fails the reading.
   explicit MultistatusReader(Sink sink);
   ~MultistatusReader();
   MultistatusReader(const MultistatusReader&) = delete;
@@ -50,9 +52,10 @@ class MultistatusReader {
   void StartElement(Tag tag);
   void EndElement();
   void Text(std::string_view part);
+  void EndResponse();
   void EndProperty(Tag tag);
   void EndPropstat();
-  void Fail();
+  void Fail() noexcept;
 
   struct FreeParser {
     void operator()(_xmlParserCtxt* context) const;
@@ -62,6 +65,7 @@ class MultistatusReader {
   std::unique_ptr<_xmlParserCtxt, FreeParser> parser;
   bool failed = false;
   size_t read_bytes = 0;
+  size_t resources = 0;   // given to the sink
   std::vector<Tag> open;  // elements around the current place, outermost first
   std::string text;       // of the innermost element
   Resource resource;      // being read

@@ -62,6 +62,15 @@ TEST(MultistatusTest, WhatIsNoMultistatusIsRefused) {
     large += "<response><href>/dav/" + std::to_string(i) + "</href></response>";
   }
   EXPECT_EQ(Read(large + "</multistatus>").resources.size(), 100'000U);
+  const std::string many = large.substr(start.size());
+  EXPECT_FALSE(Read(start + many + many + many + many + many + many + "</multistatus>").complete);
+  const Outcome placeless = Read(start + "<response/><response><href> </href></response>" +
+                                 "<response><href>/a</href></response></multistatus>");
+  EXPECT_TRUE(placeless.complete);
+  EXPECT_EQ(placeless.resources.size(), 1U);
+  MultistatusReader throwing([](Resource) { throw std::bad_alloc(); });
+  const std::string whole = large + "</multistatus>";
+  EXPECT_FALSE(throwing.Feed(whole.data(), whole.size()));
   EXPECT_FALSE(Read(large).complete) << "cut short";
   EXPECT_FALSE(Read(deep).complete);
   EXPECT_FALSE(Read(start + "<response><href>" + std::string(100'000, 'x')).complete);

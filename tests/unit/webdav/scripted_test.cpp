@@ -84,6 +84,51 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
   EXPECT_THAT(log.Text(), HasSubstr("%FF%FE")) << "what is left out is told";
 }
 
+TEST_F(ScriptedTest, SizesThatListingsLackAreFoundOutAndNeverMadeUp) {
+  const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  const std::string hidden = HttpAnswer(403);
+  struct File {
+    std::string head;  // answer to HEAD
+    std::string part;  // answer to a GET of the first byte
+  };
+  const std::map<std::string, File> files = {
+      {"head", {"HTTP/1.1 200 OK\r\nContent-Length: 77\r\n\r\n", hidden}},
+      {"range", {hidden, HttpAnswer(206, "x", "Content-Range: bytes 0-0/78\r\n")}},
+      {"whole", {HttpAnswer(200), HttpAnswer(200, std::string(79, 'x'))}},
+      {"chunks", {head, head + "5\r\nabcde\r\n3\r\nabc\r\n0\r\n\r\n"}},
+      {"empty", {head, HttpAnswer(416, "", "Content-Range: bytes */0\r\n")}},
+      {"none", {head, HttpAnswer(206, "x", "Content-Range: bytes 0-0/*\r\n")}},
+      {"login", {HttpAnswer(302, "", "Location: /\r\n"), HttpAnswer(302, "", "Location: /\r\n")}},
+      {"hidden", {hidden, hidden}},
+  };
+  Serve([&](const Request& request) {
+    const std::string name = request.target.substr(1);
+    if (request.method != "PROPFIND") {
+      return Reply{.bytes = name.empty()              ? HttpAnswer(200, "log in")
+                            : request.method == "GET" ? files.at(name).part
+                                                      : files.at(name).head};
+    }
+    std::string responses = DavResponse("/", name.empty() ? kDavFolder : "");
+    for (const auto& [file, answers] : files) {
+      responses += name.empty() || name == file ? DavResponse("/" + file, "<D:getetag/>") : "";
+    }
+    return Reply{.bytes = MultistatusAnswer(responses)};
+  });
+  const auto entries = List("/");
+  EXPECT_THAT(Names("/"), ElementsAre("chunks", "empty", "head", "range", "whole"));
+  EXPECT_EQ(entries.at("head").size, 77U);
+  EXPECT_EQ(entries.at("range").size, 78U);
+  EXPECT_EQ(entries.at("whole").size, 79U);
+  EXPECT_EQ(entries.at("chunks").size, 8U);
+  EXPECT_EQ(entries.at("empty").size, 0U);
+  EXPECT_THAT(log.Text(), HasSubstr("left out: hidden"));
+  FS_INFO info{};
+  EXPECT_EQ(protocol->GetInfo("/chunks", &info), SUCCESS);
+  EXPECT_EQ(protocol->GetInfo("/hidden", &info), ACCESS_DENIED);
+  EXPECT_EQ(protocol->GetInfo("/none", &info), FAILED);
+  EXPECT_EQ(protocol->GetInfo("/login", &info), FAILED);
+}
+
 TEST_F(ScriptedTest, AFolderOfWhatListingsLeaveOutIsNotDeletedAndAChangeIsNotLedElsewhere) {
   std::atomic<int> deleted{0};
   Serve([&](const Request& request) {

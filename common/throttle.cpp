@@ -19,6 +19,11 @@ void Throttle::SetLimit(long long bytes_per_second) {
   changed.notify_all();
 }
 
+long long Throttle::GetLimit() {
+  const MutexLock hold(lock);
+  return limit;
+}
+
 void Throttle::CancelAll() {
   const MutexLock hold(lock);
   ++cancelled;

@@ -13,6 +13,7 @@ class Throttle {
  public:
   // Bytes per second for all transfers together; 0 or less: no limit. Applies at once.
   void SetLimit(long long bytes_per_second);
+  [[nodiscard]] long long GetLimit();  // 0: none
 
   // Ends every transfer that is running now; later ones are not touched.
   void CancelAll();

@@ -10,14 +10,17 @@ namespace tarn::webdav {
 
 namespace {
 
-constexpr long kChangeStallLimitSeconds = 60;  // a server may copy a whole tree to move it
+// A server may copy a whole tree to move it.
+constexpr long kChangeStallLimitSeconds = 60;
+constexpr long kChangeDeadlineSeconds = 120;
 
 Answer Change(Remote& remote, const char* method, std::string url,
               std::vector<std::pair<std::string, std::string>> headers) {
   Request request{.method = method,
                   .url = std::move(url),
                   .headers = std::move(headers),
-                  .stall_limit_s = kChangeStallLimitSeconds};
+                  .stall_limit_s = kChangeStallLimitSeconds,
+                  .deadline_s = kChangeDeadlineSeconds};
   return remote.Send(request);
 }
 

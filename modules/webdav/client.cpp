@@ -18,7 +18,9 @@ constexpr long kBufferBytes = 256L * 1024;
 constexpr unsigned long long kExpectFromBytes = 1024ULL * 1024;
 constexpr size_t kMaxExcerptBytes = 4096;
 constexpr size_t kMaxDiscardedBytes = size_t{1024} * 1024;
-constexpr int kPollMs = 1000;  // libcurl shortens it to what its own timers need
+constexpr long long kMostShares = 64;  // of a speed limit, some transfers getting less than others
+constexpr long kNonceDeadlineSeconds = 30;
+constexpr int kPollMs = 500;  // libcurl shortens it to what its own timers need
 
 // What is kept of an answer's head beside its status.
 constexpr std::pair<std::string_view, std::string Answer::*> kKeptHeaders[] = {
@@ -160,6 +162,10 @@ Client::Client(const Settings& drive_settings, const Secrets& drive_secrets, CUR
   curl_multi_setopt(multi.get(), CURLMOPT_MAXCONNECTS, 1L);
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error_text.data());
   curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
+#if LIBCURL_VERSION_NUM >= 0x075700
+  curl_easy_setopt(curl, CURLOPT_QUICK_EXIT,
+                   1L);  // no waiting for a name that nobody needs any more
+#endif
   curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kBufferBytes);
   curl_easy_setopt(curl, CURLOPT_UPLOAD_BUFFERSIZE, kBufferBytes);
   curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, Callbacks::Head);
@@ -213,7 +219,7 @@ Client::HeaderLines Client::Prepare(Running& running) {
   const Request& asked = running.request;
   secrets.InstallTrace(curl);
   error_text.fill('\0');
-  SetLowSpeedTimeout(asked.stall_limit_s);
+  SetTimeLimits(asked);
   curl_easy_setopt(curl, CURLOPT_URL, asked.url.c_str());
   // Only reading is led elsewhere: a change that lands on another resource, a login page perhaps,
   // would be taken for done.
@@ -244,6 +250,18 @@ Client::HeaderLines Client::Prepare(Running& running) {
     auth->SignAuthentication(this);
   }
   return HeaderLines(BuildHeader(), &curl_slist_free_all);
+}
+
+void Client::SetTimeLimits(const Request& asked) {
+  const long long speed_limit = throttle.GetLimit();
+  const long long fair_share = speed_limit / kMostShares;
+  const long slowest =
+      speed_limit == 0
+          ? kSlowestBytesPerSecond
+          : static_cast<long>(std::clamp(fair_share, 1LL, 0LL + kSlowestBytesPerSecond));
+  curl_easy_setopt(easy.get(), CURLOPT_LOW_SPEED_LIMIT, slowest);
+  SetLowSpeedTimeout(asked.stall_limit_s);
+  curl_easy_setopt(easy.get(), CURLOPT_TIMEOUT, asked.deadline_s);
 }
 
 void Client::PrepareUpload(Running& running) {
@@ -303,7 +321,9 @@ void Client::Conclude(Answer& answer, CURLcode code) {
 // Without a nonce, libcurl sends an empty PUT to be asked for a login, which a server that does not
 // ask would store. A request that changes nothing gets the nonce instead.
 void Client::KnowNonce(Throttle::Ticket ticket) {
-  Request head{.method = "HEAD", .url = settings.location.FolderUrl("/")};
+  Request head{.method = "HEAD",
+               .url = settings.location.FolderUrl("/"),
+               .deadline_s = kNonceDeadlineSeconds};
   (void)Perform(head, ticket, kDigest, false);
 }
 

@@ -71,8 +71,13 @@ struct Request {
   BodySink* sink = nullptr;         // null: the body of the answer does not matter
   Content* content = nullptr;       // of a PUT
   bool counts_as_transfer = false;  // the answer's body is held to the speed limit
-  long stall_limit_s = 20;          // without a byte either way
+  long stall_limit_s = 20;          // at less than kSlowestBytesPerSecond, either way
+  long deadline_s = 0;              // for the whole answer; 0: none, as long as it goes on
 };
+
+// What is slower for the time of a request's stall limit counts as not moving. A drive with a speed
+// limit that is shared by many transfers bears less.
+inline constexpr long kSlowestBytesPerSecond = 100;
 
 // One connection to the server, on which one request runs at a time.
 // Owns:    its easy handle and connection. Refers to settings, secrets, signature and throttle of
@@ -100,6 +105,7 @@ class Client : public CURLImpl {
   using HeaderLines = std::unique_ptr<curl_slist, void (*)(curl_slist*)>;
   [[nodiscard]] HeaderLines Prepare(Running& running);
   void PrepareUpload(Running& running);
+  void SetTimeLimits(const Request& asked);
   void Run(Running& running);
   void Conclude(Answer& answer, CURLcode code);
   [[nodiscard]] long long GetLength() const;  // of the answer in bytes; -1: unknown

@@ -25,6 +25,9 @@ constexpr const char* kQuotaProperties =
     "<D:resourcetype/><D:quota-available-bytes/><D:quota-used-bytes/>"
     "</D:prop></D:propfind>";
 
+constexpr long kQuestionDeadlineSeconds = 30;
+constexpr long kListingDeadlineSeconds = 120;
+
 // Collects the resources of a multistatus answer.
 class ResourceSink final : public BodySink {
  public:
@@ -45,14 +48,18 @@ class ResourceSink final : public BodySink {
   std::unique_ptr<MultistatusReader> reader;
 };
 
-AERROR Find(Remote& remote, const std::string& url, const char* depth, const char* properties,
+enum class Depth { kItself, kWithContents };
+
+AERROR Find(Remote& remote, const std::string& url, Depth depth, const char* properties,
             std::vector<Resource>& resources, Answer& answer) {
+  const bool is_listing = depth == Depth::kWithContents;
   ResourceSink sink;
   Request request{.method = "PROPFIND",
                   .url = url,
-                  .headers = {{"Depth", depth}},
+                  .headers = {{"Depth", is_listing ? "1" : "0"}},
                   .body = properties,
-                  .sink = &sink};
+                  .sink = &sink,
+                  .deadline_s = is_listing ? kListingDeadlineSeconds : kQuestionDeadlineSeconds};
   answer = remote.Send(request);
   if (answer.status == 400 && url.ends_with('/')) {  // what some servers say of a file
     return INVALID_DIRECTORY;
@@ -72,7 +79,7 @@ AERROR Find(Remote& remote, const std::string& url, const char* depth, const cha
 AERROR FindOne(Remote& remote, const std::string& url, const char* properties, Resource& found,
                Answer& answer) {
   std::vector<Resource> resources;
-  const AERROR error = Find(remote, url, "0", properties, resources, answer);
+  const AERROR error = Find(remote, url, Depth::kItself, properties, resources, answer);
   if (error != SUCCESS) {
     return error;
   }
@@ -173,7 +180,7 @@ AERROR List(Remote& remote, const std::string& path, FS_LIST_SINK sink, void* co
   std::vector<Resource> resources;
   std::vector<Entry> entries;
   Answer answer;
-  AERROR error = Find(remote, url, "1", kWantedProperties, resources, answer);
+  AERROR error = Find(remote, url, Depth::kWithContents, kWantedProperties, resources, answer);
   if (error == SUCCESS) {
     error = EntriesOf(remote, std::move(resources), answer.url, entries);
   }
@@ -203,7 +210,8 @@ AERROR CheckEmpty(Remote& remote, const std::string& path) {
   std::vector<Resource> resources;
   Answer answer;
   const std::string url = remote.GetLocation().FolderUrl(path);
-  const AERROR error = Find(remote, url, "1", kWantedProperties, resources, answer);
+  const AERROR error =
+      Find(remote, url, Depth::kWithContents, kWantedProperties, resources, answer);
   if (error != SUCCESS) {
     return error;
   }

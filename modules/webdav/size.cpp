@@ -8,6 +8,8 @@ namespace tarn::webdav {
 
 namespace {
 
+constexpr long kQuestionDeadlineSeconds = 30;
+
 // More than this is read of no file to learn its size.
 constexpr unsigned long long kMostBytesToCount = 16ULL * 1024 * 1024;
 
@@ -42,7 +44,8 @@ AERROR AskForFirstByte(Remote& remote, const std::string& url, Resource& resourc
                   .url = url,
                   .headers = {{"Range", "bytes=0-0"}},
                   .sink = &counter,
-                  .counts_as_transfer = true};
+                  .counts_as_transfer = true,
+                  .deadline_s = kQuestionDeadlineSeconds};
   const Answer answer = remote.Send(request);
   const bool is_empty = SaysThatItIsEmpty(answer);
   const AERROR error = is_empty ? SUCCESS : ResultOfReading(answer);
@@ -79,7 +82,7 @@ std::optional<unsigned long long> WholeSize(const Answer& answer) {
 
 // A length of 0 is also what servers say that know none when they are only asked for the head.
 AERROR FindSize(Remote& remote, const std::string& url, Resource& resource) {
-  Request request{.method = "HEAD", .url = url};
+  Request request{.method = "HEAD", .url = url, .deadline_s = kQuestionDeadlineSeconds};
   const Answer answer = remote.Send(request);
   const AERROR error = ResultOfReading(answer);
   if (error == READ_CANCELED || error == DEVICE_NOT_READY || error == FILE_NOT_FOUND) {

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <thread>
 
+#include "modules/webdav/client.h"
 #include "tests/support/http/scripted_server.h"
 #include "tests/unit/webdav/webdav_fixture.h"
 
@@ -522,6 +523,26 @@ TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
   std::string content;
   EXPECT_EQ(Get("/slow", content), SUCCESS);
   EXPECT_EQ(content.size(), 1000U);
+}
+
+TEST(ClientTest, AnswersThatDripAreGivenUp) {
+  ScriptedServer drips([](const Request& request) {
+    return Reply{.bytes = HttpAnswer(200, std::string(1000, 'x')),
+                 .between_bytes = request.target == "/slow" ? 200ms : 5ms};
+  });
+  Settings settings;
+  settings.location = *Location::Parse(drips.Url(), false);
+  const Secrets secrets("", "", "");
+  Throttle throttle;
+  Client client(settings, secrets, nullptr, throttle);
+  tarn::webdav::Request slow{.method = "GET", .url = drips.Url("/slow"), .stall_limit_s = 1};
+  tarn::webdav::Request steady{.method = "GET", .url = drips.Url("/steady"), .deadline_s = 1};
+  for (auto* request : {&slow, &steady}) {
+    const auto start = Clock::now();
+    EXPECT_EQ(client.Perform(*request, throttle.Begin(), CURLAUTH_BASIC, false).code,
+              CURLE_OPERATION_TIMEDOUT);
+    EXPECT_LT(Clock::now() - start, 5s);
+  }
 }
 
 TEST_F(ScriptedTest, AllTransfersTogetherKeepToTheSpeedLimit) {

@@ -1,14 +1,9 @@
 #include "tarnsvc/CacheFolder.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <system_error>
 
-#include "common/posix.h"
+#include "common/folders.h"
 #include "tarnsvc/main.h"
 
 namespace tarn {
@@ -16,36 +11,7 @@ namespace tarn {
 namespace {
 
 constexpr int kMostFolders = 1000;  // drives with one label at a time
-
-enum class Claim { kOurs, kInUse, kFailed };
-
-bool IsSameFolder(int fd, const std::string& path) {
-  struct stat opened = {};
-  struct stat named = {};
-  return ::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 &&
-         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
-}
-
-// Removes what stands at `path` unless it is a folder of its own; then makes and locks the folder.
-Claim ClaimFolder(const std::string& path, UniqueFd& lock) {
-  struct stat status = {};
-  if (::lstat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
-    (void)::remove(path.c_str());  // making the folder fails if it is still there
-  }
-  (void)CreateDirectory(path.c_str(), nullptr);
-  UniqueFd folder = OpenFile(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-  if (!folder.valid()) {
-    return Claim::kFailed;
-  }
-  if (RetryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX | LOCK_NB); }) != 0) {
-    return errno == EWOULDBLOCK ? Claim::kInUse : Claim::kFailed;
-  }
-  if (!IsSameFolder(folder.get(), path)) {
-    return Claim::kFailed;
-  }
-  lock = std::move(folder);
-  return Claim::kOurs;
-}
+constexpr mode_t kFolderMode = 0755;
 
 void EmptyFolder(const std::string& path) {
   std::error_code error;
@@ -58,15 +24,6 @@ void EmptyFolder(const std::string& path) {
 
 }  // namespace
 
-std::string FolderName(const std::string& label) {
-  if (label == "." || label == "..") {
-    return "_";
-  }
-  std::string name = label;
-  std::replace(name.begin(), name.end(), '/', ':');
-  return name;
-}
-
 CacheFolder OpenCacheFolder(const std::string& base, const std::string& label) {
   const std::string name = "/" + FolderName(label);
   CacheFolder folder;
@@ -76,7 +33,7 @@ CacheFolder OpenCacheFolder(const std::string& base, const std::string& label) {
     if (!path) {
       break;
     }
-    const Claim claim = ClaimFolder(*path, folder.lock);
+    const Claim claim = ClaimFolder(*path, kFolderMode, folder.lock);
     if (claim == Claim::kOurs) {
       EmptyFolder(*path);
     }

@@ -18,7 +18,4 @@ struct CacheFolder {
 // the folder is removed without following symbolic links.
 CacheFolder OpenCacheFolder(const std::string& base, const std::string& label);
 
-// The label as the name of one folder.
-std::string FolderName(const std::string& label);
-
 }  // namespace tarn

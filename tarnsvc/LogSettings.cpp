@@ -1,5 +1,6 @@
 #include "tarnsvc/LogSettings.h"
 
+#include "common/folders.h"
 #include "common/json.h"
 #include "common/posix.h"
 #include "tarnsvc/main.h"

@@ -11,12 +11,12 @@
 #include <fcntl.h>
 #include <libxml/parser.h>
 #include <memory>
-#include <pwd.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include "common/folders.h"
 #include "tarnsvc/Child.h"
 #include "tarnsvc/Parent.h"
 
@@ -215,20 +215,6 @@ bool CreateDirectory(const char* path, void* /*reserved*/) {
 }
 
 namespace tarn {
-
-std::string HomeFolder() {
-  if (const char* home = std::getenv("HOME"); home != nullptr && home[0] != '\0') {
-    return home;
-  }
-  passwd account = {};
-  passwd* found = nullptr;
-  std::array<char, 4096> texts;
-  if (::getpwuid_r(::getuid(), &account, texts.data(), texts.size(), &found) != 0 ||
-      found == nullptr) {
-    return "";
-  }
-  return account.pw_dir;
-}
 
 std::string ServiceName() {
   std::array<char, kPathBytes> name = {};

@@ -59,9 +59,6 @@ bool CreateDirectory(const char* path, void* reserved);
 
 namespace tarn {
 
-// The home folder: the environment's, else the account's.
-std::string HomeFolder();
-
 // GetServiceName as a text.
 std::string ServiceName();
 

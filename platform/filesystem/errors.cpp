@@ -108,4 +108,12 @@ bool MattersToPeople(AERROR error) {
   }
 }
 
+bool IsUnreachable(AERROR error) {
+  return error == DEVICE_NOT_READY || error == NET_WRITE_FAILED;
+}
+
+bool IsCancelled(AERROR error) {
+  return error == READ_CANCELED || error == UPLOAD_CANCELED;
+}
+
 }  // namespace tarn::fs

@@ -12,4 +12,9 @@ namespace tarn::fs {
 // expect (is it there, is it empty), and nothing that merely is not offered.
 [[nodiscard]] bool MattersToPeople(AERROR error);
 
+// Whether the remote did not answer, so that the same may well be done later; all others are its
+// answers.
+[[nodiscard]] bool IsUnreachable(AERROR error);
+[[nodiscard]] bool IsCancelled(AERROR error);  // by a call of Cancel
+
 }  // namespace tarn::fs

@@ -65,6 +65,17 @@ void Events::ReachabilityChanged(bool is_reachable) {
   }
 }
 
+void Events::LeftUnsent(const std::string& mount_point, size_t count) {
+  const std::string message = std::to_string(count) +
+                              " files were not sent; they wait on this machine until the drive is "
+                              "mounted again";
+  Log(LOGLEVEL_ERROR, "%s: %s", mount_point.c_str(), message.c_str());
+  if (const auto listener = Sink(); listener) {
+    listener->Error(FS_EVENT_CREATE_FILE, SAVE_TO_LOCAL, mount_point.c_str(), mount_point.c_str(),
+                    message.c_str());
+  }
+}
+
 void Events::Unmounted(const std::string& mount_point) {
   if (const auto listener = Sink(); listener) {
     listener->Unmounted(mount_point.c_str());

@@ -24,6 +24,8 @@ class Events {
   void Failed(FS_EVENT operation, AERROR error, const std::string& path, const std::string& origin);
   // Tells of it once; while the remote cannot be reached, calls that fail for it are not told of.
   void ReachabilityChanged(bool is_reachable);
+  // Files wait on this machine for the drive to be mounted again.
+  void LeftUnsent(const std::string& mount_point, size_t count);
   void Unmounted(const std::string& mount_point);
 
  private:

@@ -27,15 +27,9 @@ FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
 
 FileSystem::~FileSystem() {
   (void)remote.Close({});  // or its threads would go on to tell of what they find
-}
-
-void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
-  remote.Add(std::move(protocol));
-  {
-    const MutexLock guard(lock);
-    listings.ForgetTree("/");
+  if (uploads) {
+    uploads->Stop();
   }
-  AskSpace();
 }
 
 std::optional<std::string> FileSystem::PathOf(Ino folder, const std::string& name) const {
@@ -83,6 +77,9 @@ void FileSystem::ReachabilityChanged(bool is_reachable) {
     listings.BelieveOld(!is_reachable);
   }
   events.ReachabilityChanged(is_reachable);
+  if (is_reachable) {
+    GetUploads()->Hasten();
+  }
 }
 
 int FileSystem::Find(const std::string& path, bool ask_anew, Listings::Answer& answer) {
@@ -138,8 +135,14 @@ std::shared_ptr<OpenFile> FileSystem::EnsureOpenFile(Ino ino) {
 }
 
 void FileSystem::DropOpenFileIfUnused(const std::shared_ptr<OpenFile>& file) {
+  if (FindOpenFile(file->ino) != file) {
+    return;  // dropped already, and perhaps opened anew
+  }
   const bool linked = nodes.PathOf(file->ino).has_value();
   const bool is_unsent = linked && file->work && file->work->IsDirty();
+  if (is_unsent && file->handles == 0) {
+    file->work->LetGo();
+  }
   if (file->preparing || is_unsent) {
     return;
   }

@@ -13,11 +13,13 @@
 
 #include "common/sync.h"
 #include "platform/filesystem/events.h"
+#include "platform/filesystem/journal.h"
 #include "platform/filesystem/listings.h"
 #include "platform/filesystem/nodes.h"
 #include "platform/filesystem/open_file.h"
 #include "platform/filesystem/path_locks.h"
 #include "platform/filesystem/remote.h"
+#include "platform/filesystem/uploads.h"
 
 namespace tarn::fs {
 
@@ -54,16 +56,25 @@ struct Space {
 // Threads: any, several at once.
 // Locks:   `lock` guards the state and comes before a work file's own; neither is held while the
 //          remote works, nor while an event is told. Changes of the remote are put in order by
-//          `changes`, which is taken with no lock held.
+//          `changes`, which is taken with no lock held; those of the journal by `publishing`, which
+//          comes before `lock` and is held while the disk works.
 // Errors:  0 or an errno value.
 class FileSystem : public std::enable_shared_from_this<FileSystem> {
  public:
   static constexpr std::chrono::seconds kAttributeTimeOut{5};
+  // Of one file, while others change what it meets.
+  static constexpr int kMaxSendAttempts = 10;
 
   explicit FileSystem(Clock::duration attribute_time_out = kAttributeTimeOut,
                       const Limits& limits = {});
   ~FileSystem();
+  FileSystem(const FileSystem&) = delete;
+  FileSystem& operator=(const FileSystem&) = delete;
 
+  // Before the first protocol. Files that are closed are then kept there until they were sent in
+  // the background; without a journal they are sent before close returns.
+  void UseJournal(std::unique_ptr<Journal> unsent_files);
+  // What the journal has for it is sent in the background.
   void AddProtocol(std::shared_ptr<IProtocol_V2> protocol);
   [[nodiscard]] Remote& GetRemote() { return remote; }
   [[nodiscard]] Events& GetEvents() { return events; }
@@ -113,16 +124,15 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // `from_mapping`: pages that the kernel writes back; the offset then holds for appenders too.
   [[nodiscard]] int Write(std::uint64_t handle, std::uint64_t offset, const void* data,
                           size_t length, bool from_mapping, size_t& written);
-  [[nodiscard]] int Flush(std::uint64_t handle);  // one descriptor was closed
+  [[nodiscard]] int Flush(std::uint64_t handle);  // one descriptor was closed; 0: nothing is lost
   [[nodiscard]] int Sync(std::uint64_t handle);   // 0: the remote has it
   void Release(std::uint64_t handle);             // the last descriptor was closed
 
-  // Sends everything that the remote lacks. Returns the number of files that could not be sent.
-  int StoreAll();
-  // Nothing is open any more, whatever was not closed.
+  // Sends everything that the remote lacks, for as long as that makes progress: at most `patience`
+  // without any. Returns the number of files that the remote still lacks.
+  size_t SendAll(Clock::duration patience);
+  // Nothing is open any more, whatever was not closed, and nothing is sent.
   void CloseAll();
-  // Grows while an upload moves.
-  [[nodiscard]] std::uint64_t GetProgress() const { return progress; }
 
  private:
   // What the kernel holds of a file.
@@ -136,8 +146,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
     Ino folder = 0;
     std::string name;
   };
-  struct StoreSource;    // the content on its way to the remote
-  struct RemoteContent;  // the content on its way from there
+  struct RemoteContent;  // the content on its way from the remote
 
   [[nodiscard]] std::optional<std::string> PathOf(Ino folder, const std::string& name) const
       TARN_REQUIRES(lock);
@@ -191,6 +200,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(lock);
   [[nodiscard]] int FindForOpen(Ino ino, int flags, Attributes& attributes, Beginning& begun);
   [[nodiscard]] bool TrustsForOpen(Ino ino) TARN_EXCLUDES(lock);
+  [[nodiscard]] bool WasStoredSince(Ino ino, const Attributes& answer) const TARN_REQUIRES(lock);
   void Refresh(OpenFile& file, const Attributes& attributes) TARN_REQUIRES(lock);
   [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
 
@@ -207,20 +217,58 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Lets those who have the file open keep its content, which the remote is about to lose.
   [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
 
-  [[nodiscard]] int Store(const std::shared_ptr<OpenFile>& file);
-  // `is_new`: nothing may be there yet; SHARING_VIOLATION when there is, from remotes that can
-  // tell.
-  [[nodiscard]] AERROR Upload(const std::string& path, const WorkFile& work,
-                              const WorkFile::State& state, bool is_new, Attributes& stored);
-  // Somebody else has made a file of this name: ours takes another one beside it.
-  void MoveAside(const OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
+  // An empty work file where the unsent ones are kept.
+  [[nodiscard]] int MakeWork(std::shared_ptr<WorkFile>& work) const;
+  // What programs wrote is safe from now on: in the journal, or else at the remote.
+  [[nodiscard]] int Save(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
+  // Puts what is not stored into the journal.
+  [[nodiscard]] int Publish(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
+  // Its place, or what it replaces, has changed.
+  void PublishAnew(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
+  void UnsentMoved(const std::string& path) TARN_EXCLUDES(publishing, lock);  // it, and those below
+  [[nodiscard]] int PutRecord(const OpenFile& file, const std::string& path,
+                              const WorkFile::Snapshot& snapshot) TARN_REQUIRES(publishing);
+  // Nobody wants it at the remote any more.
+  void DropUnsent(OpenFile& file) TARN_EXCLUDES(publishing, lock);
+  // Has uploads of files at or below the place end, those that would take long or all of them.
+  void GiveUpUploadsAt(Ino folder, const std::string& name, bool all) TARN_EXCLUDES(lock);
+  void Adopt(Journal::Unsent unsent, int protocol) TARN_EXCLUDES(lock);
+  [[nodiscard]] bool HasJournalFor(const OpenFile& file) TARN_EXCLUDES(lock);
+
+  std::shared_ptr<Uploads> GetUploads() TARN_EXCLUDES(lock);
+  [[nodiscard]] AERROR SendInBackground(Ino ino) TARN_EXCLUDES(lock);
+  // Sends what is not stored: what was published, or without a journal what there is. SUCCESS: the
+  // remote has it, or nobody wants it any more. RETRY_UPLOAD: was given up, perhaps for a rename.
+  [[nodiscard]] AERROR Send(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
+  [[nodiscard]] int SendNow(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
+  [[nodiscard]] AERROR Upload(const std::string& path, const WorkFile::Snapshot& snapshot,
+                              const std::optional<std::string>& replaces,
+                              const std::atomic<bool>& give_up, Attributes& stored);
+  // The remote has something else there than what was to be replaced. SUCCESS: that is what was
+  // sent; RETRY_UPLOAD: ours can be sent now, under another name if need be.
+  [[nodiscard]] AERROR SettleConflict(const std::shared_ptr<OpenFile>& file,
+                                      const std::string& path, const WorkFile::Snapshot& snapshot,
+                                      Attributes& stored);
+  [[nodiscard]] bool IsAtRemote(const std::string& path, const Attributes& attributes,
+                                const WorkFile::Snapshot& snapshot);
+  // Somebody else has a file of this name: ours takes another one beside it.
+  void MoveAside(const std::shared_ptr<OpenFile>& file, const std::string& path)
+      TARN_EXCLUDES(lock);
+  [[nodiscard]] bool MakeFoldersAbove(const std::string& path);
   void Stored(OpenFile& file, const std::string& path, WorkFile& work, const WorkFile::State& state,
-              const Attributes& stored);
+              const Attributes& stored) TARN_EXCLUDES(publishing, lock);
 
   [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
   [[nodiscard]] bool IsAsOpened(const OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
   void TakeNewVersion(OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
   [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
+  [[nodiscard]] bool SetUnsentModified(const std::shared_ptr<OpenFile>& file, const FS_TIME& time)
+      TARN_EXCLUDES(publishing, lock);
+  [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(lock);
+  [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
+      TARN_EXCLUDES(lock);
+  void TakePlaceOf(OpenFile& source, const OpenFile* target, Ino new_folder,
+                   const std::string& new_name) TARN_REQUIRES(lock);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
              const std::vector<std::string>& paths) TARN_REQUIRES(lock);
   // Whether the folder has files that only this side knows of; and adds them to a listing.
@@ -235,8 +283,10 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   PathLocks changes;
   const FS_TIME mounted_at;
   const Clock::duration time_out;
-  std::atomic<std::uint64_t> progress = 0;
+  std::atomic<std::uint64_t> progress = 0;  // grows while an upload moves
+  std::unique_ptr<Journal> journal;         // set once, before the first use
 
+  Mutex publishing;
   mutable Mutex lock;
   CondVar prepared;
   Nodes nodes TARN_GUARDED_BY(lock);
@@ -258,6 +308,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   Space space TARN_GUARDED_BY(lock);
   Clock::time_point space_asked TARN_GUARDED_BY(lock) = {};
   bool asking_space TARN_GUARDED_BY(lock) = false;
+  std::vector<std::string> identities TARN_GUARDED_BY(lock);  // of the protocols
+  std::shared_ptr<Uploads> uploads TARN_GUARDED_BY(lock);     // made when it is needed
 };
 
 }  // namespace tarn::fs

@@ -110,8 +110,7 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
     file = FindOpenFile(ino);
     work = file ? file->work : nullptr;
   }
-  if (work && work->IsDirty()) {
-    work->SetModified(time);  // goes with the content
+  if (file && SetUnsentModified(file, time)) {
     return 0;
   }
   const bool is_as_opened = file && IsAsOpened(*file, paths[0]);
@@ -123,7 +122,7 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
     return ErrnoOf(error);
   }
   if (work) {
-    work->SetFilled(time);
+    work->SetModified(time);
   }
   {
     const MutexLock guard(lock);

@@ -47,7 +47,7 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
     return EROFS;
   }
   std::shared_ptr<WorkFile> work;
-  if (const int error = WorkFile::Make(work); error != 0) {
+  if (const int error = MakeWork(work); error != 0) {
     return error;
   }
   work->MarkDirty();
@@ -93,6 +93,9 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     if (error != 0 && !is_local) {
       return error;
     }
+    if (!is_local && WasStoredSince(ino, attributes)) {
+      return ESTALE;  // the kernel asks again
+    }
     file = EnsureOpenFile(ino);
     if (!is_local) {
       Refresh(*file, attributes);
@@ -110,6 +113,13 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     Release(opened.handle);
   }
   return truncated;
+}
+
+// Whether an upload has ended while the remote was asked: the answer is from before it.
+bool FileSystem::WasStoredSince(Ino ino, const Attributes& answer) const {
+  const auto path = nodes.PathOf(ino);
+  const auto known = path ? listings.Find(*path, Clock::now()) : Listings::Answer{};
+  return known.known == Listings::Known::kPresent && known.attributes.version != answer.version;
 }
 
 // A file was opened, and this is what the remote has by now.
@@ -150,7 +160,7 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
     attributes = file->remote;
     path = nodes.PathOf(file->ino);
   }
-  int error = WorkFile::Make(work);
+  int error = MakeWork(work);
   if (error == 0 && keep > 0) {
     error = path ? Fetch(file, keep, *work) : ESTALE;
   }
@@ -158,7 +168,7 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
   file->preparing = false;
   prepared.notify_all();
   if (error == 0) {
-    work->SetFilled(attributes.modified);
+    work->SetModified(attributes.modified);
     file->work = work;
     DropReader(*file);
   }
@@ -216,8 +226,8 @@ int FileSystem::Write(std::uint64_t handle, std::uint64_t offset, const void* da
       return error;
     }
   }
-  const bool at_end = open->append && !from_mapping;
-  return work->Write(at_end ? work->GetSize() : offset, data, length, written);
+  return open->append && !from_mapping ? work->Append(data, length, written)
+                                       : work->Write(offset, data, length, written);
 }
 
 int FileSystem::Flush(std::uint64_t handle) {
@@ -225,12 +235,18 @@ int FileSystem::Flush(std::uint64_t handle) {
   if (!open) {
     return EBADF;
   }
-  return open->may_write ? Store(open->file) : 0;
+  return open->may_write ? Save(open->file) : 0;
 }
 
 int FileSystem::Sync(std::uint64_t handle) {
   const auto open = GetHandle(handle);
-  return open ? Store(open->file) : EBADF;
+  if (!open) {
+    return EBADF;
+  }
+  if (HasJournalFor(*open->file)) {
+    (void)Publish(open->file);  // what cannot be kept is sent all the same
+  }
+  return SendNow(open->file);
 }
 
 void FileSystem::Release(std::uint64_t handle) {
@@ -239,7 +255,7 @@ void FileSystem::Release(std::uint64_t handle) {
     return;
   }
   if (open->may_write) {
-    (void)Store(open->file);  // pages of a mapping may come after the close; events tell of failure
+    (void)Save(open->file);  // pages of a mapping may come after the close; events tell of failure
   }
   const MutexLock guard(lock);
   handles.erase(handle);

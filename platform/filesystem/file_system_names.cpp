@@ -18,6 +18,11 @@ int CheckName(const std::string& name) {
   return IsValidName(name) ? 0 : EILSEQ;
 }
 
+bool HasEntry(const std::vector<Entry>& entries, const std::string& name) {
+  return std::any_of(entries.begin(), entries.end(),
+                     [&](const Entry& entry) { return entry.name == name; });
+}
+
 }  // namespace
 
 // The second name that is asked for in a folder brings the listing, which answers for all others.
@@ -117,6 +122,7 @@ int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
 }
 
 int FileSystem::RemoveFile(Ino folder, const std::string& name) {
+  GiveUpUploadsAt(folder, name, true);
   std::vector<std::string> paths;
   const auto hold = HoldPlaces({{folder, name}}, paths);
   if (!hold) {
@@ -144,12 +150,16 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
       return ErrnoOf(error);
     }
   }
-  const MutexLock guard(lock);
-  listings.SetAbsent(paths[0], Clock::now());
-  if (const auto ino = nodes.Find(folder, name); ino) {
-    nodes.Unlink(*ino);
+  {
+    const MutexLock guard(lock);
+    listings.SetAbsent(paths[0], Clock::now());
+    if (const auto ino = nodes.Find(folder, name); ino) {
+      nodes.Unlink(*ino);
+    }
   }
   if (file) {
+    DropUnsent(*file);
+    const MutexLock guard(lock);
     DropOpenFileIfUnused(file);
   }
   return 0;
@@ -188,6 +198,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (const int error = CheckName(new_name); error != 0) {
     return error;
   }
+  GiveUpUploadsAt(folder, name, false);
   std::vector<std::string> paths;
   const auto hold = HoldPlaces({{folder, name}, {new_folder, new_name}}, paths);
   if (!hold) {
@@ -195,51 +206,80 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   }
   std::shared_ptr<OpenFile> source;
   std::shared_ptr<OpenFile> target;
-  bool target_is_known = false;
   {
     const MutexLock guard(lock);
     source = FindOpenFile(folder, name);
     target = FindOpenFile(new_folder, new_name);
-    target_is_known = nodes.Find(new_folder, new_name).has_value();
+    target = target == source ? nullptr : target;
     if (paths[0] != paths[1] && HoldsUnsent(paths[1])) {
       return ENOTEMPTY;
     }
   }
-  if (!may_replace) {
-    Listings::Answer answer;
-    if (const int error = Find(paths[1], true, answer); error != 0) {
-      return error;
-    }
-    if (target || answer.known == Listings::Known::kPresent) {
-      return EEXIST;
-    }
-  }
-  if (const int error = target && target != source ? Preserve(target) : 0; error != 0) {
+  if (const int error = may_replace ? 0 : CheckFree(paths[1], target != nullptr); error != 0) {
     return error;
   }
-  if (!source || source->at_remote) {
-    if (const AERROR error = remote.Move(paths[0], paths[1]); error != SUCCESS) {
-      events.Failed(folder == new_folder ? FS_EVENT_RENAME : FS_EVENT_MOVE, error, paths[1],
-                    paths[0]);
+  if (const int error = target ? Preserve(target) : 0; error != 0) {
+    return error;
+  }
+  const bool is_at_remote = !source || source->at_remote;
+  if (const int error = is_at_remote ? MoveAtRemote(paths[0], paths[1]) : 0; error != 0) {
+    if (target) {
       const MutexLock guard(lock);
-      listings.Forget(paths[0]);
-      listings.Forget(paths[1]);
-      if (target) {
-        DropOpenFileIfUnused(target);
-      }
-      return error == NOT_SUPPORTED ? EXDEV : ErrnoOf(error);
+      DropOpenFileIfUnused(target);
     }
+    return error;
   }
-  const MutexLock guard(lock);
-  if (source && !source->at_remote) {
-    // What the remote has under the new name is replaced when the content goes there.
-    source->at_remote = target_is_known && (!target || target->at_remote);
+  {
+    const MutexLock guard(lock);
+    if (!is_at_remote) {
+      TakePlaceOf(*source, target.get(), new_folder, new_name);
+    }
+    Moved(folder, name, new_folder, new_name, paths);
   }
-  Moved(folder, name, new_folder, new_name, paths);
   if (target) {
+    DropUnsent(*target);
+    const MutexLock guard(lock);
     DropOpenFileIfUnused(target);
   }
+  UnsentMoved(paths[1]);
   return 0;
+}
+
+int FileSystem::CheckFree(const std::string& path, bool is_open) {
+  Listings::Answer answer;
+  if (const int error = Find(path, true, answer); error != 0) {
+    return error;
+  }
+  return is_open || answer.known == Listings::Known::kPresent ? EEXIST : 0;
+}
+
+int FileSystem::MoveAtRemote(const std::string& from, const std::string& to) {
+  const AERROR error = remote.Move(from, to);
+  if (error == SUCCESS) {
+    return 0;
+  }
+  events.Failed(FolderOf(from) == FolderOf(to) ? FS_EVENT_RENAME : FS_EVENT_MOVE, error, to, from);
+  const MutexLock guard(lock);
+  listings.Forget(from);
+  listings.Forget(to);
+  return error == NOT_SUPPORTED ? EXDEV : ErrnoOf(error);
+}
+
+// The source is at this side only; what the remote has under the new name is replaced when the
+// content goes there.
+void FileSystem::TakePlaceOf(OpenFile& source, const OpenFile* target, Ino new_folder,
+                             const std::string& new_name) {
+  if (target != nullptr) {
+    source.at_remote = target->at_remote;
+    source.remote = target->remote;
+    return;
+  }
+  const auto path = PathOf(new_folder, new_name);
+  const auto there = path ? listings.Find(*path, Clock::now()) : Listings::Answer{};
+  source.at_remote =
+      there.known == Listings::Known::kPresent ||
+      (there.known == Listings::Known::kNothing && nodes.Find(new_folder, new_name).has_value());
+  source.remote = there.attributes;
 }
 
 void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
@@ -298,12 +338,24 @@ int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
   if (!path) {
     return ENOENT;
   }
+  // What is sent while the remote is asked may be in neither of the two.
+  std::vector<Entry> unsent;
+  {
+    const MutexLock guard(lock);
+    AddUnsent(*path, unsent);
+  }
   if (const AERROR error = GetListing(*path, content); error != SUCCESS) {
     events.Failed(FS_EVENT_READDIR, error, *path, *path);
     return ErrnoOf(error);
   }
   ListAhead(*path, content.entries);
   const MutexLock guard(lock);
+  for (const Entry& entry : unsent) {
+    const auto known = listings.Find(JoinPath(*path, entry.name), Clock::now());
+    if (known.known == Listings::Known::kPresent && !HasEntry(content.entries, entry.name)) {
+      content.entries.push_back({entry.name, known.attributes});
+    }
+  }
   AddUnsent(*path, content.entries);
   return 0;
 }
@@ -365,10 +417,8 @@ void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entrie
     if (file->at_remote || !path || FolderOf(*path) != folder) {
       continue;
     }
-    const std::string name(NameOf(*path));
-    if (std::none_of(entries.begin(), entries.end(),
-                     [&](const Entry& entry) { return entry.name == name; })) {
-      entries.push_back({name, {}});
+    if (std::string name(NameOf(*path)); !HasEntry(entries, name)) {
+      entries.push_back({std::move(name), {}});
     }
   }
 }
@@ -376,17 +426,19 @@ void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entrie
 bool FileSystem::LookUpEntry(Ino folder, const Entry& entry, Clock::time_point asked, Stat& stat) {
   const MutexLock guard(lock);
   const auto path = PathOf(folder, entry.name);
-  if (!path || listings.Find(*path, Clock::now()).known == Listings::Known::kAbsent) {
-    const auto unsent = FindOpenFile(folder, entry.name);
-    if (!unsent || !unsent->work) {
-      return false;
-    }
+  const auto unsent = FindOpenFile(folder, entry.name);
+  const bool is_local = unsent && unsent->work;
+  const auto known = path ? listings.Find(*path, Clock::now()) : Listings::Answer{};
+  if (!path || (known.known == Listings::Known::kAbsent && !is_local)) {
+    return false;
   }
-  const Ino ino = nodes.Ensure(folder, entry.name, entry.attributes.is_folder);
+  const bool is_known = known.known == Listings::Known::kPresent;  // perhaps sent since
+  const Attributes& attributes = is_known ? known.attributes : entry.attributes;
+  const Ino ino = nodes.Ensure(folder, entry.name, attributes.is_folder);
   nodes.AddLookup(ino);
-  const auto file = FindOpenFile(ino);
   const auto valid_for = std::max(Clock::duration::zero(), asked + time_out - Clock::now());
-  stat = file && file->work ? LocalStat(*file) : RemoteStat(ino, entry.attributes, valid_for);
+  stat = is_local ? LocalStat(*unsent)
+                  : RemoteStat(ino, attributes, is_known ? known.believable : valid_for);
   return true;
 }
 

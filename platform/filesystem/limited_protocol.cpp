@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/filesystem/errors.h"
 #include "platform/filesystem/path_locks.h"
 
 namespace tarn::fs {
@@ -15,14 +16,6 @@ constexpr int kMaxLeftBehind = 64;    // with more, nothing new is begun
 constexpr size_t kMaxLeftProbes = 3;  // a module that returns from none of so many never will
 
 constexpr auto kNoLonger = Clock::time_point::min();
-
-bool IsUnreachable(AERROR error) {
-  return error == DEVICE_NOT_READY || error == NET_WRITE_FAILED;
-}
-
-bool IsCancelled(AERROR error) {
-  return error == READ_CANCELED || error == UPLOAD_CANCELED;
-}
 
 template <typename T>
 size_t CountLiving(std::vector<std::weak_ptr<T>>& list) {

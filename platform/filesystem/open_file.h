@@ -1,7 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "platform/filesystem/attributes.h"
 #include "platform/filesystem/nodes.h"
@@ -25,6 +28,21 @@ struct OpenFile {
   bool is_fresh = false;           // nobody was given anything of `remote` before it was opened
   std::shared_ptr<Reader> reader;  // of `remote`; made when it is needed
   std::uint64_t serial = 0;        // counts the changes made elsewhere that an open has seen
+
+  // In the journal: what was closed, or asked to be stored, and is not at the remote yet. Changed
+  // only with FileSystem::publishing held, too.
+  WorkFile::Snapshot unsent;
+  std::string id;  // in the journal; empty: never was there
+  // While it is being sent: set to have that end soon.
+  std::shared_ptr<std::atomic<bool>> give_up;
+
+  // The version that an upload may replace; empty: nothing may be there; unset: whatever is there.
+  [[nodiscard]] std::optional<std::string> Replaces() const {
+    if (!at_remote) {
+      return "";
+    }
+    return remote.version.empty() ? std::nullopt : std::optional(remote.version);
+  }
 };
 
 // One open(2).

@@ -3,6 +3,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/folders.h"
 #include "platform/filesystem/bindings.h"
 
 namespace tarn::fs {
@@ -16,41 +17,17 @@ constexpr seconds kAfterCancel{15};     // a cancelled call should have ended by
 constexpr seconds kServingThreads{30};  // calls that programs still wait for when the session ends
 constexpr seconds kGone{120};           // all of what the keeper does, at worst
 
-// A task on a thread of its own that can be left behind; it shares what it uses.
-class Task {
- public:
-  bool Start(std::function<void()> work) {
-    auto begun = std::make_shared<Progress>();
-    try {
-      std::thread([begun, work = std::move(work)] {
-        work();
-        const MutexLock guard(begun->lock);
-        begun->done = true;
-        begun->changed.notify_all();
-      }).detach();
-    } catch (const std::system_error&) {
-      return false;
-    }
-    state = std::move(begun);
-    return true;
+// Where files that are closed but not sent outlive this process. Null without a service's name.
+std::unique_ptr<Journal> OpenJournal(const std::string& label) {
+  const std::string service = Bindings::Get().GetServiceName();
+  const std::string home = HomeFolder();
+  if (service.empty() || home.empty()) {
+    return nullptr;
   }
-
-  bool Wait(seconds patience) {
-    const auto deadline = Clock::now() + patience;
-    const MutexLock guard(state->lock);
-    while (!state->done && state->changed.wait_until(state->lock, deadline)) {
-    }
-    return state->done;
-  }
-
- private:
-  struct Progress {
-    Mutex lock;
-    CondVar changed;
-    bool done TARN_GUARDED_BY(lock) = false;
-  };
-  std::shared_ptr<Progress> state;
-};
+  const std::string name = FolderName(service);
+  return Journal::Open(home + "/Library/Application Support/" + name + "/_unsent_",
+                       label.empty() ? name : label);
+}
 
 }  // namespace
 
@@ -60,6 +37,7 @@ AERROR Volume::Start(const std::string& label) {
   if (const AERROR error = mount_point.Take(given_path); error != SUCCESS) {
     return error;
   }
+  files->UseJournal(OpenJournal(label));
   const bool serves = loop->Start(mount_point.GetPath(), label);
   if (mount_point.Confirm() && serves) {
     try {
@@ -76,24 +54,13 @@ AERROR Volume::Start(const std::string& label) {
   return FS_MOUNT_ERROR;
 }
 
-void Volume::StoreWhatIsLeft() {
-  Task task;
-  if (!task.Start([served = files] {
-        if (const int unsent = served->StoreAll(); unsent > 0) {
-          Log(LOGLEVEL_ERROR, "%d files could not be sent", unsent);
-        }
-      })) {
-    return;
-  }
-  for (std::uint64_t before = files->GetProgress(); !task.Wait(kNoProgress);) {
-    const std::uint64_t now = files->GetProgress();
-    if (now == before) {
-      Log(LOGLEVEL_ERROR, "uploads to %s stand still and are given up", given_path.c_str());
-      files->GetRemote().Cancel();
-      (void)task.Wait(kAfterCancel);
-      return;
+void Volume::SendWhatIsLeft() {
+  const size_t left = files->SendAll(gave_up ? seconds::zero() : kNoProgress);
+  if (left > 0) {
+    files->GetRemote().Cancel();
+    if (!gave_up.exchange(true)) {
+      files->GetEvents().LeftUnsent(given_path, left);
     }
-    before = now;
   }
 }
 
@@ -113,7 +80,7 @@ bool Volume::TakeAway() {
 AERROR Volume::Stop() {
   const MutexLock one_at_a_time(stopping);
   if (!IsGone()) {
-    StoreWhatIsLeft();
+    SendWhatIsLeft();
     if (!TakeAway()) {
       return FS_UNMOUNT_FAILED;
     }
@@ -132,7 +99,7 @@ void Volume::Keep() {
     (void)loop->WaitIdle(kAfterCancel);
   }
   loop->Abort();
-  StoreWhatIsLeft();
+  SendWhatIsLeft();
   if (!files->GetRemote().Close(kAfterCancel)) {
     Log(LOGLEVEL_ERROR, "a protocol of %s does not come back", given_path.c_str());
   }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <functional>
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -47,8 +47,8 @@ class Volume final : public IFSDrive, public std::enable_shared_from_this<Volume
   int SetEventSink(std::shared_ptr<IFSEvent> event_sink) override;
 
  private:
-  // Runs StoreAll; gives up when nothing moves any more.
-  void StoreWhatIsLeft();
+  // Gives up when nothing moves any more; what is left stays in the journal.
+  void SendWhatIsLeft();
   void Keep();
   [[nodiscard]] bool TakeAway();
 
@@ -57,7 +57,8 @@ class Volume final : public IFSDrive, public std::enable_shared_from_this<Volume
   const std::shared_ptr<FuseLoop> loop = std::make_shared<FuseLoop>(files);
   MountPoint mount_point;
 
-  Mutex stopping;  // one Stop at a time; comes before `lock`
+  std::atomic<bool> gave_up = false;  // to send what is left
+  Mutex stopping;                     // one Stop at a time; comes before `lock`
   mutable Mutex lock;
   CondVar ended;
   bool gone TARN_GUARDED_BY(lock) = false;

@@ -2,56 +2,16 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <ctime>
-#include <fcntl.h>
 #include <limits>
-#include <sys/stat.h>
 #include <sys/types.h>
-#include <unistd.h>
 #include <utility>
-
-#include "platform/filesystem/bindings.h"
 
 namespace tarn::fs {
 
 namespace {
 
 constexpr std::uint64_t kMaxSize = std::numeric_limits<off_t>::max();
-
-std::string WorkFolder() {
-  const Lent<ICache>::Lease cache(Bindings::Get().cache);
-  if (const char* folder = cache ? cache->GetFolder() : nullptr; folder != nullptr) {
-    return folder;
-  }
-  const char* temporary = std::getenv("TMPDIR");
-  return temporary != nullptr && *temporary == '/' ? temporary : "/tmp";
-}
-
-UniqueFd MakeNameless(const std::string& folder) {
-  std::string path = folder + "/.work-XXXXXX";
-  UniqueFd file(::mkostemp(path.data(), O_CLOEXEC));  // mode 0600
-  if (file.valid()) {
-    (void)::unlink(path.c_str());  // nothing worse than a left-over name
-  }
-  return file;
-}
-
-int PwriteAll(int fd, const void* data, size_t length, std::uint64_t offset, size_t& written) {
-  const char* const bytes = static_cast<const char*>(data);
-  for (written = 0; written < length;) {
-    const ssize_t count =
-        ::pwrite(fd, bytes + written, length - written, static_cast<off_t>(offset + written));
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count <= 0) {
-      return count == 0 ? EIO : errno;
-    }
-    written += static_cast<size_t>(count);
-  }
-  return 0;
-}
 
 }  // namespace
 
@@ -61,57 +21,89 @@ FS_TIME Now() {
   return {now.tv_sec, static_cast<int>(now.tv_nsec)};
 }
 
-int WorkFile::Make(std::shared_ptr<WorkFile>& file) {
-  UniqueFd content = MakeNameless(WorkFolder());
-  if (!content.valid()) {
-    return errno;
-  }
-  file = std::make_shared<WorkFile>(std::move(content));
-  file->SetFilled(Now());
-  return 0;
+WorkFile::WorkFile(std::shared_ptr<Content> empty) : content(std::move(empty)) {
+  state.modified = Now();
+}
+
+WorkFile::WorkFile(std::shared_ptr<Content> unsent, std::uint64_t size, const FS_TIME& modified)
+    : content(std::move(unsent)), state{1, size, modified} {}
+
+std::shared_ptr<Content> WorkFile::GetContent() const {
+  const MutexLock guard(lock);
+  return content;
 }
 
 int WorkFile::Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) const {
-  const std::uint64_t size = GetSize();
-  const size_t wanted = offset >= size ? 0 : std::min<std::uint64_t>(length, size - offset);
-  char* const bytes = static_cast<char*>(buffer);
-  for (received = 0; received < wanted;) {
-    const ssize_t count = ::pread(fd.get(), bytes + received, wanted - received,
-                                  static_cast<off_t>(offset + received));
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count < 0) {
-      return errno;
-    }
-    if (count == 0) {
-      break;  // cut short meanwhile
-    }
-    received += static_cast<size_t>(count);
+  std::shared_ptr<Content> bytes;
+  std::uint64_t size = 0;
+  {
+    const MutexLock guard(lock);
+    bytes = content;
+    size = state.size;
   }
+  const size_t wanted = offset >= size ? 0 : std::min<std::uint64_t>(length, size - offset);
+  return bytes->Read(offset, buffer, wanted, received);  // less when it is cut short meanwhile
+}
+
+// What a snapshot has is copied before it is changed.
+int WorkFile::MakeOwn(std::uint64_t keep_bytes) {
+  std::shared_ptr<Content> shared;
+  {
+    const MutexLock guard(lock);
+    if (snapshots.expired()) {
+      return 0;
+    }
+    shared = content;
+    keep_bytes = std::min(keep_bytes, state.size);
+  }
+  std::shared_ptr<Content> own;
+  if (const int error = shared->Copy(keep_bytes, own); error != 0) {
+    return error;
+  }
+  const MutexLock guard(lock);
+  content = std::move(own);
+  snapshots.reset();
+  return 0;
+}
+
+int WorkFile::WriteAt(std::uint64_t offset, const void* data, size_t length, size_t& written) {
+  written = 0;
+  if (offset > kMaxSize || length > kMaxSize - offset) {
+    return EFBIG;
+  }
+  if (const int error = MakeOwn(kMaxSize); error != 0) {
+    return error;
+  }
+  const int error = GetContent()->Write(offset, data, length, written);
+  if (written == 0) {
+    return error;
+  }
+  const MutexLock guard(lock);
+  state.size = std::max(state.size, offset + written);
+  Changed();
   return 0;
 }
 
 int WorkFile::Write(std::uint64_t offset, const void* data, size_t length, size_t& written) {
-  if (offset > kMaxSize || length > kMaxSize - offset) {
-    return EFBIG;
-  }
-  const int error = PwriteAll(fd.get(), data, length, offset, written);
-  if (written == 0) {
-    return error;
-  }
-  const MutexLock guard(lock);  // after the bytes are there, so that no upload calls them sent
-  state.size = std::max(state.size, offset + written);
-  Changed();
-  return 0;
+  const MutexLock one_at_a_time(changing);
+  return WriteAt(offset, data, length, written);
+}
+
+int WorkFile::Append(const void* data, size_t length, size_t& written) {
+  const MutexLock one_at_a_time(changing);
+  return WriteAt(GetSize(), data, length, written);
 }
 
 int WorkFile::SetSize(std::uint64_t size) {
   if (size > kMaxSize) {
     return EFBIG;
   }
-  if (::ftruncate(fd.get(), static_cast<off_t>(size)) != 0) {
-    return errno;
+  const MutexLock one_at_a_time(changing);
+  if (const int error = MakeOwn(size); error != 0) {
+    return error;
+  }
+  if (const int error = GetContent()->SetSize(size); error != 0) {
+    return error;
   }
   const MutexLock guard(lock);
   state.size = size;
@@ -121,7 +113,7 @@ int WorkFile::SetSize(std::uint64_t size) {
 
 int WorkFile::Fill(std::uint64_t offset, const void* data, size_t length) {
   size_t written = 0;
-  if (const int error = PwriteAll(fd.get(), data, length, offset, written); error != 0) {
+  if (const int error = GetContent()->Write(offset, data, length, written); error != 0) {
     return error;
   }
   const MutexLock guard(lock);
@@ -134,25 +126,25 @@ std::uint64_t WorkFile::GetSize() const {
   return state.size;
 }
 
-FS_TIME WorkFile::GetModified() const {
-  const MutexLock guard(lock);
-  return state.modified;
-}
-
 void WorkFile::SetModified(const FS_TIME& time) {
   const MutexLock guard(lock);
-  Changed();
   state.modified = time;
-}
-
-void WorkFile::SetFilled(const FS_TIME& remote_time) {
-  const MutexLock guard(lock);
-  state.modified = remote_time;
 }
 
 WorkFile::State WorkFile::GetState() const {
   const MutexLock guard(lock);
   return state;
+}
+
+WorkFile::Snapshot WorkFile::TakeSnapshot() {
+  const MutexLock not_in_a_change(changing);
+  const MutexLock guard(lock);
+  auto holders = snapshots.lock();
+  if (!holders) {
+    holders = std::make_shared<std::shared_ptr<Content>>(content);
+    snapshots = holders;
+  }
+  return {std::shared_ptr<Content>(holders, content.get()), state};
 }
 
 bool WorkFile::IsDirty() const {
@@ -168,6 +160,10 @@ void WorkFile::MarkDirty() {
 void WorkFile::MarkStored(const State& stored) {
   const MutexLock guard(lock);
   stored_change = std::max(stored_change, stored.change);
+}
+
+void WorkFile::LetGo() {
+  GetContent()->LetGo();
 }
 
 void WorkFile::Changed() {

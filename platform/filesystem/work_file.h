@@ -2,56 +2,68 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 
 #include "common/sync.h"
-#include "common/unique_fd.h"
 #include "interfaces/fs_types.h"
+#include "platform/filesystem/content.h"
 
 namespace tarn::fs {
 
-// The content of one file that is being changed, as a local file. What programs write goes here;
-// from here it is sent.
+// The content of one file that is being changed, as a local file. What programs write goes here.
+// From here it is sent in snapshots: a change after one was taken goes to a copy, so that what is
+// on its way, or is to be sent after a crash, never is half of one state and half of another.
 //
-// Owns:    the local file, which has no name and so ends with this object and with the process.
-// Threads: any. Content is moved without a lock (the file system below orders it); the lock guards
-//          what is known about it.
+// Owns:    a share of the content.
+// Threads: any.
+// Locks:   `changing` is held while bytes are written or copied, and comes before `lock`, which
+//          guards what is known about them. Reading needs neither while it moves bytes.
 // Errors:  0 or an errno value.
 class WorkFile {
  public:
-  // An empty one in the bound cache's folder, else in the temporary folder.
-  [[nodiscard]] static int Make(std::shared_ptr<WorkFile>& file);
+  // One state of the content.
+  struct State {
+    std::uint64_t change;  // counts
+    std::uint64_t size;    // bytes
+    FS_TIME modified;
+  };
+  struct Snapshot {
+    std::shared_ptr<Content> content;  // stays as it is while this lives
+    State state = {};
+  };
 
-  explicit WorkFile(UniqueFd content) : fd(std::move(content)) {}
+  explicit WorkFile(std::shared_ptr<Content> empty);
+  // One that waits to be sent.
+  WorkFile(std::shared_ptr<Content> unsent, std::uint64_t size, const FS_TIME& modified);
 
   [[nodiscard]] int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) const;
   // May write less than asked for, as write(2) does.
   [[nodiscard]] int Write(std::uint64_t offset, const void* data, size_t length, size_t& written);
+  [[nodiscard]] int Append(const void* data, size_t length, size_t& written);
   [[nodiscard]] int SetSize(std::uint64_t size);
-  // Fills in what the remote has; no change.
+  // Fills in what the remote has; no change. Before anybody else knows of this object.
   [[nodiscard]] int Fill(std::uint64_t offset, const void* data, size_t length);
 
   [[nodiscard]] std::uint64_t GetSize() const;
-  [[nodiscard]] FS_TIME GetModified() const;
-  void SetModified(const FS_TIME& time);       // a change
-  void SetFilled(const FS_TIME& remote_time);  // the content is that of the remote
+  void SetModified(const FS_TIME& time);  // no change of the content
 
-  // One state of the content. A write during an upload makes the state that was sent an old one.
-  struct State {
-    std::uint64_t change;
-    std::uint64_t size;
-    FS_TIME modified;
-  };
   [[nodiscard]] State GetState() const;
+  [[nodiscard]] Snapshot TakeSnapshot();
   [[nodiscard]] bool IsDirty() const;
   void MarkDirty();  // even without a change: the remote is to get it
   void MarkStored(const State& stored);
+  void LetGo();  // of the descriptor, until it is used again
 
  private:
+  [[nodiscard]] int WriteAt(std::uint64_t offset, const void* data, size_t length, size_t& written)
+      TARN_REQUIRES(changing);
+  [[nodiscard]] int MakeOwn(std::uint64_t keep_bytes) TARN_REQUIRES(changing);
+  [[nodiscard]] std::shared_ptr<Content> GetContent() const;
   void Changed() TARN_REQUIRES(lock);
 
-  const UniqueFd fd;
+  Mutex changing;
   mutable Mutex lock;
+  std::shared_ptr<Content> content TARN_GUARDED_BY(lock);
+  std::weak_ptr<std::shared_ptr<Content>> snapshots TARN_GUARDED_BY(lock);  // those of `content`
   State state TARN_GUARDED_BY(lock) = {};
   std::uint64_t stored_change TARN_GUARDED_BY(lock) = 0;
 };

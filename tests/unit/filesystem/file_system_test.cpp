@@ -66,7 +66,7 @@ TEST_F(FileSystemTest, CloseTellsThatTheRemoteTookNothingAndTheContentStaysReada
   EXPECT_THAT(events->Texts(), testing::Contains("end /file 23"));
   protocol.failure = SUCCESS;
   EXPECT_EQ(drive.Content("/file"), "content");
-  EXPECT_EQ(files->StoreAll(), 0);
+  EXPECT_EQ(files->SendAll(std::chrono::seconds(10)), 0U);
   EXPECT_EQ(protocol.Content("/file"), "content");
 }
 

@@ -239,6 +239,20 @@ TEST_P(RandomTest, WithoutAMountEveryStepIsThatOfAPlainFolder) {
   CompareWithRemote();
 }
 
+TEST_P(RandomTest, WithAJournalEveryStepIsThatOfAPlainFolder) {
+  const TempFolder journal;
+  const auto files = std::make_shared<fs::FileSystem>();
+  files->UseJournal(fs::Journal::Open(journal.path(), "drive"));
+  files->AddProtocol(Share(protocol));
+  {
+    DirectCalls drive(*files);
+    ASSERT_EQ(RandomOperations(drive, plain, GetParam()).Run(400), "");
+  }
+  EXPECT_EQ(files->SendAll(std::chrono::seconds(30)), 0U);
+  CompareWithRemote();
+  files->CloseAll();
+}
+
 TEST_P(RandomTest, OnAMountEveryStepIsThatOfAPlainFolder) {
   TARN_SKIP_WITHOUT_FUSE();
   MountedDrive mounted;

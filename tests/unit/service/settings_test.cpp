@@ -3,6 +3,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
+#include "common/folders.h"
 #include "tarnctl/installation.h"
 #include "tarnsvc/CacheFolder.h"
 #include "tarnsvc/LogSettings.h"

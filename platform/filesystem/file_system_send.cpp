@@ -1,0 +1,302 @@
+// Sending: what programs wrote goes to the remote.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+#include "platform/filesystem/bindings.h"
+#include "platform/filesystem/errors.h"
+#include "platform/filesystem/file_system.h"
+#include "platform/filesystem/names.h"
+
+namespace tarn::fs {
+
+namespace {
+
+constexpr size_t kCompareBytes = size_t{1} << 20;
+
+// One snapshot on its way to the remote.
+struct SnapshotSource {
+  const WorkFile::Snapshot* snapshot;
+  const std::atomic<bool>* give_up;
+  std::atomic<std::uint64_t>* progress;
+  std::uint64_t offset = 0;
+
+  static long long Read(void* context, void* buffer, long long length) {
+    auto& self = *static_cast<SnapshotSource*>(context);
+    if (length < 0 || *self.give_up) {
+      return -1;
+    }
+    const size_t wanted = std::min<std::uint64_t>(static_cast<std::uint64_t>(length),
+                                                  self.snapshot->state.size - self.offset);
+    size_t received = 0;
+    if (self.snapshot->content->Read(self.offset, buffer, wanted, received) != 0 ||
+        received < wanted) {
+      return -1;
+    }
+    self.offset += received;
+    ++*self.progress;
+    return static_cast<long long>(received);
+  }
+
+  static int Rewind(void* context) {
+    static_cast<SnapshotSource*>(context)->offset = 0;
+    return 0;
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<Uploads> FileSystem::GetUploads() {
+  const MutexLock guard(lock);
+  if (!uploads) {
+    uploads = std::make_shared<Uploads>(
+        [weak = weak_from_this()](Ino ino) {
+          const auto files = weak.lock();
+          return files ? files->SendInBackground(ino) : SUCCESS;
+        },
+        Uploads::Pauses{});
+  }
+  return uploads;
+}
+
+AERROR FileSystem::SendInBackground(Ino ino) {
+  std::shared_ptr<OpenFile> file;
+  {
+    const MutexLock guard(lock);
+    file = FindOpenFile(ino);
+  }
+  if (!file) {
+    return SUCCESS;
+  }
+  const AERROR error = Send(file);
+  const MutexLock guard(lock);
+  DropOpenFileIfUnused(file);
+  return error == SUCCESS && file->unsent.content ? RETRY_UPLOAD : error;
+}
+
+int FileSystem::SendNow(const std::shared_ptr<OpenFile>& file) {
+  AERROR error = Send(file);
+  for (int attempt = 1; error == RETRY_UPLOAD && attempt < kMaxSendAttempts; ++attempt) {
+    error = Send(file);
+  }
+  return ErrnoOf(error);
+}
+
+AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file) {
+  AERROR error = RETRY_UPLOAD;
+  for (int attempt = 0; error == RETRY_UPLOAD && attempt < kMaxSendAttempts; ++attempt) {
+    std::vector<std::string> paths;
+    const auto hold = HoldPlaces({{file->ino, ""}}, paths);
+    if (!hold) {
+      return SUCCESS;  // removed: nobody wants it any more
+    }
+    std::shared_ptr<WorkFile> work;
+    WorkFile::Snapshot snapshot;
+    std::optional<std::string> replaces;
+    const auto give_up = std::make_shared<std::atomic<bool>>(false);
+    {
+      const MutexLock guard(lock);
+      work = file->work;
+      snapshot = file->unsent;
+      replaces = file->Replaces();
+      file->give_up = give_up;
+    }
+    if (!work || !work->IsDirty()) {
+      return SUCCESS;
+    }
+    if (!snapshot.content) {
+      snapshot = work->TakeSnapshot();
+    }
+    Attributes stored;
+    error = Upload(paths[0], snapshot, replaces, *give_up, stored);
+    if (error == PATH_NOT_FOUND && MakeFoldersAbove(paths[0])) {
+      error = RETRY_UPLOAD;
+    } else if (error == SHARING_VIOLATION && replaces) {
+      error = SettleConflict(file, paths[0], snapshot, stored);
+    }
+    if (error == SUCCESS) {
+      Stored(*file, paths[0], *work, snapshot.state, stored);
+    } else if (*give_up) {
+      return RETRY_UPLOAD;
+    }
+  }
+  return error;
+}
+
+AERROR FileSystem::Upload(const std::string& path, const WorkFile::Snapshot& snapshot,
+                          const std::optional<std::string>& replaces,
+                          const std::atomic<bool>& give_up, Attributes& stored) {
+  SnapshotSource content{&snapshot, &give_up, &progress};
+  FS_SOURCE source = {};
+  source.context = &content;
+  source.read = &SnapshotSource::Read;
+  source.rewind = &SnapshotSource::Rewind;
+  source.modified = &snapshot.state.modified;
+  source.replaces = replaces ? replaces->c_str() : nullptr;
+  UploadEvents upload_events(events, path, static_cast<long long>(snapshot.state.size));
+  stored = {.is_folder = false,
+            .size = snapshot.state.size,
+            .modified = snapshot.state.modified,
+            .version = {}};
+  const AERROR error = remote.Upload(path, source, snapshot.state.size, &UploadEvents::OnProgress,
+                                     &upload_events, stored.protocol);
+  ++progress;
+  if (error == SUCCESS) {
+    stored.version = source.version;
+    Attributes answer;
+    if (stored.version.empty() && remote.GetInfo(path, answer) == SUCCESS) {
+      stored = answer;
+    }
+  }
+  upload_events.End(error);
+  return error;
+}
+
+AERROR FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std::string& path,
+                                  const WorkFile::Snapshot& snapshot, Attributes& stored) {
+  Attributes there;
+  const AERROR error = remote.GetInfo(path, there);
+  if (ErrnoOf(error) == ENOENT) {
+    const MutexLock guard(lock);
+    file->at_remote = false;  // removed by somebody else; ours is kept as a new one
+    return RETRY_UPLOAD;
+  }
+  if (error != SUCCESS) {
+    return error;
+  }
+  // An upload whose answer was lost, or that this process did not live to see, has come there.
+  if (IsAtRemote(path, there, snapshot)) {
+    stored = there;
+    return SUCCESS;
+  }
+  MoveAside(file, path);
+  return RETRY_UPLOAD;
+}
+
+bool FileSystem::IsAtRemote(const std::string& path, const Attributes& attributes,
+                            const WorkFile::Snapshot& snapshot) {
+  if (attributes.is_folder || attributes.size != snapshot.state.size) {
+    return false;
+  }
+  std::vector<char> ours(std::min<std::uint64_t>(kCompareBytes, attributes.size));
+  std::vector<char> theirs(ours.size());
+  for (std::uint64_t offset = 0; offset < attributes.size; offset += ours.size()) {
+    const size_t length = std::min<std::uint64_t>(ours.size(), attributes.size - offset);
+    size_t of_ours = 0;
+    size_t of_theirs = 0;
+    if (snapshot.content->Read(offset, ours.data(), length, of_ours) != 0 || of_ours != length ||
+        remote.Read(attributes.protocol, path, offset, theirs.data(), length, of_theirs) !=
+            SUCCESS ||
+        of_theirs != length || std::memcmp(ours.data(), theirs.data(), length) != 0) {
+      return false;
+    }
+    ++progress;
+  }
+  Attributes now;
+  return remote.GetInfo(path, now) == SUCCESS && now.version == attributes.version;
+}
+
+void FileSystem::MoveAside(const std::shared_ptr<OpenFile>& file, const std::string& path) {
+  std::string new_path;
+  {
+    const MutexLock guard(lock);
+    const std::string name = ConflictName(std::string(NameOf(path)), std::time(nullptr));
+    new_path = JoinPath(FolderOf(path), name);
+    nodes.Move(file->ino, nodes.FolderOf(file->ino), name);
+    file->at_remote = false;
+    listings.Forget(path);
+    listings.Forget(new_path);
+  }
+  PublishAnew(file);
+  events.Failed(FS_EVENT_CREATE_FILE, SHARING_VIOLATION, new_path, path);
+}
+
+// For files that waited while their folder went.
+bool FileSystem::MakeFoldersAbove(const std::string& path) {
+  AERROR error = PATH_NOT_FOUND;
+  for (size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
+    error = remote.CreateFolder(path.substr(0, end));
+    if (error != SUCCESS && error != ALREADY_EXISTS && error != FILE_EXISTS) {
+      return false;
+    }
+    const MutexLock guard(lock);
+    listings.Forget(path.substr(0, end));
+  }
+  return error != PATH_NOT_FOUND;
+}
+
+void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
+                        const WorkFile::State& state, const Attributes& stored) {
+  {
+    const MutexLock one_at_a_time(publishing);
+    WorkFile::Snapshot sent;
+    WorkFile::Snapshot newer;
+    {
+      const MutexLock guard(lock);
+      work.MarkStored(state);
+      file.at_remote = true;
+      file.remote = stored;
+      file.is_fresh = false;
+      file.give_up.reset();
+      DropReader(file);
+      kernel[file.ino].version = stored.version;
+      listings.SetPresent(path, stored, Clock::now());
+      (file.unsent.state.change == state.change ? sent : newer) = file.unsent;
+      if (sent.content) {
+        file.unsent = {};
+      }
+    }
+    if (sent.content) {
+      journal->Remove(file.id, *sent.content);
+    } else if (newer.content && PutRecord(file, path, newer) != 0) {
+      Log(LOGLEVEL_ERROR, "the record of %s cannot be changed", path.c_str());
+    }
+  }
+  const WorkFile::State now = work.GetState();
+  const bool has_another_time = now.modified.seconds != state.modified.seconds ||
+                                now.modified.nanoseconds != state.modified.nanoseconds;
+  if (now.change == state.change && has_another_time &&
+      remote.SetModifiedTime(path, now.modified) == SUCCESS) {
+    {
+      const MutexLock guard(lock);
+      listings.Forget(path);
+    }
+    TakeNewVersion(file, path);
+  }
+}
+
+size_t FileSystem::SendAll(Clock::duration patience) {
+  std::vector<std::shared_ptr<OpenFile>> files;
+  {
+    const MutexLock guard(lock);
+    for (const auto& [ino, file] : open_files) {
+      if (file->work && file->work->IsDirty() && nodes.PathOf(ino)) {
+        files.push_back(file);
+      }
+    }
+  }
+  const auto sender = GetUploads();
+  for (const auto& file : files) {
+    if (HasJournalFor(*file)) {
+      (void)Publish(file);  // what cannot be kept is sent all the same
+    }
+    sender->Add(file->ino);
+  }
+  return sender->Finish(patience, [this] { return progress.load(); });
+}
+
+void FileSystem::CloseAll() {
+  GetUploads()->Stop();
+  std::unordered_map<Ino, std::shared_ptr<OpenFile>> closed;  // ends after the lock
+  const MutexLock guard(lock);
+  closed.swap(open_files);
+  handles.clear();
+  open_folders.clear();
+  for (const auto& [ino, file] : closed) {
+    DropReader(*file);
+  }
+}
+
+}  // namespace tarn::fs

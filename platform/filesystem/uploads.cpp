@@ -1,0 +1,262 @@
+#include "platform/filesystem/uploads.h"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+#include "platform/filesystem/bindings.h"
+#include "platform/filesystem/errors.h"
+
+namespace tarn::fs {
+
+struct Uploads::Task {
+  std::shared_ptr<Uploads> uploads;
+
+  static void Run(void* context, int stopping) {
+    const std::unique_ptr<Task> self(static_cast<Task*>(context));
+    if (stopping == 0) {
+      self->uploads->SendAllReady();
+      return;
+    }
+    const MutexLock guard(self->uploads->lock);
+    --self->uploads->senders;
+    self->uploads->changed.notify_all();
+  }
+};
+
+Uploads::Uploads(Send sender, Pauses between_attempts)
+    : send(std::move(sender)), pauses(between_attempts), random(std::random_device()()) {}
+
+Uploads::~Uploads() {
+  Stop();
+}
+
+void Uploads::Add(Ino ino) {
+  {
+    const MutexLock guard(lock);
+    const auto [file, is_new] = files.try_emplace(ino);
+    if (stopped || (!is_new && file->second.state == State::kWaiting)) {
+      return;
+    }
+    if (file->second.state == State::kSending) {
+      file->second.again = true;
+      return;
+    }
+    MakeReady(ino, file->second);
+    if (!waiter.joinable()) {
+      try {
+        waiter = std::thread([self = shared_from_this()] { self->WaitForPauses(); });
+      } catch (const std::system_error&) {
+        // The next file tries again; until then the queue sends, and nothing is tried again.
+      }
+    }
+  }
+  StartSenders();
+}
+
+void Uploads::Drop(Ino ino) {
+  const MutexLock guard(lock);
+  files.erase(ino);
+  changed.notify_all();
+}
+
+void Uploads::Hasten() {
+  {
+    const MutexLock guard(lock);
+    for (auto& [ino, file] : files) {
+      if (file.state == State::kFailed) {
+        MakeReady(ino, file);
+      }
+    }
+  }
+  StartSenders();
+}
+
+void Uploads::Stop() {
+  std::thread ended;
+  {
+    const MutexLock guard(lock);
+    stopped = true;
+    changed.notify_all();
+    ended.swap(waiter);
+  }
+  if (ended.get_id() == std::this_thread::get_id()) {
+    ended.detach();  // it is on its way out, and shares ownership of this
+  } else if (ended.joinable()) {
+    ended.join();
+  }
+}
+
+Uploads::Status Uploads::Get(Ino ino) {
+  const MutexLock guard(lock);
+  const auto file = files.find(ino);
+  return file == files.end() ? Status{} : Status{file->second.state, file->second.error};
+}
+
+size_t Uploads::Finish(Clock::duration patience, const std::function<std::uint64_t()>& progress) {
+  {
+    const MutexLock guard(lock);
+    finishing = true;
+    for (auto& [ino, file] : files) {
+      file.refused = false;
+    }
+  }
+  Hasten();
+  auto deadline = Clock::now() + patience;
+  std::uint64_t progress_before = progress();
+  const MutexLock guard(lock);
+  size_t left_before = files.size();
+  while (!files.empty() && !stopped && !NothingMoreToTry()) {
+    (void)changed.wait_until(lock, deadline);
+    if (progress() != progress_before || files.size() < left_before) {
+      progress_before = progress();
+      left_before = files.size();
+      deadline = Clock::now() + patience;
+    } else if (Clock::now() >= deadline) {
+      break;
+    }
+  }
+  finishing = false;
+  return files.size();
+}
+
+bool Uploads::NothingMoreToTry() const {
+  return std::all_of(files.begin(), files.end(), [](const auto& file) {
+    return file.second.state == State::kFailed && file.second.refused;
+  });
+}
+
+void Uploads::MakeReady(Ino ino, File& file) {
+  file.state = State::kWaiting;
+  file.again = false;
+  ready.push_back(ino);
+  changed.notify_all();
+}
+
+Clock::duration Uploads::PauseAfter(int failures) {
+  std::chrono::duration<double> pause = pauses.first;
+  for (int i = 1; i < failures && !finishing && pause < pauses.longest; ++i) {
+    pause *= 2;
+  }
+  pause = std::min<std::chrono::duration<double>>(pause, pauses.longest);
+  // Many clients of one remote that comes back do not all begin in the same moment.
+  const double jitter = std::uniform_real_distribution<double>(0.75, 1.25)(random);
+  return std::chrono::duration_cast<Clock::duration>(pause * jitter);
+}
+
+void Uploads::Sent(Ino ino, AERROR error) {
+  changed.notify_all();
+  const auto known = files.find(ino);
+  if (known == files.end() || known->second.state != State::kSending) {
+    return;  // dropped, and perhaps added anew
+  }
+  File& file = known->second;
+  const bool remote_is_back = error == SUCCESS && IsUnreachable(file.error);
+  if (error == RETRY_UPLOAD || (error == SUCCESS && file.again)) {
+    file.failures = 0;
+    file.error = SUCCESS;
+    MakeReady(ino, file);
+  } else if (error == SUCCESS) {
+    files.erase(known);
+  } else {
+    file.state = State::kFailed;
+    file.error = error;
+    file.refused = finishing && !IsUnreachable(error) && !IsCancelled(error);
+    file.due = Clock::now() + PauseAfter(++file.failures);
+  }
+  if (remote_is_back) {
+    for (auto& [other_ino, other] : files) {
+      if (other.state == State::kFailed) {
+        MakeReady(other_ino, other);
+      }
+    }
+  }
+}
+
+void Uploads::StartSenders() {
+  for (;;) {
+    {
+      const MutexLock guard(lock);
+      const auto idle = static_cast<size_t>(senders - sending);
+      if (stopped || senders >= kMaxSending || idle >= ready.size()) {
+        return;
+      }
+      ++senders;
+    }
+    auto task = std::make_unique<Task>(Task{shared_from_this()});
+    const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
+    if (!queue || queue->Push(&Task::Run, task.get(), ASYNCQ_BACKGROUND) != SUCCESS) {
+      const MutexLock guard(lock);
+      --senders;
+      changed.notify_all();  // the waiter sends
+      return;
+    }
+    (void)task.release();  // the queue's now
+  }
+}
+
+void Uploads::SendAllReady() {
+  for (;;) {
+    Ino ino = 0;
+    {
+      const MutexLock guard(lock);
+      if (stopped || ready.empty()) {
+        --senders;
+        changed.notify_all();
+        return;
+      }
+      ino = ready.front();
+      ready.pop_front();
+      const auto file = files.find(ino);
+      if (file == files.end() || file->second.state != State::kWaiting) {
+        continue;
+      }
+      file->second.state = State::kSending;
+      ++sending;
+    }
+    const AERROR error = send(ino);
+    const MutexLock guard(lock);
+    --sending;
+    Sent(ino, error);
+  }
+}
+
+// Makes ready what has waited long enough. Returns when the next pause ends.
+Clock::time_point Uploads::EndPauses() {
+  const auto now = Clock::now();
+  auto next = Clock::time_point::max();
+  for (auto& [ino, file] : files) {
+    if (file.state == State::kFailed && file.due <= now) {
+      MakeReady(ino, file);
+    } else if (file.state == State::kFailed) {
+      next = std::min(next, file.due);
+    }
+  }
+  return next;
+}
+
+void Uploads::WaitForPauses() {
+  for (;;) {
+    StartSenders();
+    {
+      const MutexLock guard(lock);
+      const auto next = EndPauses();
+      if (stopped) {
+        return;
+      }
+      if (senders > 0 || ready.empty()) {
+        if (next == Clock::time_point::max()) {
+          changed.wait(lock);
+        } else {
+          (void)changed.wait_until(lock, next);
+        }
+        (void)EndPauses();
+        continue;
+      }
+      ++senders;  // the queue takes nothing
+    }
+    SendAllReady();
+  }
+}
+
+}  // namespace tarn::fs

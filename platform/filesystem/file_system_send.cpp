@@ -120,6 +120,8 @@ AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file) {
       Stored(*file, paths[0], *work, snapshot.state, stored);
     } else if (*give_up) {
       return RETRY_UPLOAD;
+    } else if (error != RETRY_UPLOAD) {
+      events.Failed(FS_EVENT_CREATE_FILE, error, paths[0], paths[0]);
     }
   }
   return error;

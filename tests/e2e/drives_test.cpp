@@ -50,8 +50,10 @@ TEST_F(DrivesE2eTest, TwoClientsUseTwoDrivesOfOneLabelAtOnce) {
   write(other_volume, 'b');
   writer.join();
   for (int i = 0; i < 50; ++i) {
-    EXPECT_EQ(ReadFile(backing / std::to_string(i)), std::string(5000, 'a'));
-    EXPECT_EQ(ReadFile(other_backing / std::to_string(i)), std::string(5000, 'b'));
+    const std::string name = std::to_string(i);
+    EXPECT_TRUE(WaitUntil([&] { return ReadFile(backing / name) == std::string(5000, 'a'); }));
+    EXPECT_TRUE(
+        WaitUntil([&] { return ReadFile(other_backing / name) == std::string(5000, 'b'); }));
   }
   EXPECT_EQ(service.DriveProcesses().size(), 2U);
   EXPECT_TRUE(fs::exists(home.DataFolder() / "_cache_/Same0"));
@@ -117,9 +119,9 @@ TEST_F(DrivesE2eTest, ADriveProcessThatDiesLeavesNoMount) {
     return client->Ask(R"({"cmd":"get_drive_list"})") ==
            R"({"cmd":"get_drive_list", "drives": []})";
   }));
-  EXPECT_EQ(ReadFile(backing / "file"), "closed, so stored");
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
   EXPECT_EQ(ReadFile(volume / "file"), "closed, so stored");
+  EXPECT_TRUE(WaitUntil([&] { return ReadFile(backing / "file") == "closed, so stored"; }));
 }
 
 TEST_F(DrivesE2eTest, ADriveProcessThatDiesWhileItIsDisconnectedLeavesNoMount) {
@@ -294,7 +296,7 @@ TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
   EXPECT_EQ(ReadFile(volume / "same"), "first");
   EXPECT_TRUE(fs::exists(volume / "both/inner"));
   WriteFile(volume / "both/new", "x");
-  EXPECT_TRUE(fs::exists(backing / "both/new"));
+  EXPECT_TRUE(WaitUntil([&] { return fs::exists(backing / "both/new"); }));
   EXPECT_EQ(client->AskForResult(DriveMessage("spindle_remove_protocol", volume)), -1);
   EXPECT_EQ(Unmount(volume), 0);
 }

@@ -1,0 +1,196 @@
+#include "platform/filesystem/journal.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/unit/filesystem/direct_calls.h"
+#include "tests/unit/filesystem/lent_libraries.h"
+#include "tests/unit/filesystem/recording_events.h"
+
+namespace tarn::test {
+namespace {
+
+constexpr std::chrono::seconds kPatience{20};
+
+// A drive with a journal over a remote in memory. Its end without SendAll is that of a process
+// which died: nothing of the objects' ends touches what was kept.
+struct Drive {
+  Drive(const std::string& base, const std::string& label, IProtocol_V2& protocol) {
+    files->GetEvents().SetSink(events);
+    files->UseJournal(fs::Journal::Open(base, label));
+    files->AddProtocol(Share(protocol));
+  }
+  ~Drive() { files->CloseAll(); }
+  Drive(const Drive&) = delete;
+  Drive& operator=(const Drive&) = delete;
+
+  std::shared_ptr<RecordingEvents> events = std::make_shared<RecordingEvents>();
+  std::shared_ptr<fs::FileSystem> files = std::make_shared<fs::FileSystem>();
+  DirectCalls calls{*files};
+};
+
+class JournalTest : public testing::Test {
+ protected:
+  size_t FilesOnDisk() const {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(base.path())) {
+      count += entry.is_regular_file() ? 1 : 0;
+    }
+    return count;
+  }
+
+  TempFolder base;
+  LentLibraries libraries;
+  MemoryProtocol protocol;
+};
+
+TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
+  protocol.MakeFolder("/folder");
+  protocol.Write("/changed", "theirs");
+  {
+    Drive drive(base.path(), "drive", protocol);
+    EXPECT_EQ(drive.calls.Content("/changed"), "theirs");
+    std::vector<std::string> names;
+    EXPECT_EQ(drive.calls.List("/folder", names), 0);
+    protocol.failure = DEVICE_NOT_READY;
+    EXPECT_EQ(drive.calls.WriteFile("/folder/new", "new"), 0);
+    EXPECT_EQ(drive.calls.WriteFile("/folder/removed", "x"), 0);
+    EXPECT_EQ(drive.calls.Unlink("/folder/removed"), 0);
+    EXPECT_EQ(drive.calls.Rename("/folder/new", "/folder/renamed"), 0);
+    EXPECT_EQ(drive.calls.Content("/folder/renamed"), "new");
+    int half = -1;  // never closed, so nobody was promised anything
+    EXPECT_EQ(drive.calls.Open("/folder/renamed", O_WRONLY, half), 0);
+    EXPECT_EQ(drive.calls.Write(half, 0, "NEW"), 0);
+  }
+  protocol.failure = SUCCESS;
+  protocol.Remove("/folder");
+  {
+    Drive other(base.path(), "another label", protocol);
+    EXPECT_EQ(other.calls.Content("/folder/renamed"), "new") << "before it is sent";
+    EXPECT_EQ(other.files->SendAll(kPatience), 0U);
+    EXPECT_EQ(protocol.Content("/folder/renamed"), "new");
+    EXPECT_THAT(protocol.Paths(), testing::Not(testing::Contains("/folder/removed")));
+  }
+  EXPECT_EQ(FilesOnDisk(), 0U);
+}
+
+TEST_F(JournalTest, AnUploadThatCameThereBeforeTheProcessDiedMakesNoConflict) {
+  {
+    Drive drive(base.path(), "drive", protocol);
+    protocol.failure = DEVICE_NOT_READY;
+    fs::Stat stat;
+    fs::FileSystem::Opened opened;
+    size_t written = 0;
+    ASSERT_EQ(drive.files->Create(fs::kRootIno, "file", O_WRONLY, stat, opened), 0);
+    ASSERT_EQ(drive.files->Write(opened.handle, 0, "ours", 4, false, written), 0);
+    ASSERT_EQ(drive.files->Flush(opened.handle), 0);
+  }
+  protocol.failure = SUCCESS;
+  protocol.Write("/file", "ours");
+  Drive again(base.path(), "drive", protocol);
+  EXPECT_EQ(again.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Paths(), std::vector<std::string>{"/file"});
+}
+
+TEST_F(JournalTest, AChangedFileThatSomebodyElseChangedMeanwhileIsKeptBesideTheirs) {
+  protocol.Write("/report.txt", "before");
+  Drive drive(base.path(), "drive", protocol);
+  int file = -1;
+  ASSERT_EQ(drive.calls.Open("/report.txt", O_RDWR, file), 0);
+  ASSERT_EQ(drive.calls.Write(file, 0, "ours!!"), 0);
+  protocol.Write("/report.txt", "theirs");
+  EXPECT_EQ(drive.calls.Sync(file), 0);
+  EXPECT_EQ(drive.calls.Close(file), 0);
+  ASSERT_EQ(drive.files->SendAll(kPatience), 0U);
+  const auto paths = protocol.Paths();
+  ASSERT_EQ(paths.size(), 2U);
+  EXPECT_EQ(protocol.Content(paths[0]), "ours!!") << paths[0];
+  EXPECT_EQ(protocol.Content("/report.txt"), "theirs");
+  EXPECT_THAT(drive.events->Texts(), testing::Contains("error 2 " + paths[0] + " 36"));
+}
+
+TEST_F(JournalTest, WhatWasClosedIsNotChangedByWhatIsWrittenAfterwards) {
+  {
+    Drive drive(base.path(), "drive", protocol);
+    std::vector<std::string> names;
+    EXPECT_EQ(drive.calls.List("/", names), 0);
+    protocol.failure = DEVICE_NOT_READY;
+    ASSERT_EQ(drive.calls.WriteFile("/log", "closed"), 0);
+    int file = -1;
+    ASSERT_EQ(drive.calls.Open("/log", O_RDWR, file), 0);
+    ASSERT_EQ(drive.calls.Write(file, 0, "not yet"), 0);
+    ASSERT_EQ(drive.calls.Truncate(file, 2), 0);
+    EXPECT_EQ(drive.calls.Sync(file), EIO);
+  }
+  protocol.failure = SUCCESS;
+  Drive again(base.path(), "drive", protocol);
+  // A failed fsync has put the newer state into the journal, whole.
+  EXPECT_EQ(again.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Content("/log"), "no");
+}
+
+TEST_F(JournalTest, OnlyFilesOfTheSameRemoteAreTakenAndDamagedRecordsHarmNobody) {
+  fs::Journal::Record record{.remote = "elsewhere", .path = "/file", .size = 2};
+  {
+    const auto journal = fs::Journal::Open(base.path(), "drive");
+    std::shared_ptr<fs::Content> content;
+    size_t written = 0;
+    ASSERT_EQ(fs::Content::Make(journal->GetFolder(), true, content), 0);
+    ASSERT_EQ(content->Write(0, "ab", 2, written), 0);
+    ASSERT_EQ(journal->Put("one", record, *content), 0);
+    std::ofstream(journal->GetFolder() + "/damaged.record") << "{\"remote\":\"elsew";
+    std::ofstream(journal->GetFolder() + "/evil.record")
+        << R"({"remote":"elsewhere","path":"/../../x","content":"a.content"})";
+    EXPECT_NE(fs::Journal::Open(base.path(), "drive")->GetFolder(), journal->GetFolder())
+        << "two processes, two folders";
+  }
+  const auto journal = fs::Journal::Open(base.path(), "../drive");
+  EXPECT_TRUE(journal->TakeOver("memory:").empty());
+  const auto taken = journal->TakeOver("elsewhere");
+  ASSERT_EQ(taken.size(), 1U);
+  EXPECT_EQ(taken[0].record.path, "/file");
+  EXPECT_TRUE(journal->TakeOver("elsewhere").empty()) << "once";
+  EXPECT_TRUE(std::filesystem::exists(base.path() / "drive/damaged.record"));
+}
+
+TEST_F(JournalTest, FailedUploadsAreReportedTriedAgainAndWaitedForWhileTheyMove) {
+  Drive drive(base.path(), "drive", protocol);
+  std::vector<std::string> names;
+  EXPECT_EQ(drive.calls.List("/", names), 0);
+  protocol.failure = DEVICE_NOT_READY;
+  EXPECT_EQ(drive.calls.WriteFile("/file", "content"), 0);
+  EXPECT_EQ(drive.files->SendAll(std::chrono::milliseconds(50)), 1U);
+  EXPECT_THAT(drive.events->Texts(), testing::IsSupersetOf({"end /file 17", "error 2 /file 17"}));
+  EXPECT_EQ(drive.calls.Content("/file"), "content");
+  protocol.failure = ACCESS_DENIED;
+  EXPECT_EQ(drive.files->SendAll(kPatience), 1U) << "a refusal is not waited for";
+  protocol.failure = SUCCESS;
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Content("/file"), "content");
+}
+
+TEST_F(JournalTest, ManyFilesAreSentSeveralAtOnceAndHoldNoDescriptors) {
+  Drive drive(base.path(), "drive", protocol);
+  std::vector<std::string> names;
+  EXPECT_EQ(drive.calls.List("/", names), 0);
+  protocol.latency_ms = 20;
+  const auto count_descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  const auto before = count_descriptors();
+  constexpr int kFiles = 200;
+  for (int i = 0; i < kFiles; ++i) {
+    ASSERT_EQ(drive.calls.WriteFile("/" + std::to_string(i), std::to_string(i)), 0);
+  }
+  EXPECT_LT(count_descriptors() - before, 50);
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  for (int i = 0; i < kFiles; ++i) {
+    EXPECT_EQ(protocol.Content("/" + std::to_string(i)), std::to_string(i));
+  }
+}
+
+}  // namespace
+}  // namespace tarn::test

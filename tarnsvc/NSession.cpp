@@ -20,7 +20,6 @@ namespace {
 
 constexpr int kReceiveWaitMilliseconds = 5000;
 constexpr int kSendSliceMilliseconds = 100;
-constexpr auto kSendProgressLimit = std::chrono::seconds(10);
 constexpr int kUnsentBytes = 16384;
 constexpr auto kResultSlice = std::chrono::milliseconds(100);
 constexpr auto kEmptySendPause = std::chrono::milliseconds(5);
@@ -36,9 +35,8 @@ int PollOne(int fd, short event, int limit_ms) {
 
 }  // namespace
 
-CNSession::CNSession(void* owning_server, int socket, Callback notify,
-                     std::chrono::milliseconds longest_answer)
-    : sock(socket), callback(notify), owner(owning_server), result_limit(longest_answer) {
+CNSession::CNSession(void* owning_server, int socket, Callback notify, SessionLimits longest)
+    : sock(socket), callback(notify), owner(owning_server), limits(longest) {
   const int no_delay = 1;
   (void)::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof no_delay);
   // Room shows after every few kilobytes that the client takes, not after megabytes.
@@ -54,8 +52,8 @@ CNSession::~CNSession() {
 }
 
 std::shared_ptr<CNSession> CNSession::make(void* owner, int socket, Callback callback,
-                                           std::chrono::milliseconds longest_answer) {
-  auto session = std::make_shared<CNSession>(owner, socket, callback, longest_answer);
+                                           SessionLimits longest) {
+  auto session = std::make_shared<CNSession>(owner, socket, callback, longest);
   session->self = session;
   return session;
 }
@@ -167,9 +165,10 @@ int CNSession::_send(const char* data, int length) {
   return sent;
 }
 
-// Up to 10 s without room for a byte; not at all once the session or the service is to end.
+// As long as the limit without room for a byte; not at all once the session or the service is to
+// end.
 bool CNSession::wait_until_writable(int fd) {
-  const auto deadline = std::chrono::steady_clock::now() + kSendProgressLimit;
+  const auto deadline = std::chrono::steady_clock::now() + limits.send_progress;
   while (running && ProcessStarted && std::chrono::steady_clock::now() < deadline) {
     const int ready = PollOne(fd, POLLOUT, kSendSliceMilliseconds);
     if (ready != 0) {
@@ -203,7 +202,7 @@ int CNSession::wait_result() {
 }
 
 int CNSession::wait_result_after(std::uint64_t mark, const std::function<bool()>& given_up) {
-  const auto deadline = std::chrono::steady_clock::now() + result_limit;
+  const auto deadline = std::chrono::steady_clock::now() + limits.answer;
   tarn::MutexLock lock(result_lock);
   while (result_signals == mark) {
     const auto now = std::chrono::steady_clock::now();

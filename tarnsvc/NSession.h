@@ -11,6 +11,12 @@
 #include "common/json.h"
 #include "common/sync.h"
 
+// How long a client may keep the service waiting.
+struct SessionLimits {
+  std::chrono::milliseconds answer = std::chrono::seconds(30);         // to a quota question
+  std::chrono::milliseconds send_progress = std::chrono::seconds(10);  // without taking a byte
+};
+
 // One connected client: its socket, its receive thread, the commands it sends and the answers and
 // events that go to it. A class in four source files, one for each subject: NSession.cpp transport,
 // NSessionDispatch.cpp the command set, NSessionDrives.cpp mounting, NSessionRelays.cpp queries.
@@ -28,18 +34,14 @@ class CNSession {
  public:
   using Callback = void (*)(void* owner, const std::string& message, CNSession* session);
 
-  // How long a client may take over a quota question.
-  static constexpr std::chrono::milliseconds kResultLimit = std::chrono::seconds(30);
-
-  CNSession(void* owning_server, int socket, Callback notify,
-            std::chrono::milliseconds longest_answer = kResultLimit);
+  CNSession(void* owning_server, int socket, Callback notify, SessionLimits longest = {});
   // Does not close the socket: the end of the receive thread, or stop(), does.
   ~CNSession();
   CNSession(const CNSession&) = delete;
   CNSession& operator=(const CNSession&) = delete;
 
   static std::shared_ptr<CNSession> make(void* owner, int socket, Callback callback,
-                                         std::chrono::milliseconds longest_answer = kResultLimit);
+                                         SessionLimits longest = {});
 
   // Starts the receive thread. Throws std::system_error where no thread can be had.
   void start();
@@ -59,7 +61,7 @@ class CNSession {
   [[nodiscard]] int receive(char* buffer, int count);
 
   // Sends one frame. Returns `length`; -1 when the connection is gone, or was ended here because
-  // the client took nothing for 10 s.
+  // the client took nothing for as long as the limits allow.
   int allsend(const char* data, int length);
   int allsend(const std::string& text);
 
@@ -70,7 +72,7 @@ class CNSession {
   [[nodiscard]] int sendNwait(const char* data, int length);
 
   // Waits for the next signal of result_cond: a quota answer, or any frame that goes out. Returns
-  // quota_error; sets it to -1 after kResultLimit and when the session has ended.
+  // quota_error; sets it to -1 after the limit and when the session has ended.
   [[nodiscard]] int wait_result();
 
   struct Quota {
@@ -155,6 +157,6 @@ class CNSession {
   bool receiving TARN_GUARDED_BY(result_lock) = false;
   tarn::Mutex sock_lock;
   bool asking TARN_GUARDED_BY(result_lock) = false;
-  const std::chrono::milliseconds result_limit;
+  const SessionLimits limits;
   std::weak_ptr<CNSession> self;
 };

@@ -238,19 +238,19 @@ TEST_F(ServerTest, RefusesOneClientOrLetsItWaitWhileDescriptorsAreShort) {
 }
 
 // A session without a server, on one end of a pair of sockets.
-class QuotaTest : public testing::Test {
+class SessionTest : public testing::Test {
  protected:
   void SetUp() override {
     ::signal(SIGPIPE, SIG_IGN);
-    Start(CNSession::kResultLimit);
+    Start({});
   }
   void TearDown() override { session->stop(); }
 
-  void Start(std::chrono::milliseconds longest_answer) {
+  void Start(SessionLimits limits) {
     int ends[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     peer.reset(ends[1]);
-    session = CNSession::make(nullptr, ends[0], nullptr, longest_answer);
+    session = CNSession::make(nullptr, ends[0], nullptr, limits);
     session->start();
   }
 
@@ -276,40 +276,65 @@ class QuotaTest : public testing::Test {
   std::shared_ptr<CNSession> session;
 };
 
-TEST_F(QuotaTest, TheAnswerReachesTheAskerHoweverFastItComes) {
+TEST_F(SessionTest, AQuotaAnswerReachesTheAskerHoweverFastItComes) {
   for (int i = 0; i < 200; ++i) {
     ExpectAnswerInTime();
   }
 }
 
-TEST_F(QuotaTest, AClientThatLeavesOrNeverAnswersGivesAnInvalidAnswer) {
-  auto answer = Ask("question");
-  ExpectFrame(peer, "question");
-  const auto begin = steady_clock::now();
-  peer.reset();
-  EXPECT_EQ(answer.get().error, -1);
-  EXPECT_EQ(Ask("again").get().error, -1);
-  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(5));
-  session->stop();
-
-  constexpr auto limit = std::chrono::milliseconds(250);
-  Start(limit);
-  const auto asked = steady_clock::now();
-  EXPECT_EQ(Ask("question").get().error, -1);
-  EXPECT_GE(steady_clock::now() - asked, limit);
-  ExpectFrame(peer, "question");
-  ExpectAnswerInTime();  // of a client that lives on
-}
-
-TEST_F(QuotaTest, AnAskerThatIsGoneWaitsForNoAnswerAndNoTurn) {
+TEST_F(SessionTest, NobodyWaitsForAQuotaAnswerThatNeverComes) {
   auto first = Ask("1");
   ExpectFrame(peer, "1");
   auto second = Ask("2");
   const auto begin = steady_clock::now();
-  gone = true;
+  gone = true;  // the asker
   EXPECT_EQ(first.get().error, -1);
   EXPECT_EQ(second.get().error, -1);
-  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(2));
+  gone = false;
+  auto third = Ask("3");
+  ExpectFrame(peer, "3");
+  peer.reset();  // the client
+  EXPECT_EQ(third.get().error, -1);
+  EXPECT_EQ(Ask("4").get().error, -1);
+  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(5));
+  session->stop();
+
+  constexpr auto limit = std::chrono::milliseconds(250);
+  Start({.answer = limit});
+  const auto asked = steady_clock::now();
+  EXPECT_EQ(Ask("5").get().error, -1);
+  EXPECT_GE(steady_clock::now() - asked, limit);
+  ExpectFrame(peer, "5");
+  ExpectAnswerInTime();  // of a client that lives on
+}
+
+TEST_F(SessionTest, AClientMayReadSlowlyButNotNeverAndMayLeaveInTheMiddleOfAFrame) {
+  session->stop();
+  const std::string large(1 << 20, 'x');
+  std::string part(1 << 17, '\0');
+  constexpr auto limit = std::chrono::milliseconds(300);
+  Start({.send_progress = limit});
+  auto slow = std::async(std::launch::async, [&] { return session->allsend(large); });
+  size_t received = 0;
+  while (received < kFrameHeaderBytes + large.size()) {
+    std::this_thread::sleep_for(limit / 6);
+    const ssize_t count = ::recv(peer.get(), part.data(), part.size(), 0);
+    ASSERT_GT(count, 0);
+    received += static_cast<size_t>(count);
+  }
+  EXPECT_EQ(slow.get(), 1 << 20);
+
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(session->allsend(large), -1);
+  EXPECT_GE(steady_clock::now() - begin, limit);
+  EXPECT_EQ(session->allsend("x"), -1) << "after half a frame";
+  session->stop();
+
+  Start({});
+  auto leaving = std::async(std::launch::async, [&] { return session->allsend(large); });
+  EXPECT_GT(::recv(peer.get(), part.data(), 1, 0), 0);
+  peer.reset();
+  EXPECT_EQ(leaving.get(), -1);
 }
 
 }  // namespace

@@ -3,7 +3,8 @@
 //
 // While mounting: "at-start" ends at once, "connected" after the channels, "asking" after its
 // question, "greets" with another first message, "no-result" answers without one, "refuses" answers
-// 12, "hangs" never answers, "ghost" answers 0 and ends. Everything else mounts.
+// 12, "hangs" never answers, "ghost" answers 0 and ends, "hung-up" closes its request channel. Once
+// mounted, "stays" refuses to be unmounted, and "mortal" ends instead of answering anything.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -58,13 +59,23 @@ class Drive {
     } else {
       Result("mount_result", label == "refuses" ? 12 : 0);
     }
+    if (label == "hung-up") {
+      requests.close();
+      Tell();
+      (void)Wait(events);
+    }
     return label != "refuses" && label != "ghost";
   }
+
+  void Tell() { events.write(R"({"cmd":"fs_event","data":{"from":")" + label + "\"}}"); }
 
   // False: ends.
   bool Answer(const std::string& text) {
     const Json message(text.c_str());
     const std::string command = message.GetObject("/cmd");
+    if (label == "mortal") {
+      return false;
+    }
     if (command == "disconnect" || command == "disconnect_all") {
       events.write(R"({"cmd":"fs_event","data":{"method":"last"}})");
       Result("result", label == "stays" ? 5 : 0);
@@ -76,14 +87,15 @@ class Drive {
       requests.write(info);  // shows what it was asked to mount
     } else if (command == "set_size") {
       requests.write(R"({"cmd":"result_credential","result":"text"})");
-    } else if (command == "set_move_folder") {
-      return false;  // ends instead of answering
+    } else if (command == "set_speedlimit_all") {
+      Tell();
+      Result("result", 5);
     } else if (command == "set_speedlimit") {
       requests.write("not json");
     } else if (command == "spindle_add_protocol") {
       events.write("not json");
       events.write(R"({"cmd":"other"})");
-      events.write(R"({"cmd":"fs_event","data":{"from":")" + label + "\"}}");
+      Tell();
       Result("result", 7);
     } else if (command == "spindle_remove_protocol") {
       events.write(R"({"cmd":"request_quota","data":{"drive":"another"}})");

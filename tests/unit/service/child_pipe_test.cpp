@@ -210,29 +210,33 @@ TEST_F(ChildPipeTest, EventsFlowOnceTheyAreAskedFor) {
   sink.Uploading("/a", "/a", 10737418240LL, 1, 0.5);
   sink.EndUpload(SUCCESS, "/a", "/a", nullptr);
   sink.EndUpload(FILE_NOT_FOUND, "/a", "/a", "gone");
-  sink.Error(FS_EVENT_DELETE, FILE_READ_FAILED, "/a", nullptr, nullptr);
+  for (int operation = 1; operation <= 7; ++operation) {
+    sink.Error(static_cast<FS_EVENT>(operation), FILE_READ_FAILED, "/a", nullptr, nullptr);
+  }
   sink.Error(static_cast<FS_EVENT>(9), FAILED, nullptr, nullptr, nullptr);
   EXPECT_TRUE(sink.UserAction(FAILED, "", "", nullptr, 0));
   sink.Unmounted("/mnt/x");
   child->get_mounter()->unmounting = true;
   sink.Unmounted("/mnt/x");
   child->get_mounter()->unmounting = false;
-  const std::string finished =
-      R"("method":"upload","status":"finished","path":"/a","origin_path":"/a")";
-  for (const std::string& event :
-       {std::string(R"("method":"upload","status":"begin","path":"/a","origin_path":"/b")"),
-        std::string(R"("method":"upload","status":"uploading","path":"/a","origin_path":"/a",)"
-                    R"("total":10737418240,"sent":1,"speed":0.5)"),
-        finished, finished,
-        std::string(
-            R"("method":"error","status":0,"op":"upload","aerror":18,)"
-            R"("message":"file not found","path":"/a","origin_path":"/a","protmsg":"gone")"),
-        std::string(R"("method":"error","status":0,"op":"delete","aerror":8,)"
-                    R"("message":"error","path":"/a")"),
-        std::string(R"("method":"error","status":0,"aerror":1,"message":"failed")"),
-        std::string(R"("method":"disconnected_force","path":"/mnt/x")")}) {
+  const auto expect = [&](const std::string& event) {
     EXPECT_EQ(ReadSoon(events), R"({"cmd":"fs_event","data":{)" + event + "}}");
+  };
+  const std::string paths = R"("path":"/a","origin_path":"/a")";
+  expect(R"("method":"upload","status":"begin","path":"/a","origin_path":"/b")");
+  expect(R"("method":"upload","status":"uploading",)" + paths +
+         R"(,"total":10737418240,"sent":1,"speed":0.5)");
+  expect(R"("method":"upload","status":"finished",)" + paths);
+  expect(R"("method":"upload","status":"finished",)" + paths);
+  expect(R"("method":"error","status":0,"op":"upload","aerror":18,"message":"file not found",)" +
+         paths + R"(,"protmsg":"gone")");
+  for (const std::string operation :
+       {"readdir", "create_file", "read", "create_directory", "delete", "move", "rename"}) {
+    expect(R"("method":"error","status":0,"op":")" + operation +
+           R"(","aerror":8,"message":"error","path":"/a")");
   }
+  expect(R"("method":"error","status":0,"aerror":1,"message":"failed")");
+  expect(R"("method":"disconnected_force","path":"/mnt/x")");
   EXPECT_FALSE(events.read());
 }
 

@@ -26,7 +26,7 @@ class DrivesE2eTest : public MountingTest {
 };
 
 TEST_F(DrivesE2eTest, ATreeGoesInAndComesOutBitForBit) {
-  PutTreeThrough([&] { return Mount(backing, volume, "Disk"); }, backing);
+  PutTreeThrough([&] { return Mount(backing, volume, "Disk"); }, backing, 100UL << 20);
 }
 
 TEST_F(DrivesE2eTest, TwoClientsUseTwoDrivesOfOneLabelAtOnce) {
@@ -77,9 +77,16 @@ TEST_F(DrivesE2eTest, AMountThatCannotBeTellsWhy) {
   EXPECT_EQ(Unmount(volume), 0);
   EXPECT_EQ(Unmount(volume), -1);
   EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
+  fs::remove(service.Program("tarnsvc"));
+  EXPECT_EQ(Mount(backing, volume, "L"), -6);
+  const std::string log = ReadFile(home.LogFile());
+  for (const char* message : {"mount:: failed to mount. label: L, pipe: /tmp/tarn_mount_0 [",
+                              "operator():: failed to exec ", "mount:: failed to create pipe: "}) {
+    EXPECT_NE(log.find(message), std::string::npos) << message;
+  }
 }
 
-TEST_F(DrivesE2eTest, AModuleThatSupportsNothingHarmsOnlyItsOwnDrive) {
+TEST_F(DrivesE2eTest, AModuleThatSupportsNothingOrHangsHarmsOnlyItsOwnDrive) {
   AddTestModule();
   ASSERT_EQ(Mount("x", volume, "L", "test"), 0);
   std::error_code error;
@@ -90,22 +97,22 @@ TEST_F(DrivesE2eTest, AModuleThatSupportsNothingHarmsOnlyItsOwnDrive) {
   EXPECT_TRUE(fs::space(volume, error).capacity > 0 && !error);
   EXPECT_EQ(client->Ask(DriveMessage("get_username", volume)),
             R"({"cmd":"result_username","result":"tést"})");
+  EXPECT_EQ(client->Ask(DriveMessage("get_credential", volume)),
+            R"({"cmd":"result_credential","result":"id=x;ex_info=given;"})");
   EXPECT_EQ(Unmount(volume), 0);
-}
 
-TEST_F(DrivesE2eTest, ADriveProcessKilledWhileMountingFailsTheMountAtOnce) {
-  AddTestModule();
-  client->Send(ConnectMessage("slow", volume, "L", "test"));
-  ASSERT_TRUE(
-      WaitUntil([&] { return service.Output().find("session->mount\r\n") != std::string::npos; }));
+  const auto wait_in_connect = [&] {
+    client->Send(ConnectMessage("slow", volume, "Slow", "test"));
+    ASSERT_TRUE(WaitUntil([&] { return service.Output().ends_with("session->mount\r\n"); }));
+  };
+  wait_in_connect();
   const auto begin = std::chrono::steady_clock::now();
   ::kill(service.DriveProcesses().at(0), SIGKILL);
-  EXPECT_EQ(client->Receive(), R"({"cmd":"result","error":-6})");
+  EXPECT_EQ(client->Ask(R"({"cmd":"get_drive_list"})"), R"({"cmd":"result","error":-6})");
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-  EXPECT_TRUE(WaitUntil([&] {
-    return fs::directory_iterator("/tmp") == fs::directory_iterator() ||
-           !fs::exists("/tmp/tarn_mount_0_2_1");
-  }));
+  EXPECT_TRUE(WaitUntil([&] { return !fs::exists("/tmp/tarn_mount_1_2_1"); }));
+  wait_in_connect();
+  ExpectDriveEndsWithService(SIGKILL);
 }
 
 TEST_F(DrivesE2eTest, ADriveProcessThatDiesLeavesNoMount) {
@@ -124,19 +131,15 @@ TEST_F(DrivesE2eTest, ADriveProcessThatDiesLeavesNoMount) {
   EXPECT_TRUE(WaitUntil([&] { return ReadFile(backing / "file") == "closed, so stored"; }));
 }
 
-TEST_F(DrivesE2eTest, ADriveProcessThatDiesWhileItIsDisconnectedLeavesNoMount) {
-  for (const char* command : {R"({"cmd":"disconnect_all"})", R"({"cmd":"disconnect"})"}) {
+TEST_F(DrivesE2eTest, ADriveProcessThatDiesInTheMiddleOfMountOrUnmountLeavesNoMount) {
+  for (const std::string command : {"disconnect_all", "disconnect"}) {
     ASSERT_EQ(Mount(backing, volume, "L"), 0);
     const pid_t drive = service.DriveProcesses().at(0);
     ::kill(drive, SIGSTOP);  // the command finds it deaf
-    const bool all = std::string(command).find("_all") != std::string::npos;
-    client->Send(all ? command : DriveMessage("disconnect", volume));
+    client->Send(DriveMessage(command, volume));
     ::kill(drive, SIGKILL);
     ExpectNothingLeft();
   }
-}
-
-TEST_F(DrivesE2eTest, ADriveProcessKilledBetweenMountAndAnswerLeavesNoMount) {
   for (int delay_ms = 20; delay_ms <= 60; delay_ms += 4) {
     client->Send(ConnectMessage(backing, volume, "L"));
     ASSERT_TRUE(WaitUntil([&] { return !service.DriveProcesses().empty(); }));
@@ -158,13 +161,11 @@ TEST_F(DrivesE2eTest, AClientThatLeavesInTheMiddleOfAMountLeavesADriveForOthers)
 }
 
 TEST_F(DrivesE2eTest, AServiceThatEndsInTheMiddleOfAnythingLeavesNoProcess) {
-  for (const char* command : {R"({"cmd":"disconnect_all"})", R"({"cmd":"set_loglevel","data":{}})",
-                              R"({"cmd":"disconnect"})"}) {
+  for (const std::string command : {"disconnect_all", "set_loglevel", "disconnect"}) {
     ASSERT_EQ(Mount(backing, volume, "L"), 0);
     const std::vector<pid_t> drives = service.DriveProcesses();
     ::kill(drives.at(0), SIGSTOP);  // whatever asks it, waits
-    const bool one = std::string(command) == R"({"cmd":"disconnect"})";
-    client->Send(one ? DriveMessage("disconnect", volume) : command);
+    client->Send(DriveMessage(command, volume));
     service.Signal(SIGTERM);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_TRUE(service.WaitForEnd(std::chrono::seconds(10))) << command;
@@ -177,39 +178,47 @@ TEST_F(DrivesE2eTest, AServiceThatEndsInTheMiddleOfAnythingLeavesNoProcess) {
   }
 }
 
-TEST_F(DrivesE2eTest, ADeadDriveTakesNoOtherVolumeWithIt) {
+TEST_F(DrivesE2eTest, AVolumeUnmountedFromOutsideIsReportedAndItsEndHarmsNoOther) {
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
   const pid_t first = service.DriveProcesses().at(0);
   Detach(volume);
-  (void)client->WaitForEvent("disconnected_force");
+  EXPECT_EQ(std::string(client->WaitForEvent("disconnected_force").GetObject("/data/path")),
+            volume.string());
   ASSERT_EQ(Mount(backing, volume, "M"), 0);
   ::kill(first, SIGKILL);
   (void)client->WaitForEvent("disconnected");
   EXPECT_TRUE(WaitUntil([&] { return IsTheOnlyDrive(volume); }));
-  WriteFile(volume / "file", "still there");
-  EXPECT_EQ(Unmount(volume), 0);
-  EXPECT_EQ(ReadFile(backing / "file"), "still there");
-}
-
-TEST_F(DrivesE2eTest,
-       AVolumeUnmountedFromOutsideIsReportedAndABusyOneIsDetachedWithEverythingStored) {
-  ASSERT_EQ(Mount(backing, volume, "L"), 0);
-  Detach(volume);
-  EXPECT_EQ(std::string(client->WaitForEvent("disconnected_force").GetObject("/data/path")),
-            volume.string());
-  EXPECT_EQ(Unmount(volume), 0);
-
-  ASSERT_EQ(Mount(backing, volume, "L"), 0);
   std::ofstream open_file(volume / "open");
   open_file << "written, not closed" << std::flush;
   EXPECT_EQ(Unmount(volume), 0);
-  EXPECT_FALSE(IsMounted(volume));
+  EXPECT_FALSE(IsMounted(volume)) << "busy, so detached";
   EXPECT_EQ(ReadFile(backing / "open"), "written, not closed");
 }
 
-TEST_F(DrivesE2eTest, UploadsAreReported) {
-  ASSERT_EQ(Mount(backing, volume, "L"), 0);
-  WriteFile(volume / "file", "12345");
+TEST_F(DrivesE2eTest, SettingsReachADriveThatRunsAndItsUploadsAreReported) {
+  ASSERT_EQ(Mount(backing, volume, "Labelled"), 0);
+  const auto set = [&](const std::string& command, const std::string& members) {
+    return client->AskForResult(DriveMessage(command, volume, members));
+  };
+  fs::create_directories(volume / "folder/inner");
+  EXPECT_EQ(set("set_move_folder", R"(,"flag":0)"), 0);
+  EXPECT_NE(::rename((volume / "folder").c_str(), (volume / "moved").c_str()), 0);
+  EXPECT_EQ(errno, EXDEV);
+  EXPECT_EQ(set("set_move_folder", R"(,"flag":1)"), 0);
+  EXPECT_EQ(::rename((volume / "folder").c_str(), (volume / "moved").c_str()), 0);
+  EXPECT_TRUE(fs::exists(backing / "moved/inner"));
+
+  EXPECT_EQ(set("set_loglevel", R"(,"level":"DEBUG")"), 0);
+  EXPECT_EQ(set("set_speedlimit", R"(,"speed":1)"), 0);
+  EXPECT_EQ(set("set_speedlimit_all", R"(,"speed":1048576)"), 0);
+  EXPECT_EQ(set("set_loglevel", R"(,"level":"ERROR")"), 0);
+  EXPECT_EQ(set("set_speedlimit", R"(,"speed":1048576)"), 0);
+  const std::string log = ReadFile(home.LogFile());
+  EXPECT_NE(log.find("[tarnsvc_Labelled] parse command set_speedlimit_all"), std::string::npos);
+  EXPECT_EQ(log.find("command set_speedlimit ", log.find("command set_speedlimit_all")),
+            std::string::npos);
+  const auto begin = std::chrono::steady_clock::now();
+  WriteFile(volume / "file", std::string(3 << 20, 'x'));
   for (std::string expected : {"begin", "finished"}) {
     std::string status = "uploading";
     while (status == "uploading") {
@@ -220,32 +229,17 @@ TEST_F(DrivesE2eTest, UploadsAreReported) {
     }
     EXPECT_EQ(status, expected);
   }
+  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_EQ(fs::file_size(backing / "file"), 3 << 20);
 }
 
-TEST_F(DrivesE2eTest, FoldersMoveOnlyWhenTheClientAllowsIt) {
+TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientSays) {
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
-  fs::create_directories(volume / "folder/inner");
-  const auto allow = [&](int flag) {
-    return client->AskForResult(R"({"cmd":"set_move_folder","data":{"drive":")" + volume.string() +
-                                R"(","flag":)" + std::to_string(flag) + "}}");
-  };
-  EXPECT_EQ(allow(0), 0);
-  EXPECT_NE(::rename((volume / "folder").c_str(), (volume / "moved").c_str()), 0);
-  EXPECT_EQ(errno, EXDEV);
-  EXPECT_EQ(allow(1), 0);
-  EXPECT_EQ(::rename((volume / "folder").c_str(), (volume / "moved").c_str()), 0);
-  EXPECT_TRUE(fs::exists(backing / "moved/inner"));
-}
-
-TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientSaysItIs) {
-  ASSERT_EQ(Mount(backing, volume, "L"), 0);
-  EXPECT_EQ(client->AskForResult(R"({"cmd":"set_size","data":{"drive":")" + volume.string() +
-                                 R"(","total":1073741824,"free":268435456}})"),
-            0);
-  EXPECT_TRUE(WaitUntil([&] {
-    const fs::space_info space = fs::space(volume);
-    return space.capacity == 1073741824 && space.free == 268435456;
-  }));
+  const std::string message =
+      DriveMessage("set_size", volume, R"(,"total":1073741824,"free":268435456)");
+  EXPECT_EQ(client->AskForResult(message), 0);
+  EXPECT_TRUE(WaitUntil([&] { return fs::space(volume).capacity == 1073741824; }));
+  EXPECT_EQ(fs::space(volume).free, 268435456U);
 }
 
 TEST_F(DrivesE2eTest, TheOwnerIsAskedForTheSize) {
@@ -262,19 +256,6 @@ TEST_F(DrivesE2eTest, TheOwnerIsAskedForTheSize) {
   EXPECT_EQ(fs::space(volume).free, 4096U);
 }
 
-TEST_F(DrivesE2eTest, SettingsReachADriveThatRuns) {
-  ASSERT_EQ(Mount(backing, volume, "Labelled"), 0);
-  EXPECT_EQ(client->AskForResult(R"({"cmd":"set_loglevel","data":{"level":"DEBUG"}})"), 0);
-  EXPECT_EQ(client->AskForResult(R"({"cmd":"set_speedlimit_all","data":{"speed":1048576}})"), 0);
-  EXPECT_NE(ReadFile(home.LogFile()).find("[tarnsvc_Labelled] parse command set_speedlimit_all"),
-            std::string::npos);
-  const auto begin = std::chrono::steady_clock::now();
-  WriteFile(volume / "file", std::string(3 << 20, 'x'));
-  EXPECT_TRUE(WaitUntil(
-      [&] { return fs::exists(backing / "file") && fs::file_size(backing / "file") == 3 << 20; }));
-  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-}
-
 TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
   const fs::path second = home.MakeFolder("second");
   WriteFile(backing / "same", "first");
@@ -287,10 +268,10 @@ TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
   ASSERT_EQ(client->AskForResult(connect), 0);
   EXPECT_TRUE(fs::is_empty(volume));
   for (const fs::path& folder : {backing, second}) {
-    ASSERT_EQ(client->AskForResult(R"({"cmd":"spindle_add_protocol","data":{"drive":")" +
-                                   volume.string() + R"(","type":"local","cid":")" +
-                                   folder.string() + "\"}}"),
-              0);
+    ASSERT_EQ(
+        client->AskForResult(DriveMessage("spindle_add_protocol", volume,
+                                          R"(,"type":"local","cid":")" + folder.string() + '"')),
+        0);
   }
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(volume / "b"); }));
   EXPECT_EQ(ReadFile(volume / "same"), "first");

@@ -22,11 +22,12 @@ std::string RandomBytes(size_t count, unsigned seed) {
 
 }  // namespace
 
-void MountingTest::PutTreeThrough(const std::function<int()>& mount, const fs::path& remote) {
+void MountingTest::PutTreeThrough(const std::function<int()>& mount, const fs::path& remote,
+                                  size_t largest_bytes) {
   ASSERT_EQ(mount(), 0);
   EXPECT_EQ(client->WaitForEvent("connected").GetObject("/data/drive").operator std::string(),
             volume.string());
-  const std::string large = RandomBytes(100UL << 20, 1);
+  const std::string large = RandomBytes(largest_bytes, 1);
   const std::vector<std::pair<fs::path, std::string>> files = {
       {"plain", "x"},
       {"empty", ""},
@@ -54,6 +55,14 @@ void MountingTest::PutTreeThrough(const std::function<int()>& mount, const fs::p
   ASSERT_EQ(mount(), 0);
   EXPECT_TRUE(ReadFile(volume / "large.bin") == large);
   EXPECT_FALSE(fs::exists(volume / "plain"));
+}
+
+void MountingTest::ExpectDriveEndsWithService(int signal) {
+  const std::vector<pid_t> drives = service.DriveProcesses();
+  ASSERT_EQ(drives.size(), 1U);
+  service.Signal(signal);
+  (void)service.WaitForEnd(kPatience);
+  EXPECT_TRUE(WaitUntil([&] { return !IsAlive(drives[0]); }));
 }
 
 }  // namespace tarn::test

@@ -4,11 +4,11 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <unistd.h>
 
+#include "common/posix.h"
 #include "tests/support/service/service_process.h"
 #include "tests/support/service/temp_home.h"
 #include "tests/support/service/test_client.h"
@@ -45,8 +45,14 @@ class MountingTest : public testing::Test {
 
   // Writes a tree of folders and files into the volume, changes it and mounts once more, and looks
   // for it there and in the folder `remote`. `mount` mounts the remote at `volume`.
-  void PutTreeThrough(const std::function<int()>& mount, const std::filesystem::path& remote);
+  void PutTreeThrough(const std::function<int()>& mount, const std::filesystem::path& remote,
+                      size_t largest_bytes);
 
+  // Ends the service by the signal: its one drive process, which nobody is the parent of any more,
+  // ends too.
+  void ExpectDriveEndsWithService(int signal);
+
+ public:
   static void WriteFile(const std::filesystem::path& path, const std::string& content) {
     std::ofstream file(path, std::ios::binary);
     file << content;
@@ -54,11 +60,12 @@ class MountingTest : public testing::Test {
     EXPECT_TRUE(file.good()) << path;
   }
   static std::string ReadFile(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file.good()) << path;
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::string content;
+    EXPECT_TRUE(tarn::ReadFile(path, size_t{1} << 30, content)) << path;
+    return content;
   }
 
+ protected:
   static bool IsMounted(const std::filesystem::path& mount_point) {
     return !MountsBelow(mount_point).empty();
   }

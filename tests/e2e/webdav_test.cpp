@@ -34,7 +34,7 @@ INSTANTIATE_TEST_SUITE_P(Servers, WebdavTreeTest,
 
 TEST_P(WebdavTreeTest, ATreeGoesInAndComesOutBitForBit) {
   const DavServer server(GetParam());
-  PutTreeThrough([&] { return MountServer(server.Url()); }, server.Root());
+  PutTreeThrough([&] { return MountServer(server.Url()); }, server.Root(), 10UL << 20);
 }
 
 TEST_F(WebdavE2eTest, AFileChangedAtTheServerIsSeen) {

@@ -38,11 +38,11 @@ pid_t ParentOf(pid_t process) {
   return std::atoi(status.c_str() + name_end + 4);
 }
 
+}  // namespace
+
 bool IsAlive(pid_t process) {
   return ParentOf(process) != 0;
 }
-
-}  // namespace
 
 std::vector<pid_t> ChildrenOf(pid_t parent) {
   std::vector<pid_t> children;

@@ -59,6 +59,9 @@ class ServiceProcess {
   pid_t pid = -1;
 };
 
+// Not for one that has ended but was not reaped.
+[[nodiscard]] bool IsAlive(pid_t process);
+
 // Ids of the direct children of a process.
 [[nodiscard]] std::vector<pid_t> ChildrenOf(pid_t parent);
 

@@ -87,12 +87,14 @@ std::string ConnectMessage(const std::filesystem::path& folder,
   return message.ToText();
 }
 
-std::string DriveMessage(const std::string& command, const std::filesystem::path& mount_point) {
+std::string DriveMessage(const std::string& command, const std::filesystem::path& mount_point,
+                         const std::string& more) {
   JsonObject data;
   data.Insert("drive", mount_point.string());
   Json message = Message(command.c_str());
   message.Insert("data", data);
-  return message.ToText();
+  const std::string text = message.ToText();
+  return text.substr(0, text.size() - 2) + more + "}}";
 }
 
 }  // namespace tarn::test

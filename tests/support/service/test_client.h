@@ -54,8 +54,10 @@ class TestClient {
                                          const std::string& label,
                                          const std::string& type = "local");
 
-// {"cmd":command,"data":{"drive":mount_point}}
+// {"cmd":command,"data":{"drive":mount_point}}, with `more` members of "data", which begin with
+// ",".
 [[nodiscard]] std::string DriveMessage(const std::string& command,
-                                       const std::filesystem::path& mount_point);
+                                       const std::filesystem::path& mount_point,
+                                       const std::string& more = "");
 
 }  // namespace tarn::test

@@ -35,10 +35,10 @@ void CURLAuth::SignAuthentication(CURLImpl* request) {
 }
 
 std::string CURLAuth::GetToken() const {
-  std::vector<char> buffer(kTokenBufferBytes);
+  std::vector<char> buffer(kTokenBufferBytes);  // zeros: the empty text unless a token comes
   int length = kTokenBufferBytes;
-  if (provider == nullptr || !provider->GetValue("access_token", buffer.data(), &length)) {
-    return {};
+  if (provider != nullptr) {
+    (void)provider->GetValue("access_token", buffer.data(), &length);  // the buffer tells
   }
   buffer.back() = '\0';
   return buffer.data();

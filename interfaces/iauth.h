@@ -3,7 +3,7 @@
 // A source of access tokens, supplied by whoever signs requests with it.
 struct IAuth {
   // 0: puts the zero-terminated value of `key` into `buffer`; *length holds the buffer's size.
-  // False: there is no value, and the buffer's content means nothing.
+  // Without a value the buffer, which comes filled with zeros, stays as it is; false then.
   virtual bool GetValue(const char* key, char* buffer, int* length) = 0;
   virtual bool Refresh() = 0;  // 1: gets a new token from where it comes from
 

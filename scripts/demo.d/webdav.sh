@@ -44,7 +44,8 @@ start_remote() {
     chown -R www-data "$server/files" "$server/work"
   fi
   write_server_configuration >"$server/configuration"
-  apache2 -DFOREGROUND -f "$server/configuration" </dev/null &>"$server/output" &
+  # Where systems keep their servers is in the PATH of administrators only.
+  PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin apache2 -DFOREGROUND -f "$server/configuration" </dev/null &>"$server/output" &
   server_pid=$!
   remote_end="kill $server_pid"
   for _ in {1..100}; do

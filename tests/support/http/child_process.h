@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -18,11 +20,13 @@ namespace tarn::test {
 // when the thread that started it does, so that no test leaves one behind, however it dies.
 class ChildProcess {
  public:
-  // The first argument is the program, looked up in PATH.
+  // The first argument is the program, looked up in PATH and then where systems keep their servers,
+  // which is in the PATH of administrators only.
   explicit ChildProcess(const std::vector<std::string>& arguments) {
+    const std::string program = Find(arguments.front());
     std::vector<char*> pointers;
     for (const std::string& argument : arguments) {
-      pointers.push_back(const_cast<char*>(argument.c_str()));  // execvp leaves them as they are
+      pointers.push_back(const_cast<char*>(argument.c_str()));  // execv leaves them as they are
     }
     pointers.push_back(nullptr);
     pid = ::fork();
@@ -30,7 +34,7 @@ class ChildProcess {
 #if defined(__linux__)
       (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
 #endif
-      ::execvp(pointers[0], pointers.data());
+      ::execv(program.c_str(), pointers.data());
       ::_exit(127);
     }
   }
@@ -61,6 +65,19 @@ class ChildProcess {
   }
 
  private:
+  static std::string Find(const std::string& name) {
+    const char* const path = std::getenv("PATH");
+    std::istringstream folders((path != nullptr ? path : "") +
+                               std::string(":/usr/local/sbin:/usr/sbin:/sbin"));
+    for (std::string folder; std::getline(folders, folder, ':');) {
+      std::string program = folder + "/" + name;
+      if (::access(program.c_str(), X_OK) == 0) {
+        return program;
+      }
+    }
+    return name;
+  }
+
   pid_t pid = -1;  // -1 once reaped
 };
 

@@ -184,7 +184,9 @@ class Tokens final : public IAuth {
   bool GetValue(const char* key, char* buffer, int* length) override {
     EXPECT_STREQ(key, "access_token");
     EXPECT_EQ(*length, 65536);
-    buffer[token.copy(buffer, 65535)] = '\0';
+    if (known) {
+      buffer[token.copy(buffer, 65535)] = '\0';
+    }
     return known;
   }
   bool Refresh() override {

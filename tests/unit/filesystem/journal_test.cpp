@@ -56,6 +56,7 @@ TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
     std::vector<std::string> names;
     EXPECT_EQ(drive.calls.List("/folder", names), 0);
     protocol.failure = DEVICE_NOT_READY;
+    EXPECT_EQ(drive.calls.WriteFile("/changed", "ours"), 0);
     EXPECT_EQ(drive.calls.WriteFile("/folder/new", "new"), 0);
     EXPECT_EQ(drive.calls.WriteFile("/folder/removed", "x"), 0);
     EXPECT_EQ(drive.calls.Unlink("/folder/removed"), 0);
@@ -69,8 +70,9 @@ TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
   protocol.Remove("/folder");
   {
     Drive other(base.path(), "another label", protocol);
-    EXPECT_EQ(other.calls.Content("/folder/renamed"), "new") << "before it is sent";
+    EXPECT_EQ(other.calls.Content("/changed"), "ours") << "from the first moment";
     EXPECT_EQ(other.files->SendAll(kPatience), 0U);
+    EXPECT_EQ(protocol.Content("/changed"), "ours");
     EXPECT_EQ(protocol.Content("/folder/renamed"), "new");
     EXPECT_THAT(protocol.Paths(), testing::Not(testing::Contains("/folder/removed")));
   }

@@ -55,8 +55,11 @@ TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
     EXPECT_EQ(drive.calls.Content("/changed"), "theirs");
     std::vector<std::string> names;
     EXPECT_EQ(drive.calls.List("/folder", names), 0);
+    int changed = -1;
+    EXPECT_EQ(drive.calls.Open("/changed", O_WRONLY | O_TRUNC, changed), 0);
     protocol.failure = DEVICE_NOT_READY;
-    EXPECT_EQ(drive.calls.WriteFile("/changed", "ours"), 0);
+    EXPECT_EQ(drive.calls.Write(changed, 0, "ours"), 0);
+    EXPECT_EQ(drive.calls.Close(changed), 0);
     EXPECT_EQ(drive.calls.WriteFile("/folder/new", "new"), 0);
     EXPECT_EQ(drive.calls.WriteFile("/folder/removed", "x"), 0);
     EXPECT_EQ(drive.calls.Unlink("/folder/removed"), 0);

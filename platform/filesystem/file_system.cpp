@@ -26,7 +26,7 @@ FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
       space(kUnknownSpace) {}
 
 FileSystem::~FileSystem() {
-  (void)remote.Close({});  // or its threads would go on to tell of what they find
+  remote.Stop();  // or its threads would go on to tell of what they find
   if (uploads) {
     uploads->Stop();
   }

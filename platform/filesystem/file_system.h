@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <unordered_map>
 #include <vector>
@@ -109,6 +110,10 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int SetAttributes(Ino ino, const AttributeChange& change, Stat& stat);
   // At once, whatever the remote does.
   [[nodiscard]] Space GetSpace();
+  // What is to be seen of the drive, at its root, and of a file. False: there is no such attribute.
+  [[nodiscard]] bool GetExtended(Ino ino, std::string_view name, std::string& value) const
+      TARN_EXCLUDES(lock);
+  [[nodiscard]] std::vector<std::string_view> ListExtended(Ino ino) const TARN_EXCLUDES(lock);
 
   // Content. `flags` are those of open(2). `keep_cache`: what the kernel holds of it is still
   // right.
@@ -275,6 +280,14 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] bool HoldsUnsent(const std::string& folder) const TARN_REQUIRES(lock);
   void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const TARN_REQUIRES(lock);
   void AskSpace();
+  // How far a file is on its way to the remote: "clean", "unsent", "sending" or "failed: reason".
+  struct Unsent {
+    std::string state = "clean";
+    std::uint64_t bytes = 0;  // that the remote lacks
+  };
+  [[nodiscard]] Unsent StateOf(const OpenFile& file) const TARN_REQUIRES(lock);
+  [[nodiscard]] std::string StateOfAll(std::uint64_t& count, std::uint64_t& bytes) const
+      TARN_REQUIRES(lock);
   // Called when the remote cannot be reached any more, and when it can be again.
   void ReachabilityChanged(bool is_reachable) TARN_EXCLUDES(lock);
 

@@ -325,6 +325,9 @@ AERROR FileSystem::GetListing(const std::string& path, FolderContent& content) {
   prepared.notify_all();
   if (error == SUCCESS) {
     listings.AddListing(ticket, path, content.entries, content.asked);
+  } else if (error == DEVICE_NOT_READY && !remote.IsReachable() &&
+             listings.Get(path, content.asked, content.entries, content.asked)) {
+    return SUCCESS;  // what was known before it was gone
   }
   return error;
 }

@@ -72,6 +72,7 @@ bool MakePipe(UniqueFd& reader, UniqueFd& writer) {
 }  // namespace
 
 FuseLoop::~FuseLoop() {
+  interruptions.Stop();
   if (session == nullptr) {
     return;
   }

@@ -6,6 +6,7 @@
 #include "common/sync.h"
 #include "common/unique_fd.h"
 #include "platform/filesystem/attributes.h"
+#include "platform/filesystem/interruptions.h"
 
 struct fuse_buf;
 struct fuse_session;
@@ -26,7 +27,9 @@ class FileSystem;
 //          kernel has ended the connection.
 class FuseLoop : public std::enable_shared_from_this<FuseLoop> {
  public:
-  explicit FuseLoop(std::shared_ptr<FileSystem> served) : files(std::move(served)) {}
+  // `signal_grace`: how long a request still waits for its answer after a signal has come.
+  FuseLoop(std::shared_ptr<FileSystem> served, std::chrono::milliseconds signal_grace)
+      : files(std::move(served)), interruptions(signal_grace) {}
   ~FuseLoop();
   FuseLoop(const FuseLoop&) = delete;
   FuseLoop& operator=(const FuseLoop&) = delete;
@@ -47,6 +50,7 @@ class FuseLoop : public std::enable_shared_from_this<FuseLoop> {
   void ForgetFolder(std::uint64_t ino);      // the kernel is to ask anew what the folder holds
   void ForgetAttributes(std::uint64_t ino);  // and size and times of a file
   [[nodiscard]] FileSystem& GetFiles() const { return *files; }
+  [[nodiscard]] Interruptions& GetInterruptions() { return interruptions; }
 
  private:
   bool StartThread() TARN_REQUIRES(lock);
@@ -56,6 +60,7 @@ class FuseLoop : public std::enable_shared_from_this<FuseLoop> {
   void Received(bool goes_on);
 
   const std::shared_ptr<FileSystem> files;
+  Interruptions interruptions;
   fuse_session* session = nullptr;
   UniqueFd wake_reader;
   UniqueFd wake_writer;

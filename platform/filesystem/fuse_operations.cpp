@@ -1,88 +1,18 @@
 #include "platform/filesystem/fuse_operations.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <new>
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
 
-#include "platform/filesystem/file_system.h"
-#include "platform/filesystem/fuse_loop.h"
+#include "platform/filesystem/fuse_request.h"
 #include "platform/filesystem/names.h"
 
 namespace tarn::fs {
 
 namespace {
 
-constexpr fuse_ino_t kUnknownIno = 0xffffffff;
 constexpr unsigned kMaxBackground = 64;  // requests of the kernel's own read-ahead at a time
 constexpr unsigned kBlockBytes = 4096;
-
-FileSystem& Files(fuse_req_t request) {
-  return static_cast<FuseLoop*>(fuse_req_userdata(request))->GetFiles();
-}
-
-// Runs one request; what cannot be had for want of memory fails like any other request.
-template <typename Work>
-void Serve(fuse_req_t request, Work work) {
-  int error = 0;
-  try {
-    error = work(Files(request));
-  } catch (const std::bad_alloc&) {
-    error = ENOMEM;
-  }
-  if (error != 0) {
-    (void)fuse_reply_err(request, error);  // a program that is gone needs no answer
-  }
-}
-
-double Seconds(Clock::duration duration) {
-  return std::chrono::duration<double>(duration).count();
-}
-
-timespec ToTimespec(const FS_TIME& time) {
-  timespec result = {};
-  result.tv_sec = static_cast<time_t>(time.seconds);
-  result.tv_nsec = time.nanoseconds;
-  return result;
-}
-
-struct stat ToStat(const Stat& known) {
-  struct stat result = {};
-  result.st_ino = known.ino;
-  result.st_mode = known.Permissions() | (known.is_folder ? S_IFDIR : S_IFREG);
-  result.st_nlink = known.linked ? (known.is_folder ? 2 : 1) : 0;
-  result.st_uid = ::geteuid();
-  result.st_gid = ::getegid();
-  result.st_size = static_cast<off_t>(known.size);
-  result.st_blksize = kMaxRequestBytes;
-  result.st_blocks = static_cast<blkcnt_t>((known.size + 511) / 512);
-  result.st_atim = result.st_mtim = result.st_ctim = ToTimespec(known.modified);
-  return result;
-}
-
-fuse_entry_param ToEntry(const Stat& known) {
-  fuse_entry_param entry = {};
-  entry.ino = known.ino;
-  entry.attr = ToStat(known);
-  entry.attr_timeout = entry.entry_timeout = Seconds(known.valid_for);
-  return entry;
-}
-
-// A lookup that the kernel did not get to know is taken back.
-void ReplyEntry(fuse_req_t request, FileSystem& files, const Stat& known) {
-  const fuse_entry_param entry = ToEntry(known);
-  if (fuse_reply_entry(request, &entry) != 0) {
-    files.Forget(known.ino, 1);
-  }
-}
-
-void ReplyAttributes(fuse_req_t request, const Stat& known) {
-  const struct stat attributes = ToStat(known);
-  (void)fuse_reply_attr(request, &attributes, Seconds(known.valid_for));
-}
 
 void Init(void* loop, fuse_conn_info* connection) {
   connection->max_read = kMaxRequestBytes;
@@ -94,19 +24,21 @@ void Init(void* loop, fuse_conn_info* connection) {
 }
 
 void Lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
-  Serve(request, [&](FileSystem& files) {
-    Stat known;
-    const int error = files.Lookup(folder, name, known);
-    if (error == 0) {
-      ReplyEntry(request, files, known);
-    } else if (error == ENOENT && known.valid_for > Clock::duration::zero()) {
-      fuse_entry_param absent = {};  // inode number 0: there is none, and the kernel may keep that
-      absent.entry_timeout = Seconds(known.valid_for);
-      (void)fuse_reply_entry(request, &absent);
-      return 0;
-    }
-    return error;
-  });
+  Stat known;
+  ServeWaiting(
+      request, [&](FileSystem& files) { return files.Lookup(folder, name, known); },
+      [&](FileSystem& files, int error) {
+        if (error == 0) {
+          ReplyEntry(request, files, known);
+        } else if (error == ENOENT && known.valid_for > Clock::duration::zero()) {
+          fuse_entry_param absent = {};  // inode number 0: there is none; the kernel may keep that
+          absent.entry_timeout = Seconds(known.valid_for);
+          (void)fuse_reply_entry(request, &absent);
+          return 0;
+        }
+        return error;
+      },
+      [&](FileSystem& files) { files.Forget(known.ino, 1); });
 }
 
 void Forget(fuse_req_t request, fuse_ino_t ino, std::uint64_t lookups) {
@@ -122,14 +54,15 @@ void ForgetSeveral(fuse_req_t request, size_t count, fuse_forget_data* forgets) 
 }
 
 void GetAttributes(fuse_req_t request, fuse_ino_t ino, fuse_file_info* /*open*/) {
-  Serve(request, [&](FileSystem& files) {
-    Stat known;
-    const int error = files.GetAttributes(ino, known);
-    if (error == 0) {
-      ReplyAttributes(request, known);
-    }
-    return error;
-  });
+  Stat known;
+  ServeWaiting(
+      request, [&](FileSystem& files) { return files.GetAttributes(ino, known); },
+      [&](FileSystem&, int error) {
+        if (error == 0) {
+          ReplyAttributes(request, known);
+        }
+        return error;
+      });
 }
 
 AttributeChange ToChange(const struct stat& attributes, int to_set) {
@@ -262,37 +195,49 @@ void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t /*mo
   });
 }
 
+int ReplyOpen(fuse_req_t request, FileSystem& files, fuse_ino_t ino,
+              const FileSystem::Opened& opened, fuse_file_info& open) {
+  open.fh = opened.handle;
+  open.keep_cache = opened.keep_cache ? 1 : 0;
+  if (!opened.keep_cache) {
+    Loop(request).ForgetAttributes(ino);  // or it would cut what is read to the size that it knows
+  }
+  if (fuse_reply_open(request, &open) != 0) {
+    files.Release(opened.handle);
+  }
+  return 0;
+}
+
 void Open(fuse_req_t request, fuse_ino_t ino, fuse_file_info* open) {
-  Serve(request, [&](FileSystem& files) {
-    FileSystem::Opened opened;
-    const int error = files.Open(ino, open->flags, opened);
-    if (error == 0) {
-      open->fh = opened.handle;
-      open->keep_cache = opened.keep_cache ? 1 : 0;
-      if (!opened.keep_cache) {
-        // Or it would cut what is read to the size that it knows.
-        static_cast<FuseLoop*>(fuse_req_userdata(request))->ForgetAttributes(ino);
-      }
-      if (fuse_reply_open(request, open) != 0) {
-        files.Release(opened.handle);
-      }
-    }
-    return error;
-  });
+  FileSystem::Opened opened;
+  const auto work = [&](FileSystem& files) { return files.Open(ino, open->flags, opened); };
+  const auto reply = [&](FileSystem& files, int error) {
+    return error != 0 ? error : ReplyOpen(request, files, ino, opened, *open);
+  };
+  if ((open->flags & O_TRUNC) != 0) {  // the content would go without the program's knowledge
+    Serve(request, [&](FileSystem& files) { return reply(files, work(files)); });
+  } else {
+    ServeWaiting(request, work, reply, [&](FileSystem& files) { files.Release(opened.handle); });
+  }
 }
 
 void Read(fuse_req_t request, fuse_ino_t /*ino*/, size_t length, off_t offset,
           fuse_file_info* open) {
-  Serve(request, [&](FileSystem& files) {
-    const std::unique_ptr<char[]> buffer(new char[length]);
-    size_t received = 0;
-    const int error =
-        files.Read(open->fh, static_cast<std::uint64_t>(offset), buffer.get(), length, received);
-    if (error == 0) {
-      (void)fuse_reply_buf(request, buffer.get(), received);
-    }
-    return error;
-  });
+  std::unique_ptr<char[]> buffer;
+  size_t received = 0;
+  ServeWaiting(
+      request,
+      [&](FileSystem& files) {
+        buffer.reset(new char[length]);
+        return files.Read(open->fh, static_cast<std::uint64_t>(offset), buffer.get(), length,
+                          received);
+      },
+      [&](FileSystem&, int error) {
+        if (error == 0) {
+          (void)fuse_reply_buf(request, buffer.get(), received);
+        }
+        return error;
+      });
 }
 
 void Write(fuse_req_t request, fuse_ino_t /*ino*/, const char* data, size_t length, off_t offset,
@@ -319,13 +264,12 @@ void Flush(fuse_req_t request, fuse_ino_t /*ino*/, fuse_file_info* open) {
 }
 
 void Sync(fuse_req_t request, fuse_ino_t /*ino*/, int /*only_data*/, fuse_file_info* open) {
-  Serve(request, [&](FileSystem& files) {
-    const int error = files.Sync(open->fh);
-    if (error == 0) {
-      (void)fuse_reply_err(request, 0);
-    }
-    return error;
-  });
+  ServeWaiting(
+      request, [&](FileSystem& files) { return files.Sync(open->fh); },
+      [&](FileSystem&, int error) {
+        (void)fuse_reply_err(request, error);
+        return 0;
+      });
 }
 
 void Release(fuse_req_t request, fuse_ino_t /*ino*/, fuse_file_info* open) {
@@ -334,138 +278,6 @@ void Release(fuse_req_t request, fuse_ino_t /*ino*/, fuse_file_info* open) {
     (void)fuse_reply_err(request, 0);
     return 0;
   });
-}
-
-void OpenFolder(fuse_req_t request, fuse_ino_t ino, fuse_file_info* open) {
-  Serve(request, [&](FileSystem& files) {
-    open->fh = files.OpenFolder(ino);
-    if (fuse_reply_open(request, open) != 0) {
-      files.CloseFolder(open->fh);
-    }
-    return 0;
-  });
-}
-
-// The entries from `offset` on, as many as fit into `buffer`: 0 is ".", 1 is "..", the others
-// follow.
-class FolderPage {
- public:
-  FolderPage(fuse_req_t asked, FileSystem& held, Ino read, size_t length)
-      : request(asked), files(held), folder(read), buffer(length) {}
-
-  void Fill(const FileSystem::FolderContent& content, size_t offset, bool with_attributes) {
-    const size_t count = content.entries.size() + 2;
-    for (size_t i = offset; i < count; ++i) {
-      const bool added = i < 2             ? AddDots(i, with_attributes)
-                         : with_attributes ? AddWithAttributes(content, i)
-                                           : AddPlain(content, i);
-      if (!added) {
-        return;
-      }
-    }
-  }
-
-  void Reply() {
-    if (fuse_reply_buf(request, buffer.data(), used) != 0) {
-      for (const Ino ino : looked_up) {
-        files.Forget(ino, 1);
-      }
-    }
-  }
-
- private:
-  bool AddDots(size_t i, bool with_attributes) {
-    fuse_entry_param entry = {};  // inode number 0: the kernel takes no lookup from it
-    entry.attr.st_mode = S_IFDIR;
-    entry.attr.st_ino = i == 0 ? folder : kUnknownIno;
-    const char* const name = i == 0 ? "." : "..";
-    return Add([&](char* place, size_t room) {
-      return with_attributes ? fuse_add_direntry_plus(request, place, room, name, &entry, Next(i))
-                             : fuse_add_direntry(request, place, room, name, &entry.attr, Next(i));
-    });
-  }
-
-  bool AddPlain(const FileSystem::FolderContent& content, size_t i) {
-    const Entry& entry = content.entries[i - 2];
-    struct stat attributes = {};
-    attributes.st_mode = entry.attributes.is_folder ? S_IFDIR : S_IFREG;
-    const Ino ino = files.InoOf(folder, entry.name);
-    attributes.st_ino = ino != 0 ? ino : kUnknownIno;
-    return Add([&](char* place, size_t room) {
-      return fuse_add_direntry(request, place, room, entry.name.c_str(), &attributes, Next(i));
-    });
-  }
-
-  bool AddWithAttributes(const FileSystem::FolderContent& content, size_t i) {
-    const Entry& entry = content.entries[i - 2];
-    Stat known;
-    fuse_entry_param told = {};
-    const bool counted = files.LookUpEntry(folder, entry, content.asked, known);
-    if (counted) {
-      told = ToEntry(known);
-    } else {
-      told.attr.st_mode = entry.attributes.is_folder ? S_IFDIR : S_IFREG;
-      told.attr.st_ino = kUnknownIno;
-    }
-    const bool added = Add([&](char* place, size_t room) {
-      return fuse_add_direntry_plus(request, place, room, entry.name.c_str(), &told, Next(i));
-    });
-    if (counted && added) {
-      looked_up.push_back(known.ino);
-    } else if (counted) {
-      files.Forget(known.ino, 1);
-    }
-    return added;
-  }
-
-  template <typename AddOne>
-  bool Add(AddOne add) {
-    const size_t room = buffer.size() - used;
-    const size_t needed = add(buffer.data() + used, room);
-    if (needed > room) {
-      return false;
-    }
-    used += needed;
-    return true;
-  }
-
-  static off_t Next(size_t i) { return static_cast<off_t>(i) + 1; }
-
-  const fuse_req_t request;
-  FileSystem& files;
-  const Ino folder;
-  std::vector<char> buffer;
-  size_t used = 0;
-  std::vector<Ino> looked_up;
-};
-
-void ReadFolderPage(fuse_req_t request, fuse_ino_t ino, size_t length, off_t offset,
-                    const fuse_file_info* open, bool with_attributes) {
-  Serve(request, [&](FileSystem& files) {
-    std::shared_ptr<const FileSystem::FolderContent> content;
-    const int error = files.GetOpenFolder(open->fh, offset == 0, content);
-    if (error == 0) {
-      FolderPage page(request, files, ino, length);
-      page.Fill(*content, static_cast<size_t>(offset), with_attributes);
-      page.Reply();
-    }
-    return error;
-  });
-}
-
-void ReadFolder(fuse_req_t request, fuse_ino_t ino, size_t length, off_t offset,
-                fuse_file_info* open) {
-  ReadFolderPage(request, ino, length, offset, open, false);
-}
-
-void ReadFolderPlus(fuse_req_t request, fuse_ino_t ino, size_t length, off_t offset,
-                    fuse_file_info* open) {
-  ReadFolderPage(request, ino, length, offset, open, true);
-}
-
-void ReleaseFolder(fuse_req_t request, fuse_ino_t /*ino*/, fuse_file_info* open) {
-  Files(request).CloseFolder(open->fh);
-  (void)fuse_reply_err(request, 0);
 }
 
 void GetSpace(fuse_req_t request, fuse_ino_t /*ino*/) {
@@ -503,11 +315,9 @@ fuse_lowlevel_ops MakeOperations() {
   operations.flush = &Flush;
   operations.fsync = &Sync;
   operations.release = &Release;
-  operations.opendir = &OpenFolder;
-  operations.readdir = &ReadFolder;
-  operations.readdirplus = &ReadFolderPlus;
-  operations.releasedir = &ReleaseFolder;
   operations.statfs = &GetSpace;
+  AddFolderOperations(operations);
+  AddStateOperations(operations);
   return operations;
 }
 

@@ -16,6 +16,8 @@ struct Limits {
   Time doubt{10'000};         // a call that waits so long without a sign puts the remote in doubt
   Time probe{20'000};         // the question whether it is there
   Time cancel{2'000};         // for the module to take note that calls are to end
+  Time close{15'000};         // for all its calls to end then, before the drive lets go of it
+  Time signal_grace{1000};    // for a call that a signal may end: many programs handle signals
   Reachability::Pauses pauses{};
 };
 

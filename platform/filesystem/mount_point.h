@@ -22,9 +22,9 @@ class MountPoint {
   // The name by which the system lists it; empty before Take.
   [[nodiscard]] const std::string& GetPath() const { return path; }
 
-  // Remembers which volume is mounted now; false: none. The mount table tells, for the volume itself
-  // must not be asked by the process that serves it: killed meanwhile, that process would wait for
-  // its own answer and never end.
+  // Remembers which volume is mounted now; false: none. The mount table tells, for the volume
+  // itself must not be asked by the process that serves it: killed meanwhile, that process would
+  // wait for its own answer and never end.
   [[nodiscard]] bool Confirm();
   // Whether the confirmed volume is mounted there still.
   [[nodiscard]] bool IsMounted() const;

@@ -368,15 +368,21 @@ void Remote::Cancel() {
   }
 }
 
-bool Remote::Close(std::chrono::milliseconds patience) {
+void Remote::Stop() {
   {
     const MutexLock guard(lock);
     closed = true;
   }
-  const auto deadline = Clock::now() + patience;
-  bool is_idle = true;
   for (const auto& protocol : GetProtocols()) {
     protocol->Close();
+  }
+}
+
+bool Remote::Close() {
+  Stop();
+  const auto deadline = Clock::now() + limits.close;
+  bool is_idle = true;
+  for (const auto& protocol : GetProtocols()) {
     is_idle = protocol->WaitIdle(deadline) && is_idle;
   }
   Protocols done;  // let go of after the lock

@@ -27,7 +27,7 @@ namespace tarn::fs {
 class Remote {
  public:
   // `listener` is told when the first of the protocols cannot be reached any more, and when the
-  // last of them can again; not after Close has returned.
+  // last of them can again; not after Stop has returned.
   explicit Remote(const Limits& times = {}, Reachability::Listener told = nullptr)
       : limits(times), listener(std::move(told)) {}
 
@@ -66,9 +66,11 @@ class Remote {
   [[nodiscard]] std::optional<std::chrono::system_clock::time_point> UnreachableSince() const;
 
   void Cancel();  // makes what runs fail soon
-  // Cancels what runs, refuses what comes, waits until nothing runs any more and lets go of the
-  // protocols. False, with the protocols kept, when something still runs after `patience`.
-  [[nodiscard]] bool Close(std::chrono::milliseconds patience);
+  // Cancels what runs, refuses what comes; nobody waits any more, and the listener is not told.
+  void Stop();
+  // Stops, waits until nothing runs any more and lets go of the protocols. False, with the
+  // protocols kept, when something still runs after the limit for that.
+  [[nodiscard]] bool Close();
 
  private:
   using Protocols = std::vector<std::shared_ptr<LimitedProtocol>>;

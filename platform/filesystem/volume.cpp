@@ -31,7 +31,10 @@ std::unique_ptr<Journal> OpenJournal(const std::string& label) {
 
 }  // namespace
 
-Volume::Volume(std::string given_mount_point) : given_path(std::move(given_mount_point)) {}
+Volume::Volume(std::string given_mount_point, const Limits& limits)
+    : given_path(std::move(given_mount_point)),
+      files(std::make_shared<FileSystem>(FileSystem::kAttributeTimeOut, limits)),
+      loop(std::make_shared<FuseLoop>(files, limits.signal_grace)) {}
 
 AERROR Volume::Start(const std::string& label) {
   if (const AERROR error = mount_point.Take(given_path); error != SUCCESS) {
@@ -100,7 +103,7 @@ void Volume::Keep() {
   }
   loop->Abort();
   SendWhatIsLeft();
-  if (!files->GetRemote().Close(kAfterCancel)) {
+  if (!files->GetRemote().Close()) {
     Log(LOGLEVEL_ERROR, "a protocol of %s does not come back", given_path.c_str());
   }
   files->CloseAll();

@@ -22,7 +22,7 @@ namespace tarn::fs {
 // Threads: any.
 class Volume final : public IFSDrive, public std::enable_shared_from_this<Volume> {
  public:
-  explicit Volume(std::string given_mount_point);
+  explicit Volume(std::string given_mount_point, const Limits& limits = {});
 
   // Mounts; 0 when the volume answers. On failure nothing is left.
   [[nodiscard]] AERROR Start(const std::string& label);
@@ -53,8 +53,8 @@ class Volume final : public IFSDrive, public std::enable_shared_from_this<Volume
   [[nodiscard]] bool TakeAway();
 
   const std::string given_path;
-  const std::shared_ptr<FileSystem> files = std::make_shared<FileSystem>();
-  const std::shared_ptr<FuseLoop> loop = std::make_shared<FuseLoop>(files);
+  const std::shared_ptr<FileSystem> files;
+  const std::shared_ptr<FuseLoop> loop;
   MountPoint mount_point;
 
   std::atomic<bool> gave_up = false;  // to send what is left

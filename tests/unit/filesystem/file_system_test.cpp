@@ -173,7 +173,7 @@ TEST_F(FileSystemTest, SeveralProtocolsAreOneFolder) {
   EXPECT_EQ(files->GetRemote().List("/", *std::make_unique<std::vector<fs::Entry>>()),
             DEVICE_NOT_READY)
       << "half a listing would look like deleted files";
-  EXPECT_TRUE(files->GetRemote().Close(std::chrono::seconds(5))) << "nobody asks `second` then";
+  EXPECT_TRUE(files->GetRemote().Close()) << "nobody asks `second` then";
 }
 
 // A module that answers as no module should.

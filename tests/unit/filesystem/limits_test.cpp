@@ -3,10 +3,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <thread>
+#include <signal.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
 
 #include "platform/filesystem/reachability.h"
 #include "platform/filesystem/remote.h"
+#include "platform/filesystem/volume.h"
 #include "tests/support/service/wait.h"
 #include "tests/unit/filesystem/direct_calls.h"
 #include "tests/unit/filesystem/lent_libraries.h"
@@ -20,7 +24,7 @@ using std::chrono::milliseconds;
 fs::Limits ShortLimits() {
   fs::Limits limits;
   limits.metadata = limits.read = limits.upload_stall = milliseconds(200);
-  limits.doubt = limits.probe = limits.cancel = milliseconds(50);
+  limits.doubt = limits.probe = limits.cancel = limits.close = milliseconds(50);
   limits.pauses = {milliseconds(5), milliseconds(20)};
   return limits;
 }
@@ -162,10 +166,98 @@ TEST_F(LimitsTest, AChangeLeftBehindKeepsOthersFromItsPlaceUntilItHasEnded) {
   protocol.SetHanging(true);
   EXPECT_EQ(remote.CreateFolder("/folder"), DEVICE_NOT_READY);
   EXPECT_TRUE(WaitUntil([&] { return !remote.IsReachable(); }));
-  EXPECT_FALSE(remote.Close(milliseconds(10))) << "the module still works";
+  EXPECT_FALSE(remote.Close()) << "the module still works";
   protocol.SetHanging(false);
-  EXPECT_TRUE(remote.Close(milliseconds(5000)));
+  EXPECT_TRUE(WaitUntil([&] { return remote.Close(); }));
   EXPECT_EQ(protocol.Paths(), std::vector<std::string>{"/folder"}) << "it happened after all";
+}
+
+// A mounted volume with limits of the test's choice.
+class LimitedVolumeTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    TARN_SKIP_WITHOUT_FUSE();
+    fs::Limits limits = ShortLimits();
+    limits.doubt = milliseconds(1000);
+    limits.metadata = limits.read = milliseconds(60'000);
+    limits.signal_grace = milliseconds(20);
+    volume = std::make_shared<fs::Volume>(path, limits);
+    ASSERT_EQ(volume->Start("drive"), SUCCESS);
+    ASSERT_EQ(volume->AddProtocol(Share(protocol)), SUCCESS);
+  }
+  void TearDown() override {
+    protocol.SetHanging(false);
+    if (volume) {
+      EXPECT_EQ(volume->Stop(), SUCCESS);
+    }
+  }
+  std::string Extended(const std::string& of, const char* name) {  // or the error's number
+    std::string value(200, '\0');
+    const ssize_t length = ::getxattr((path + of).c_str(), name, value.data(), value.size());
+    return length < 0 ? std::to_string(errno) : value.substr(0, static_cast<size_t>(length));
+  }
+
+  TempFolder folder;
+  const std::string path = folder.path() / "volume";
+  MemoryProtocol protocol;
+  std::shared_ptr<fs::Volume> volume;
+};
+
+TEST_F(LimitedVolumeTest, AProgramThatWaitsForADeadRemoteCanBeKilledAndHoldsUpNobody) {
+  protocol.Write("/folder/file", std::string(4 << 20, 'x'));
+  FolderCalls calls(path);
+  std::vector<std::string> names;
+  ASSERT_EQ(calls.List("/folder", names), 0);
+  const int file = ::open((path + "/folder/file").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(file, 0);
+  protocol.SetHanging(true);
+  const int reads = protocol.reads;
+  const pid_t program = ::fork();
+  if (program == 0) {
+    char byte = 0;
+    ::_exit(::pread(file, &byte, 1, 3 << 20) == 1 ? 0 : 1);
+  }
+  ::close(file);
+  EXPECT_TRUE(WaitUntil([&] { return protocol.reads > reads; }));
+  EXPECT_EQ(::kill(program, SIGINT), 0);
+  int status = 0;
+  EXPECT_TRUE(WaitUntil([&] { return ::waitpid(program, &status, WNOHANG) == program; }));
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT);
+  EXPECT_EQ(Extended("", "user.tarn.remote"), "ok") << "that was quick";
+  struct statvfs space = {};
+  EXPECT_EQ(::statvfs(path.c_str(), &space), 0);
+  EXPECT_EQ(calls.List("/folder", names), 0);
+  EXPECT_EQ(volume->Stop(), SUCCESS);
+}
+
+TEST_F(LimitedVolumeTest, WhatIsToBeSeenIsReadOnlyAndNeedsNoRemote) {
+  protocol.Write("/file", "content");
+  const std::string file = path + "/file";
+  EXPECT_EQ(Extended("/file", "user.tarn.state"), "clean");
+  const int infos = protocol.infos;
+  EXPECT_EQ(Extended("/file", "security.capability"), std::to_string(ENODATA));
+  EXPECT_EQ(Extended("/file", "user.other"), std::to_string(ENODATA));
+  EXPECT_EQ(Extended("/file", "user.tarn.cache"), std::to_string(ENODATA));
+  EXPECT_EQ(::setxattr(file.c_str(), "user.tarn.state", "x", 1, 0), -1);
+  EXPECT_EQ(errno, ENOTSUP);
+  EXPECT_EQ(::removexattr(file.c_str(), "user.tarn.state"), -1);
+  std::string names(200, '\0');
+  names.resize(static_cast<size_t>(::listxattr(file.c_str(), names.data(), names.size())));
+  EXPECT_EQ(names, std::string("user.tarn.state\0", 16));
+  EXPECT_EQ(protocol.infos, infos);
+
+  const int unsent = ::open((path + "/unsent").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  ASSERT_EQ(::write(unsent, "12345", 5), 5);
+  EXPECT_EQ(Extended("/unsent", "user.tarn.state"), "unsent");
+  EXPECT_EQ(Extended("", "user.tarn.state"), "unsent");
+  EXPECT_EQ(Extended("", "user.tarn.unsent"), "1 files, 5 bytes");
+  EXPECT_EQ(::close(unsent), 0);
+  EXPECT_EQ(Extended("", "user.tarn.cache"), "none");
+  protocol.failure = DEVICE_NOT_READY;
+  EXPECT_NE(::mkdir((path + "/folder").c_str(), 0755), 0);
+  EXPECT_TRUE(WaitUntil(
+      [&] { return Extended("", "user.tarn.remote").starts_with("unreachable since 20"); }));
+  protocol.failure = SUCCESS;
 }
 
 }  // namespace

@@ -47,7 +47,9 @@ void Events::EndUpload(AERROR error, const std::string& path) {
 
 void Events::Failed(FS_EVENT operation, AERROR error, const std::string& path,
                     const std::string& origin) {
-  if (!MattersToPeople(error) || (error == DEVICE_NOT_READY && !reachable)) {
+  const bool is_upload = operation == FS_EVENT_CREATE_FILE;  // each failure of which is told
+  const bool is_told_already = error == DEVICE_NOT_READY && !reachable && !is_upload;
+  if (!MattersToPeople(error) || is_told_already) {
     return;
   }
   Log(LOGLEVEL_ERROR, "operation %d on %s failed: %d", static_cast<int>(operation), path.c_str(),

@@ -22,7 +22,8 @@ class Events {
   void EndUpload(AERROR error, const std::string& path);
   // Tells of a failed operation if it matters to people; `origin` is the place before a move.
   void Failed(FS_EVENT operation, AERROR error, const std::string& path, const std::string& origin);
-  // Tells of it once; while the remote cannot be reached, calls that fail for it are not told of.
+  // Tells of it once; while the remote cannot be reached, calls of programs that fail for it are
+  // not.
   void ReachabilityChanged(bool is_reachable);
   // Files wait on this machine for the drive to be mounted again.
   void LeftUnsent(const std::string& mount_point, size_t count);

@@ -75,8 +75,11 @@ TEST_P(ServerTest, SomebodyElsesChangeIsNotOverwritten) {
   EXPECT_TRUE(stored.empty() || stored == Version("/file")) << stored;
   std::string content;
   EXPECT_EQ(Get("/file", content, theirs.c_str()), SHARING_VIOLATION);
-  EXPECT_EQ(Get("/file", content, Version("/file").c_str()), SUCCESS);
+  const std::string mine = Version("/file");
+  const size_t logged = log.Text().size();
+  EXPECT_EQ(Get("/file", content, mine.c_str()), SUCCESS);
   EXPECT_EQ(content, "mine now");
+  EXPECT_THAT(log.Text().substr(logged), Not(HasSubstr("PROPFIND"))) << "one request is enough";
   for (const char* content_at_server : {"theirs once more", "theirs, the last time"}) {
     const std::string known = Version("/file");
     server.WriteFile("file", content_at_server);
@@ -111,8 +114,10 @@ TEST_P(ServerTest, MovesReplaceFilesAndEmptyFoldersOnly) {
   for (const char* path : {"/folder", "/empty", "/full", "/full/x"}) {
     ASSERT_EQ(protocol->CreateFolder(path), SUCCESS);
   }
+  const std::string version = Version("/a");
   EXPECT_EQ(protocol->Move("/a", "/b"), SUCCESS);
   EXPECT_EQ(server.ReadFile("b"), "content of a");
+  EXPECT_EQ(Version("/b"), version) << "a new name is no new content";
   EXPECT_EQ(protocol->Move("/b", "/folder/b"), SUCCESS);
   EXPECT_EQ(protocol->Move("/folder", "/full"), DIR_NOT_EMPTY);
   EXPECT_EQ(protocol->Move("/folder", "/empty"), SUCCESS);

@@ -56,7 +56,7 @@ TEST_F(DrivesE2eTest, TwoClientsUseTwoDrivesOfOneLabelAtOnce) {
         WaitUntil([&] { return ReadFile(other_backing / name) == std::string(5000, 'b'); }));
   }
   EXPECT_EQ(service.DriveProcesses().size(), 2U);
-  EXPECT_TRUE(fs::exists(home.DataFolder() / "_cache_/Same0"));
+  EXPECT_TRUE(fs::exists(home.Path() / "Library/Application Support/tarnsvc/_cache_/Same0"));
   EXPECT_EQ(Unmount(other_volume), 0);
   EXPECT_FALSE(fs::exists(other_volume));
   EXPECT_TRUE(IsTheOnlyDrive(volume));
@@ -77,7 +77,7 @@ TEST_F(DrivesE2eTest, AMountThatCannotBeTellsWhy) {
   EXPECT_EQ(Unmount(volume), 0);
   EXPECT_EQ(Unmount(volume), -1);
   EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
-  fs::remove(service.Program("tarnsvc"));
+  fs::remove(service.InBin("tarnsvc"));
   EXPECT_EQ(Mount(backing, volume, "L"), -6);
   const std::string log = ReadFile(home.LogFile());
   for (const char* message : {"mount:: failed to mount. label: L, pipe: /tmp/tarn_mount_0 [",
@@ -101,17 +101,21 @@ TEST_F(DrivesE2eTest, AModuleThatSupportsNothingOrHangsHarmsOnlyItsOwnDrive) {
             R"({"cmd":"result_credential","result":"id=x;ex_info=given;"})");
   EXPECT_EQ(Unmount(volume), 0);
 
-  const auto wait_in_connect = [&] {
+  const auto wait_in_connect = [&](const std::string& id) {
     client->Send(ConnectMessage("slow", volume, "Slow", "test"));
-    ASSERT_TRUE(WaitUntil([&] { return service.Output().ends_with("session->mount\r\n"); }));
+    ASSERT_TRUE(WaitUntil([&] {
+      const std::string output = service.Output();
+      return output.find("tarn_mount" + id) != std::string::npos &&
+             output.ends_with("session->mount\r\n");
+    }));
   };
-  wait_in_connect();
+  wait_in_connect("_1");
   const auto begin = std::chrono::steady_clock::now();
   ::kill(service.DriveProcesses().at(0), SIGKILL);
   EXPECT_EQ(client->Ask(R"({"cmd":"get_drive_list"})"), R"({"cmd":"result","error":-6})");
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
   EXPECT_TRUE(WaitUntil([&] { return !fs::exists("/tmp/tarn_mount_1_2_1"); }));
-  wait_in_connect();
+  wait_in_connect("_2");
   ExpectDriveEndsWithService(SIGKILL);
 }
 

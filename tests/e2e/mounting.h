@@ -10,7 +10,6 @@
 
 #include "common/posix.h"
 #include "tests/support/service/service_process.h"
-#include "tests/support/service/temp_home.h"
 #include "tests/support/service/test_client.h"
 #include "tests/support/service/wait.h"
 

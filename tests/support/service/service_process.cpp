@@ -1,17 +1,13 @@
 #include "tests/support/service/service_process.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <csignal>
-#include <fcntl.h>
+#include <cstdio>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <memory>
+#include <mntent.h>
+#include <sys/mount.h>
 
-#include "common/posix.h"
 #include "tarnctl/launch.h"
-#include "tests/support/service/run_program.h"
-#include "tests/support/service/wait.h"
 
 namespace tarn::test {
 
@@ -20,39 +16,50 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kTimeToStart{60};  // a sanitizer's build on a busy machine
-constexpr std::chrono::seconds kTimeToEnd{30};
-
-std::string FileContent(const fs::path& path) {
-  std::string content;  // a process may end while it is looked at: nothing then
-  return ReadFile(path, size_t{1} << 24, content) ? content : "";
-}
-
-// The parent of a process; 0 when there is no such process.
-pid_t ParentOf(pid_t process) {
-  const std::string status = FileContent("/proc/" + std::to_string(process) + "/stat");
-  const size_t name_end = status.rfind(')');  // a name may hold anything
-  if (name_end == std::string::npos || status.size() < name_end + 4 ||
-      status[name_end + 2] == 'Z') {
-    return 0;
-  }
-  return std::atoi(status.c_str() + name_end + 4);
-}
 
 }  // namespace
 
-bool IsAlive(pid_t process) {
-  return ParentOf(process) != 0;
-}
-
-std::vector<pid_t> ChildrenOf(pid_t parent) {
-  std::vector<pid_t> children;
-  for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
-    const pid_t process = std::atoi(entry.path().filename().c_str());
-    if (process > 0 && ParentOf(process) == parent) {
-      children.push_back(process);
+std::vector<fs::path> MountsBelow(const fs::path& folder) {
+  std::vector<fs::path> mounts;
+  const std::unique_ptr<FILE, decltype(&::endmntent)> table(::setmntent("/proc/self/mounts", "re"),
+                                                            &::endmntent);
+  mntent entry{};
+  char texts[8192];
+  while (table && ::getmntent_r(table.get(), &entry, texts, sizeof texts) != nullptr) {
+    const std::string mount_point = entry.mnt_dir;
+    if (mount_point == folder || mount_point.starts_with(folder.string() + "/")) {
+      mounts.insert(mounts.begin(), mount_point);
     }
   }
-  return children;
+  return mounts;
+}
+
+void Detach(const fs::path& mount_point) {
+  if (::umount2(mount_point.c_str(), MNT_DETACH) != 0) {
+    // Whether it is gone is seen in the table.
+    (void)Program({"fusermount3", "-u", "-z", mount_point}, "/", "/", "/dev/null").WaitForEnd();
+  }
+}
+
+TempHome::TempHome() {
+  (void)MakeFolder("Library/Application Support");
+  (void)MakeFolder("Library/Logs");
+}
+
+TempHome::~TempHome() {
+  for (const fs::path& mount_point : MountsBelow(Path())) {
+    ADD_FAILURE() << "still mounted: " << mount_point;
+    Detach(mount_point);
+  }
+}
+
+fs::path TempHome::LogFile() const {
+  return Path() / "Library/Logs/tarnsvc/tarnsvclog";
+}
+
+fs::path TempHome::MakeFolder(const std::string& name) const {
+  fs::create_directories(Path() / name);
+  return Path() / name;
 }
 
 ServiceProcess::ServiceProcess(const TempHome& service_home)
@@ -60,18 +67,20 @@ ServiceProcess::ServiceProcess(const TempHome& service_home)
   const fs::path build = TARN_BUILD_FOLDER;
   fs::create_directories(root / "bin");
   for (const char* name : {"tarnsvc", "tarnctl", "tarnapi.ini"}) {
-    fs::copy(build / "bin" / name, root / "bin" / name);
+    fs::copy(build / "bin" / name, InBin(name));
   }
   fs::copy(build / "Frameworks", ModuleFolder());
   installation = InstallationIn(root / "bin", home.Path());
 }
 
 ServiceProcess::~ServiceProcess() {
-  Stop();
+  if (program && program->IsRunning()) {
+    Stop();
+  }
   CheckOutput();
 }
 
-fs::path ServiceProcess::Program(const std::string& name) const {
+fs::path ServiceProcess::InBin(const std::string& name) const {
   return root / "bin" / name;
 }
 
@@ -81,52 +90,34 @@ fs::path ServiceProcess::ModuleFolder() const {
 
 bool ServiceProcess::Start(const std::string& mode) {
   fs::remove(installation.PortRecord());
-  const UniqueFd output = OpenFile(root / "output", O_WRONLY | O_CREAT | O_APPEND, 0600);
-  pid = Spawn({Program("tarnsvc"), mode}, home.Path(), root / "bin", output.get());
-  const bool answers =
-      WaitUntil([&] { return Answers() || ParentOf(pid) == 0; }, kTimeToStart) && Answers();
-  EXPECT_TRUE(answers) << "the service does not answer\n" << Output();
-  return answers;
-}
-
-bool ServiceProcess::Answers() const {
-  Client client;
-  return ConnectToService(installation, client, false, After(kTimeToStart));
+  program.emplace(std::vector<std::string>{InBin("tarnsvc"), mode}, home.Path(), root / "bin",
+                  root / "output");
+  const auto answers = [this] {
+    Client client;
+    return ConnectToService(installation, client, false, After(kTimeToStart));
+  };
+  const bool has_started =
+      WaitUntil([&] { return answers() || !IsAlive(Pid()); }, kTimeToStart) && answers();
+  EXPECT_TRUE(has_started) << "the service does not answer\n" << Output();
+  return has_started;
 }
 
 void ServiceProcess::Signal(int signal) const {
-  ASSERT_TRUE(IsRunning());
-  ASSERT_EQ(::kill(pid, signal), 0);
+  ASSERT_TRUE(program->IsRunning());
+  ASSERT_EQ(::kill(Pid(), signal), 0);
 }
 
 std::optional<int> ServiceProcess::WaitForEnd(std::chrono::milliseconds patience) {
-  int status = 0;
-  if (!IsRunning() ||
-      !WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, patience)) {
-    return std::nullopt;
-  }
-  pid = -1;
-  return status;
-}
-
-void ServiceProcess::Stop() {
-  if (!IsRunning()) {
-    return;
-  }
-  const std::vector<pid_t> drives = DriveProcesses();
-  (void)::kill(pid, SIGTERM);  // it may have ended by itself
-  if (!WaitForEnd(kTimeToEnd)) {
-    ADD_FAILURE() << "the service does not end";
-    (void)::kill(pid, SIGKILL);
-    (void)WaitForEnd(kTimeToEnd);
-  }
-  EndDriveProcesses(drives);
+  return program->WaitForEnd(patience);
 }
 
 // Drive processes end by themselves when the service has gone.
-void ServiceProcess::EndDriveProcesses(const std::vector<pid_t>& drives) const {
+void ServiceProcess::Stop() {
+  const std::vector<pid_t> drives = DriveProcesses();
+  Signal(SIGTERM);
+  EXPECT_TRUE(WaitForEnd()) << "the service does not end";
   for (const pid_t drive : drives) {
-    if (!WaitUntil([&] { return !IsAlive(drive); }, kTimeToEnd)) {
+    if (!WaitUntil([&] { return !IsAlive(drive); })) {
       ADD_FAILURE() << "drive process " << drive << " does not end";
       (void)::kill(drive, SIGKILL);
     }
@@ -134,11 +125,11 @@ void ServiceProcess::EndDriveProcesses(const std::vector<pid_t>& drives) const {
 }
 
 std::vector<pid_t> ServiceProcess::DriveProcesses() const {
-  return IsRunning() ? ChildrenOf(pid) : std::vector<pid_t>();
+  return program->IsRunning() ? ChildrenOf(Pid()) : std::vector<pid_t>();
 }
 
 std::string ServiceProcess::Output() const {
-  return FileContent(root / "output");
+  return program ? program->Output() : "";
 }
 
 void ServiceProcess::CheckOutput() const {

@@ -1,21 +1,46 @@
 #pragma once
 
-#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 #include "tarnctl/installation.h"
-#include "tests/support/service/temp_home.h"
+#include "tests/support/service/program.h"
+#include "tests/support/temp_folder.h"
 
 namespace tarn::test {
 
+// A home folder of the test's own, with the folders in it that the service expects. At the end it
+// goes with all that is in it; a volume that is still mounted below it is detached first and fails
+// the test.
+class TempHome {
+ public:
+  TempHome();
+  ~TempHome();
+  TempHome(const TempHome&) = delete;
+  TempHome& operator=(const TempHome&) = delete;
+
+  [[nodiscard]] std::filesystem::path Path() const { return folder.path(); }
+  [[nodiscard]] std::filesystem::path LogFile() const;  // of the service
+
+  // Makes a folder in the home. Returns its path.
+  [[nodiscard]] std::filesystem::path MakeFolder(const std::string& name) const;
+
+ private:
+  TempFolder folder;
+};
+
+// The mount points at or below a folder, the deepest first.
+[[nodiscard]] std::vector<std::filesystem::path> MountsBelow(const std::filesystem::path& folder);
+
+// Detaches a volume, even one that is in use or dead.
+void Detach(const std::filesystem::path& mount_point);
+
 // The real service in a temporary home: a copy of the executable with its INI file and its modules,
 // in a folder of its own, so that drive processes find what they need from the working directory.
-// The destructor ends the service and its drive processes by their ids, reaps it, and fails the
-// test for a process that does not end and for a sanitizer's report. One thread.
+// The destructor ends the service, reaps it, and fails the test when it or one of its drive
+// processes does not end, and for a sanitizer's report. One thread.
 class ServiceProcess {
  public:
   explicit ServiceProcess(const TempHome& service_home);
@@ -30,15 +55,12 @@ class ServiceProcess {
   // Sends a signal to the service alone.
   void Signal(int signal) const;
 
-  // Waits for the service's own end, and reaps it. Nothing: it has not ended in time.
-  [[nodiscard]] std::optional<int> WaitForEnd(std::chrono::milliseconds patience);
+  // As Program's.
+  [[nodiscard]] std::optional<int> WaitForEnd(std::chrono::milliseconds patience = kPatience);
 
-  // Ends the service with SIGTERM and waits for it and its drive processes.
-  void Stop();
-
-  [[nodiscard]] pid_t Pid() const { return pid; }
+  [[nodiscard]] pid_t Pid() const { return program->Pid(); }
   [[nodiscard]] int Port() const { return ReadPort(installation); }
-  [[nodiscard]] std::filesystem::path Program(const std::string& name) const;  // in bin
+  [[nodiscard]] std::filesystem::path InBin(const std::string& name) const;
   [[nodiscard]] std::filesystem::path ModuleFolder() const;
 
   // The drive processes that the service has now.
@@ -48,21 +70,13 @@ class ServiceProcess {
   [[nodiscard]] std::string Output() const;
 
  private:
-  [[nodiscard]] bool IsRunning() const { return pid > 0; }
-  [[nodiscard]] bool Answers() const;
-  void EndDriveProcesses(const std::vector<pid_t>& drives) const;
+  void Stop();
   void CheckOutput() const;
 
   const TempHome& home;
-  std::filesystem::path root;
+  const std::filesystem::path root;
   Installation installation;
-  pid_t pid = -1;
+  std::optional<Program> program;
 };
-
-// Not for one that has ended but was not reaped.
-[[nodiscard]] bool IsAlive(pid_t process);
-
-// Ids of the direct children of a process.
-[[nodiscard]] std::vector<pid_t> ChildrenOf(pid_t parent);
 
 }  // namespace tarn::test

@@ -85,16 +85,28 @@ bool SaysOtherwise(const Answer& answer, const std::string& replaces) {
          (replaces != kNothingThere && (answer.status == 404 || answer.status == 410));
 }
 
-// Has the server compare. Where it finds a difference, that is looked at once more, because servers
-// do not agree on when tags are equal.
-AERROR PutIfServerAgrees(const Transfer& transfer, const Header& condition,
+// Has the server compare, in one way after the other. Where it finds a difference, that is looked
+// at once more, because servers do not agree on when tags are equal.
+AERROR PutIfServerAgrees(const Transfer& transfer, const std::vector<Header>& conditions,
                          const std::string& replaces) {
-  const Answer answer = Put(transfer, {condition});
-  if (!SaysOtherwise(answer, replaces)) {
-    return ResultOf(transfer, answer);
+  for (const Header& condition : conditions) {
+    const Answer answer = Put(transfer, {condition});
+    if (!SaysOtherwise(answer, replaces)) {
+      return ResultOf(transfer, answer);
+    }
+    const AERROR error = CheckVersion(transfer, replaces);
+    if (error != SUCCESS) {
+      return error;
+    }
   }
-  const AERROR error = CheckVersion(transfer, replaces);
-  return error != SUCCESS ? error : ResultOf(transfer, Put(transfer, {}));
+  return ResultOf(transfer, Put(transfer, {}));
+}
+
+// If-Match never holds for a weak tag, which some servers give a file in its first second. WebDAV's
+// own condition does.
+std::vector<Header> ConditionsFor(const std::string& replaces) {
+  const std::string etag = QuotedEtag(replaces);
+  return {{"If-Match", etag}, {"If", "([" + etag + "])"}};
 }
 
 // The first upload of a drive that replaces a file carries a condition that does not hold. A server
@@ -107,14 +119,14 @@ AERROR ReplaceAndLearn(const Transfer& transfer, const std::string& replaces) {
     transfer.remote.SetMatch(Conditions::kIgnored);
   }
   return SaysOtherwise(answer, replaces)
-             ? PutIfServerAgrees(transfer, {"If-Match", QuotedEtag(replaces)}, replaces)
+             ? PutIfServerAgrees(transfer, ConditionsFor(replaces), replaces)
              : ResultOf(transfer, answer);
 }
 
 AERROR Replace(const Transfer& transfer, const std::string& replaces) {
   const Conditions match = transfer.remote.GetMatch();
   if (IsEtag(replaces) && match == Conditions::kHeeded) {
-    return PutIfServerAgrees(transfer, {"If-Match", QuotedEtag(replaces)}, replaces);
+    return PutIfServerAgrees(transfer, ConditionsFor(replaces), replaces);
   }
   const AERROR error = CheckVersion(transfer, replaces);
   if (error != SUCCESS) {
@@ -150,7 +162,7 @@ AERROR Create(const Transfer& transfer) {
       return error;
     }
   }
-  const AERROR error = PutIfServerAgrees(transfer, kOnlyIfNew, kNothingThere);
+  const AERROR error = PutIfServerAgrees(transfer, {kOnlyIfNew}, kNothingThere);
   if (error != SUCCESS || none_match != Conditions::kUnknown ||
       transfer.content.size > kMostBytesToLearnWith) {
     return error;

@@ -424,8 +424,8 @@ TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
     if (request.method != "PUT") {
       return Reply{.bytes = FileAnswer("/f", etag)};
     }
-    const bool is_conditional = !request.Header("If-Match").empty();
-    return Reply{.bytes = HttpAnswer(is_conditional ? 412 : 204)};
+    const bool holds = request.Header("If-Match").empty() && request.Header("If") == "([\"1\"])";
+    return Reply{.bytes = HttpAnswer(holds ? 204 : 412)};
   });
   EXPECT_EQ(Put("/f", "abc", "\"1\""), SUCCESS);
   EXPECT_EQ(server->Requests().back().body, "abc");

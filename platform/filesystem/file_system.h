@@ -124,8 +124,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int Create(Ino folder, const std::string& name, int flags, Stat& stat,
                            Opened& opened);
   [[nodiscard]] int Open(Ino ino, int flags, Opened& opened);
-  [[nodiscard]] int Read(std::uint64_t handle, std::uint64_t offset, void* buffer, size_t length,
-                         size_t& received);
+  // The content is that of all parts, one after the other.
+  [[nodiscard]] int Read(std::uint64_t handle, std::uint64_t offset, size_t length,
+                         std::vector<Bytes>& parts);
   // `from_mapping`: pages that the kernel writes back; the offset then holds for appenders too.
   [[nodiscard]] int Write(std::uint64_t handle, std::uint64_t offset, const void* data,
                           size_t length, bool from_mapping, size_t& written);
@@ -179,7 +180,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   static void Use(const Beginning& begun, OpenFile& file);
   std::shared_ptr<Reader> MakeReader(Ino ino, const Attributes& attributes, bool is_fresh);
   [[nodiscard]] bool ReadSmall(const std::string& path, const Attributes& expected,
-                               std::vector<char>& content, size_t& received) TARN_EXCLUDES(lock);
+                               const std::shared_ptr<Buffer>& content) TARN_EXCLUDES(lock);
   void FetchFileAhead(Ino folder, const std::string& name) TARN_EXCLUDES(lock);
   bool StartAhead(std::function<void(FileSystem&)> work) TARN_EXCLUDES(lock);
   [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino ino) const TARN_REQUIRES(lock);

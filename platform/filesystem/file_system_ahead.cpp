@@ -126,16 +126,16 @@ std::vector<std::string> FileSystem::NextSmall(const std::vector<Entry>& entries
 
 // The whole of a file; false when it is not, or may not be, the version that is expected.
 bool FileSystem::ReadSmall(const std::string& path, const Attributes& expected,
-                           std::vector<char>& content, size_t& received) {
+                           const std::shared_ptr<Buffer>& content) {
   const auto asked = Clock::now();
   Listings::Ticket ticket = 0;
   {
     const MutexLock guard(lock);
     ticket = listings.Begin();
   }
+  size_t received = 0;
   if (remote.ReadsVersions(expected.protocol)) {
-    if (remote.ReadVersion(expected, path, 0, content.data(), content.size(), received) !=
-            SUCCESS ||
+    if (remote.ReadVersion(expected, path, 0, content, received) != SUCCESS ||
         received != expected.size) {
       return false;
     }
@@ -143,8 +143,7 @@ bool FileSystem::ReadSmall(const std::string& path, const Attributes& expected,
     return listings.Add(ticket, path, &expected, asked);
   }
   Listings::Answer now;
-  return remote.Read(expected.protocol, path, 0, content.data(), content.size(), received) ==
-             SUCCESS &&
+  return remote.Read(expected.protocol, path, 0, content, received) == SUCCESS &&
          received == expected.size && Find(path, true, now) == 0 &&
          now.known == Listings::Known::kPresent && now.attributes.version == expected.version;
 }
@@ -165,9 +164,8 @@ void FileSystem::FetchFileAhead(Ino folder, const std::string& name) {
     }
   }
   const Attributes& expected = listed.attributes;
-  std::vector<char> content(expected.size + 1);  // more must not come
-  size_t received = 0;
-  if (!ReadSmall(*path, expected, content, received)) {
+  const auto content = Buffer::Make(expected.size + 1);  // more must not come
+  if (!content || !ReadSmall(*path, expected, content)) {
     return;
   }
   Ino ino = 0;
@@ -183,8 +181,9 @@ void FileSystem::FetchFileAhead(Ino folder, const std::string& name) {
   }
   {
     const Lent<ICache>::Lease cache(Bindings::Get().cache);
-    if (!cache || cache->WriteBlock(std::to_string(ino).c_str(), expected.version.c_str(), 0,
-                                    content.data(), static_cast<unsigned>(received)) != SUCCESS) {
+    if (!cache ||
+        cache->WriteBlock(std::to_string(ino).c_str(), expected.version.c_str(), 0, content->data(),
+                          static_cast<unsigned>(expected.size)) != SUCCESS) {
       return;
     }
   }

@@ -22,8 +22,8 @@ constexpr size_t kSmallFileBytes = Reader::kBlockBytes;
 
 }  // namespace
 
-// The content of a small file is asked for together with the open: one round trip instead of two.
-// Where what comes is known to be the version that the listing tells of, that answers for the open
+// The beginning of a file is asked for together with the open: one round trip instead of two. Where
+// all of it comes, known to be the version that the listing tells of, that answers for the open
 // too; else the remote is asked meanwhile.
 FileSystem::Beginning FileSystem::StartReading(Ino ino) {
   const auto asked = Clock::now();
@@ -36,13 +36,14 @@ FileSystem::Beginning FileSystem::StartReading(Ino ino) {
     listed = path ? listings.Find(*path, asked) : listed;
     ticket = listings.Begin();
     if (listed.known != Listings::Known::kPresent || listed.attributes.is_folder ||
-        listed.attributes.size == 0 || listed.attributes.size > kSmallFileBytes ||
-        FindOpenFile(ino) || kernel[ino].version == listed.attributes.version) {
+        listed.attributes.size == 0 || FindOpenFile(ino) ||
+        kernel[ino].version == listed.attributes.version) {
       return {};
     }
   }
   Beginning begun{MakeReader(ino, listed.attributes, true), listed.attributes};
-  if (!remote.ReadsVersions(listed.attributes.protocol)) {
+  if (listed.attributes.size > kSmallFileBytes ||
+      !remote.ReadsVersions(listed.attributes.protocol)) {
     begun.reader->Begin();
   } else if (begun.reader->FetchBeginning()) {
     const MutexLock guard(lock);
@@ -108,12 +109,13 @@ struct FileSystem::RemoteContent : ReadSource {
 
   bool ReadsOneVersion() const override { return reads_version; }
 
-  int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) override {
+  const Line& GetLine() const override { return files->remote.GetLine(); }
+
+  int Read(std::uint64_t offset, const std::shared_ptr<Buffer>& buffer, size_t& received) override {
     return WhereItIs([&](const std::string& path) {
       const AERROR error =
-          reads_version
-              ? files->remote.ReadVersion(attributes, path, offset, buffer, length, received)
-              : files->remote.Read(attributes.protocol, path, offset, buffer, length, received);
+          reads_version ? files->remote.ReadVersion(attributes, path, offset, buffer, received)
+                        : files->remote.Read(attributes.protocol, path, offset, buffer, received);
       if (ErrnoOf(error) == ENOENT || (reads_version && error == SHARING_VIOLATION)) {
         return ESTALE;
       }
@@ -162,6 +164,31 @@ struct FileSystem::RemoteContent : ReadSource {
   const bool reads_version;
 };
 
+namespace {
+
+int ReadParts(Reader& reader, std::uint64_t offset, size_t length, std::vector<Bytes>& parts) {
+  parts.clear();
+  for (size_t received = 0; received < length; received += parts.back().length) {
+    Bytes part;
+    const int error = reader.View(offset + received, length - received, part);
+    if (error != 0 || part.length == 0) {
+      return error;
+    }
+    parts.push_back(std::move(part));
+  }
+  return 0;
+}
+
+int ReadWork(const WorkFile& work, std::uint64_t offset, size_t length, std::vector<Bytes>& parts) {
+  const auto buffer = Buffer::Make(length);
+  size_t received = 0;
+  const int error = buffer ? work.Read(offset, buffer->data(), length, received) : ENOMEM;
+  parts.assign(1, Bytes{buffer, buffer ? buffer->data() : nullptr, received});
+  return error;
+}
+
+}  // namespace
+
 std::shared_ptr<Reader> FileSystem::MakeReader(Ino ino, const Attributes& attributes,
                                                bool is_fresh) {
   return std::make_shared<Reader>(
@@ -205,8 +232,8 @@ void FileSystem::Remember(Ino ino) {
   }
 }
 
-int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, void* buffer, size_t length,
-                     size_t& received) {
+int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, size_t length,
+                     std::vector<Bytes>& parts) {
   const auto open = GetHandle(handle);
   if (!open) {
     return EBADF;
@@ -222,13 +249,13 @@ int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, void* buffer, s
   }
   int error = 0;
   if (!work) {
-    error = ReaderFor(*open->file)->Read(offset, buffer, length, received);
+    error = ReadParts(*ReaderFor(*open->file), offset, length, parts);
     if (!find_work(work)) {
       return EIO;
     }
   }
   if (work) {  // perhaps made meanwhile, because the remote's content was about to go
-    error = work->Read(offset, buffer, length, received);
+    error = ReadWork(*work, offset, length, parts);
   }
   return error == ESTALE ? EIO : error;
 }

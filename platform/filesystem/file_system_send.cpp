@@ -183,15 +183,14 @@ bool FileSystem::IsAtRemote(const std::string& path, const Attributes& attribute
     return false;
   }
   std::vector<char> ours(std::min<std::uint64_t>(kCompareBytes, attributes.size));
-  std::vector<char> theirs(ours.size());
   for (std::uint64_t offset = 0; offset < attributes.size; offset += ours.size()) {
     const size_t length = std::min<std::uint64_t>(ours.size(), attributes.size - offset);
+    const auto theirs = Buffer::Make(length);
     size_t of_ours = 0;
     size_t of_theirs = 0;
     if (snapshot.content->Read(offset, ours.data(), length, of_ours) != 0 || of_ours != length ||
-        remote.Read(attributes.protocol, path, offset, theirs.data(), length, of_theirs) !=
-            SUCCESS ||
-        of_theirs != length || std::memcmp(ours.data(), theirs.data(), length) != 0) {
+        !theirs || remote.Read(attributes.protocol, path, offset, theirs, of_theirs) != SUCCESS ||
+        of_theirs != length || std::memcmp(ours.data(), theirs->data(), length) != 0) {
       return false;
     }
     ++progress;

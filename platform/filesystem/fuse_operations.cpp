@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
+#include <vector>
 
 #include "platform/filesystem/fuse_request.h"
 #include "platform/filesystem/names.h"
@@ -223,18 +225,19 @@ void Open(fuse_req_t request, fuse_ino_t ino, fuse_file_info* open) {
 
 void Read(fuse_req_t request, fuse_ino_t /*ino*/, size_t length, off_t offset,
           fuse_file_info* open) {
-  std::unique_ptr<char[]> buffer;
-  size_t received = 0;
+  std::vector<Bytes> parts;
   ServeWaiting(
       request,
       [&](FileSystem& files) {
-        buffer.reset(new char[length]);
-        return files.Read(open->fh, static_cast<std::uint64_t>(offset), buffer.get(), length,
-                          received);
+        return files.Read(open->fh, static_cast<std::uint64_t>(offset), length, parts);
       },
       [&](FileSystem&, int error) {
         if (error == 0) {
-          (void)fuse_reply_buf(request, buffer.get(), received);
+          std::vector<iovec> places;
+          for (const Bytes& part : parts) {  // only read from
+            places.push_back({const_cast<char*>(part.data), part.length});
+          }
+          (void)fuse_reply_iov(request, places.data(), static_cast<int>(places.size()));
         }
         return error;
       });

@@ -127,30 +127,24 @@ AERROR LimitedProtocol::Change(Paths paths, Operation operation) {
 }
 
 AERROR LimitedProtocol::Read(const std::string& path, const std::string* version,
-                             unsigned long long offset, void* buffer, size_t length,
+                             unsigned long long offset, const std::shared_ptr<Buffer>& buffer,
                              size_t& received) {
-  struct Content {
-    std::unique_ptr<char[]> bytes;
-    unsigned long long count = 0;
-  };
-  const auto content = std::make_shared<Content>();
-  content->bytes.reset(new char[length]);
+  const auto count = std::make_shared<unsigned long long>(0);
   const AERROR error = RunLimited(
-      [content, path, wanted = version != nullptr ? std::optional(*version) : std::nullopt, offset,
-       length](IProtocol_V2& called) {
-        char* const bytes = content->bytes.get();
-        return wanted ? called.ReadVersion(path.c_str(), wanted->c_str(), offset, bytes, length,
-                                           &content->count)
-                      : called.Read(path.c_str(), offset, bytes, length, &content->count);
+      [buffer, count, path, wanted = version != nullptr ? std::optional(*version) : std::nullopt,
+       offset](IProtocol_V2& called) {
+        return wanted
+                   ? called.ReadVersion(path.c_str(), wanted->c_str(), offset, buffer->data(),
+                                        buffer->size(), count.get())
+                   : called.Read(path.c_str(), offset, buffer->data(), buffer->size(), count.get());
       },
       [this](Clock::time_point begun) { return NextLook(begun, begun + limits.read); });
   received = 0;
-  if (error == SUCCESS && content->count > length) {
+  if (error == SUCCESS && *count > buffer->size()) {
     return FAILED;
   }
   if (error == SUCCESS) {
-    received = static_cast<size_t>(content->count);
-    std::memcpy(buffer, content->bytes.get(), received);
+    received = static_cast<size_t>(*count);
   }
   return error == PENDING ? DEVICE_NOT_READY : error;
 }

@@ -7,6 +7,7 @@
 
 #include "common/sync.h"
 #include "interfaces/iprotocol_v2.h"
+#include "platform/filesystem/buffer.h"
 #include "platform/filesystem/helper_threads.h"
 #include "platform/filesystem/limits.h"
 
@@ -37,9 +38,10 @@ class LimitedProtocol {
   // `operation` must share or own all it refers to. `paths`: what it changes.
   [[nodiscard]] AERROR Ask(Operation operation);
   [[nodiscard]] AERROR Change(std::vector<std::string> paths, Operation operation);
-  // `version`: the one that is wanted; null: whatever is there.
+  // Fills the buffer. `version`: the one that is wanted; null: whatever is there. After a failure
+  // the module may still write into the buffer.
   [[nodiscard]] AERROR Read(const std::string& path, const std::string* version,
-                            unsigned long long offset, void* buffer, size_t length,
+                            unsigned long long offset, const std::shared_ptr<Buffer>& buffer,
                             size_t& received);
   // The source and the progress are not called any more once this has returned.
   [[nodiscard]] AERROR Upload(const std::string& path, FS_SOURCE& source, unsigned long long size,

@@ -11,10 +11,8 @@ namespace tarn::fs {
 
 namespace {
 
-// The kernel's own requests come in any order within about as much.
-constexpr std::uint64_t kReorderedBytes = std::uint64_t{1} << 20;
-// Before this much was read on and on, a program may only want the beginning.
-constexpr std::uint64_t kBeginBytes = 2 * Reader::kBlockBytes;
+// Of all readers together. What is more goes as soon as the cache has it.
+constexpr size_t kMaxBufferBytes = 32 << 20;
 
 constexpr std::uint64_t BlockStart(std::uint64_t offset) {
   return offset - offset % Reader::kBlockBytes;
@@ -32,7 +30,7 @@ struct Reader::Task {
     {
       const MutexLock guard(reader.lock);
       if (self->piece->state != State::kWaiting) {
-        return;  // a program could not wait
+        return;  // a program could not wait, or nobody wants it any more
       }
       if (stopping != 0 || reader.stopped) {
         reader.RemovePiece(self->piece);
@@ -40,7 +38,7 @@ struct Reader::Task {
       }
       self->piece->state = State::kBusy;
     }
-    reader.Load(*self->piece);
+    reader.Load(self->piece);
   }
 };
 
@@ -70,34 +68,35 @@ void Reader::RemovePiece(const PiecePtr& piece) {
   }
 }
 
-size_t Reader::LengthFor(std::uint64_t offset) const {
-  const bool reads_on = offset == 0 || read_on >= kBeginBytes;
-  return reads_on ? kPieceBytes : kBlockBytes;
-}
-
-// Finds out whether the program reads on and on.
-void Reader::Note(std::uint64_t offset, size_t length) {
-  const bool follows = offset <= last_end + kReorderedBytes && offset + kReorderedBytes >= last_end;
-  if ((has_read && follows) || (!has_read && offset == 0)) {
-    read_on += length;
-    last_end = std::max(last_end, offset + length);
-  } else {
-    DropWaiting();
-    read_on = 0;
-    last_end = offset + length;
-  }
-  has_read = true;
-}
-
 void Reader::DropWaiting() {
-  std::erase_if(pieces, [](const auto& piece) { return piece.second->state == State::kWaiting; });
+  std::erase_if(pieces, [](const auto& entry) {
+    Piece& piece = *entry.second;
+    const bool drops = piece.state == State::kWaiting && !piece.is_spare;
+    piece.state = drops ? State::kDropped : piece.state;
+    return drops;
+  });
+}
+
+void Reader::LetGo(const PiecePtr& piece) {
+  const auto place = std::find(held.begin(), held.end(), piece);
+  if (place != held.end()) {
+    held_bytes -= piece->length;
+    held.erase(place);
+    RemovePiece(piece);
+  }
 }
 
 void Reader::Bound() {
-  while (held_bytes > kMaxHeldBytes && held.size() > 1) {
-    held_bytes -= held.front()->data.size();
-    RemovePiece(held.front());
-    held.pop_front();
+  while (held_bytes > kMaxAheadBytes && held.size() > 1) {
+    LetGo(held.front());
+  }
+}
+
+// The kernel keeps what it was given, and asks for each byte once.
+void Reader::Given(const PiecePtr& piece, size_t count) {
+  piece->given += count;
+  if (piece->given >= piece->length && piece->is_cached) {
+    LetGo(piece);
   }
 }
 
@@ -107,53 +106,54 @@ void Reader::Stop() {
   DropWaiting();
 }
 
-void Reader::Begin() {
+int Reader::View(std::uint64_t offset, size_t length, Bytes& part) {
+  part = {};
+  if (offset >= file.size || length == 0) {
+    return 0;
+  }
+  const std::uint64_t end = offset + std::min<std::uint64_t>(length, file.size - offset);
   PiecePtr piece;
+  bool is_random_miss = false;
   {
     const MutexLock guard(lock);
-    piece = AddPiece(0, kPieceBytes);
+    const bool reads_on = Note(offset, end - offset);
+    piece = FindPiece(offset);
+    if (!piece) {
+      is_random_miss = !reads_on;
+      piece = AddPiece(BlockStart(offset), LengthFor(BlockStart(offset)));
+    }
   }
-  (void)Push(piece, ASYNCQ_URGENT);  // without a queue the first read does it
-}
-
-bool Reader::FetchBeginning() {
-  PiecePtr piece;
-  {
-    const MutexLock guard(lock);
-    piece = AddPiece(0, kPieceBytes);
+  ReadAhead(end);
+  if (is_random_miss) {
+    ReadAround(offset);
   }
-  return Finish(piece) == 0 && piece->is_fetched;
+  const auto begun = Clock::now();
+  if (const int error = Finish(piece); error != 0) {
+    return error;
+  }
+  if (is_random_miss) {
+    LearnFrom(*piece, Clock::now() - begun);
+  }
+  const size_t skip = offset - piece->offset;
+  part = {.owner = piece->buffer,
+          .data = piece->buffer->data() + skip,
+          .length = std::min<std::uint64_t>(piece->length - skip, end - offset)};
+  const MutexLock guard(lock);
+  Given(piece, part.length);
+  return 0;
 }
 
 int Reader::Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) {
-  received = 0;
-  const std::uint64_t end =
-      std::min(file.size, offset + std::min<std::uint64_t>(length, file.size));
-  if (offset >= end) {
-    return 0;
-  }
-  {
-    const MutexLock guard(lock);
-    Note(offset, end - offset);
-  }
-  ReadAhead(end);
-  while (offset + received < end) {
-    const std::uint64_t at = offset + received;
-    PiecePtr piece;
-    {
-      const MutexLock guard(lock);
-      piece = FindPiece(at);
-      if (!piece) {
-        piece = AddPiece(BlockStart(at), LengthFor(BlockStart(at)));
-      }
-    }
-    if (const int error = Finish(piece); error != 0) {
+  for (received = 0; received < length;) {
+    Bytes part;
+    if (const int error = View(offset + received, length - received, part); error != 0) {
       return error;
     }
-    const size_t skip = at - piece->offset;
-    const size_t count = std::min<std::uint64_t>(piece->length - skip, end - at);
-    std::memcpy(static_cast<char*>(buffer) + received, piece->data.data() + skip, count);
-    received += count;
+    if (part.length == 0) {
+      break;
+    }
+    std::memcpy(static_cast<char*>(buffer) + received, part.data, part.length);
+    received += part.length;
   }
   return 0;
 }
@@ -169,40 +169,57 @@ int Reader::Finish(const PiecePtr& piece) {
     }
     piece->state = State::kBusy;
   }
-  Load(*piece);
+  Load(piece);
   const MutexLock guard(lock);
   return piece->error;
 }
 
-void Reader::Load(Piece& piece) {
-  bool is_first = false;
-  {
-    const MutexLock guard(lock);
-    is_first = file.is_fresh && !std::exchange(has_begun, true) && !source->ReadsOneVersion();
-    first_is_busy = first_is_busy || is_first;
+void Reader::Load(const PiecePtr& piece) {
+  const bool is_first = IsFirst();
+  Loaded(piece, is_first, LoadInto(*piece, is_first));
+  if (piece->is_fetched && piece->error == 0) {
+    KeepInCache(piece);  // after the program has it
   }
-  piece.data.resize(piece.length);
-  const bool is_cached = LoadFromCache(piece);
-  const int error = is_cached ? 0 : Fetch(piece, is_first);
+}
+
+bool Reader::IsFirst() {
   const MutexLock guard(lock);
-  piece.is_fetched = !is_cached;
+  const bool is_first =
+      file.is_fresh && !std::exchange(has_begun, true) && !source->ReadsOneVersion();
+  first_is_busy = first_is_busy || is_first;
+  return is_first;
+}
+
+// With the end of the file one byte more is asked for, which must not come.
+int Reader::LoadInto(Piece& piece, bool is_first) {
+  const bool is_last = piece.offset + piece.length == file.size;
+  piece.buffer = Buffer::Make(piece.length + (is_last ? 1 : 0));
+  if (!piece.buffer) {
+    return ENOMEM;
+  }
+  piece.is_cached = LoadFromCache(piece);
+  piece.is_fetched = !piece.is_cached;
+  return piece.is_cached ? 0 : Fetch(piece, is_first);
+}
+
+void Reader::Loaded(const PiecePtr& piece, bool is_first, int error) {
+  const MutexLock guard(lock);
   if (is_first) {
     first_is_busy = false;
   }
   has_changed = has_changed || error == ESTALE;
-  piece.error = error;
-  piece.state = State::kDone;
+  piece->error = error;
+  piece->state = State::kDone;
   done.notify_all();
-  const PiecePtr self = FindPiece(piece.offset);
-  if (self.get() != &piece) {
+  if (FindPiece(piece->offset) != piece) {
     return;  // dropped meanwhile; only those who wait for it have it
   }
   if (error != 0) {
-    RemovePiece(self);  // another read tries again
+    RemovePiece(piece);  // another read tries again
     return;
   }
-  held_bytes += piece.data.size();
-  held.push_back(self);
+  held_bytes += piece->length;
+  held.push_back(piece);
   Bound();
 }
 
@@ -213,7 +230,7 @@ bool Reader::LoadFromCache(Piece& piece) {
     unsigned length = 0;
     const Lent<ICache>::Lease cache(Bindings::Get().cache);
     if (!cache ||
-        cache->ReadBlock(file.key.c_str(), file.version.c_str(), block, piece.data.data() + at,
+        cache->ReadBlock(file.key.c_str(), file.version.c_str(), block, piece.buffer->data() + at,
                          static_cast<unsigned>(wanted), &length) != SUCCESS ||
         length != wanted) {
       return false;
@@ -222,15 +239,25 @@ bool Reader::LoadFromCache(Piece& piece) {
   return true;
 }
 
-void Reader::KeepInCache(const Piece& piece) {
-  for (size_t at = 0; at < piece.length; at += kBlockBytes) {
-    const size_t length = std::min(kBlockBytes, piece.length - at);
-    const std::uint64_t block = (piece.offset + at) / kBlockBytes;
+void Reader::KeepInCache(const PiecePtr& piece) {
+  for (size_t at = 0; at < piece->length; at += kBlockBytes) {
+    const size_t length = std::min(kBlockBytes, piece->length - at);
+    const std::uint64_t block = (piece->offset + at) / kBlockBytes;
     const Lent<ICache>::Lease cache(Bindings::Get().cache);
-    if (cache) {
-      (void)cache->WriteBlock(file.key.c_str(), file.version.c_str(), block, piece.data.data() + at,
-                              static_cast<unsigned>(length));  // it holds less, then
+    if (!cache ||
+        cache->WriteBlock(file.key.c_str(), file.version.c_str(), block, piece->buffer->data() + at,
+                          static_cast<unsigned>(length)) != SUCCESS) {
+      return;
     }
+  }
+  const MutexLock guard(lock);
+  piece->is_cached = true;
+  in_cache.resize((file.size + kBlockBytes - 1) / kBlockBytes);
+  for (size_t at = 0; at < piece->length; at += kBlockBytes) {
+    in_cache[(piece->offset + at) / kBlockBytes] = true;
+  }
+  if (piece->is_spare || piece->given >= piece->length || Buffer::Total() > kMaxBufferBytes) {
+    LetGo(piece);
   }
 }
 
@@ -243,9 +270,7 @@ int Reader::Fetch(Piece& piece, bool is_first) {
   if (error == 0 && !is_whole && !is_first && !source->ReadsOneVersion()) {
     error = ConfirmAfterFirst();
   }
-  if (error == 0) {
-    KeepInCache(piece);
-  } else if (error == ESTALE) {
+  if (error == ESTALE) {
     const Lent<ICache>::Lease cache(Bindings::Get().cache);
     if (cache) {
       cache->Drop(file.key.c_str());
@@ -254,13 +279,9 @@ int Reader::Fetch(Piece& piece, bool is_first) {
   return error;
 }
 
-// With the end of the file one byte more is asked for, which must not come.
 int Reader::ReadSourceFor(Piece& piece) {
-  const bool is_last = piece.offset + piece.length == file.size;
-  piece.data.resize(piece.length + (is_last ? 1 : 0));
   size_t received = 0;
-  const int error = source->Read(piece.offset, piece.data.data(), piece.data.size(), received);
-  piece.data.resize(piece.length);
+  const int error = source->Read(piece.offset, piece.buffer, received);
   return error == 0 && received != piece.length ? ESTALE : error;
 }
 
@@ -280,42 +301,20 @@ bool Reader::HasChanged() {
   return has_changed;
 }
 
-void Reader::ReadAhead(std::uint64_t end) {
-  for (;;) {
-    PiecePtr piece;
-    {
-      const MutexLock guard(lock);
-      if (stopped || has_changed || read_on < kBeginBytes) {
-        return;
-      }
-      const std::uint64_t limit = std::min({file.size, end + 2 * read_on, end + kMaxAheadBytes});
-      std::uint64_t next = BlockStart(end + kBlockBytes - 1);
-      for (PiecePtr known = FindPiece(next); known && next < limit; known = FindPiece(next)) {
-        next = known->offset + known->length;
-      }
-      if (next >= limit) {
-        return;
-      }
-      piece = AddPiece(next, kPieceBytes);
-    }
-    if (!Push(piece, ASYNCQ_BACKGROUND)) {
-      const MutexLock guard(lock);
-      if (piece->state == State::kWaiting) {
-        RemovePiece(piece);  // without a queue nothing is fetched ahead
-      }
-      return;
-    }
-  }
-}
-
 bool Reader::Push(const PiecePtr& piece, ASYNCQ_LANE lane) {
   auto task = std::make_unique<Task>(Task{shared_from_this(), piece});
-  const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
-  if (!queue || queue->Push(&Task::Run, task.get(), lane) != SUCCESS) {
-    return false;
+  {
+    const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
+    if (queue && queue->Push(&Task::Run, task.get(), lane) == SUCCESS) {
+      (void)task.release();  // the queue's now
+      return true;
+    }
   }
-  (void)task.release();  // the queue's now
-  return true;
+  const MutexLock guard(lock);
+  if (piece->state == State::kWaiting) {
+    RemovePiece(piece);  // without a queue nothing is fetched ahead
+  }
+  return false;
 }
 
 }  // namespace tarn::fs

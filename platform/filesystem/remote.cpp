@@ -116,9 +116,21 @@ std::shared_ptr<IProtocol_V2> Remote::At(int index) const {
   return exists ? protocols[static_cast<size_t>(index)]->Get() : nullptr;
 }
 
+template <typename Operation>
+AERROR Remote::RunRead(int index, size_t& received, Operation operation) {
+  received = 0;
+  const Line::Transfer transfer = line.Begin();
+  const AERROR error = Run(index, operation);
+  if (error == SUCCESS) {
+    line.End(transfer, received);
+  }
+  return error;
+}
+
 AERROR Remote::InfoFrom(int index, const std::string& path, Attributes& attributes) {
   const auto info = std::make_shared<FS_INFO>();
-  const AERROR error = Run(index, [&](LimitedProtocol& protocol) {
+  size_t no_content = 0;
+  const AERROR error = RunRead(index, no_content, [&](LimitedProtocol& protocol) {
     return protocol.Ask(
         [info, path](IProtocol_V2& called) { return called.GetInfo(path.c_str(), info.get()); });
   });
@@ -173,11 +185,10 @@ AERROR Remote::List(const std::string& path, std::vector<Entry>& entries) {
   return result;
 }
 
-AERROR Remote::Read(int protocol, const std::string& path, unsigned long long offset, void* buffer,
-                    size_t length, size_t& received) {
-  received = 0;
-  return Run(protocol, [&](LimitedProtocol& remote) {
-    return remote.Read(path, nullptr, offset, buffer, length, received);
+AERROR Remote::Read(int protocol, const std::string& path, unsigned long long offset,
+                    const std::shared_ptr<Buffer>& buffer, size_t& received) {
+  return RunRead(protocol, received, [&](LimitedProtocol& remote) {
+    return remote.Read(path, nullptr, offset, buffer, received);
   });
 }
 
@@ -186,11 +197,10 @@ bool Remote::ReadsVersions(int protocol) const {
 }
 
 AERROR Remote::ReadVersion(const Attributes& file, const std::string& path,
-                           unsigned long long offset, void* buffer, size_t length,
+                           unsigned long long offset, const std::shared_ptr<Buffer>& buffer,
                            size_t& received) {
-  received = 0;
-  return Run(file.protocol, [&](LimitedProtocol& remote) {
-    return remote.Read(path, &file.version, offset, buffer, length, received);
+  return RunRead(file.protocol, received, [&](LimitedProtocol& remote) {
+    return remote.Read(path, &file.version, offset, buffer, received);
   });
 }
 

@@ -10,6 +10,7 @@
 #include "interfaces/iprotocol_v2.h"
 #include "platform/filesystem/attributes.h"
 #include "platform/filesystem/limited_protocol.h"
+#include "platform/filesystem/line.h"
 
 namespace tarn::fs {
 
@@ -37,14 +38,15 @@ class Remote {
 
   [[nodiscard]] AERROR List(const std::string& path, std::vector<Entry>& entries);
   [[nodiscard]] AERROR GetInfo(const std::string& path, Attributes& attributes);
-  // `protocol` is Attributes::protocol. Fewer bytes than asked for only at the end of the file.
+  // Fills the buffer; with fewer bytes than it has only at the end of the file. After a failure the
+  // buffer may still be written to. `protocol` is Attributes::protocol.
   [[nodiscard]] AERROR Read(int protocol, const std::string& path, unsigned long long offset,
-                            void* buffer, size_t length, size_t& received);
+                            const std::shared_ptr<Buffer>& buffer, size_t& received);
   // Whether ReadVersion can be used. At once.
   [[nodiscard]] bool ReadsVersions(int protocol) const;
   // As Read, of a file as it was at this version; SHARING_VIOLATION when it is another by now.
   [[nodiscard]] AERROR ReadVersion(const Attributes& file, const std::string& path,
-                                   unsigned long long offset, void* buffer, size_t length,
+                                   unsigned long long offset, const std::shared_ptr<Buffer>& buffer,
                                    size_t& received);
   // Replaces the file where it is, else makes it where its folder is; `protocol` says where.
   [[nodiscard]] AERROR Upload(const std::string& path, FS_SOURCE& source, unsigned long long size,
@@ -65,6 +67,8 @@ class Remote {
   [[nodiscard]] bool IsReachable() const { return unreachable_protocols == 0; }
   [[nodiscard]] std::optional<std::chrono::system_clock::time_point> UnreachableSince() const;
 
+  [[nodiscard]] const Line& GetLine() const { return line; }  // as all calls have found it
+
   void Cancel();  // makes what runs fail soon
   // Cancels what runs, refuses what comes; nobody waits any more, and the listener is not told.
   void Stop();
@@ -80,6 +84,9 @@ class Remote {
   [[nodiscard]] bool Can(int protocol, FS_CAPABILITY capability) const;
   [[nodiscard]] Protocols GetProtocols() const;
   void Told(bool is_reachable);
+  // Runs something that content comes from, and notes how quickly it came.
+  template <typename Operation>
+  AERROR RunRead(int index, size_t& received, Operation operation);
   AERROR InfoFrom(int index, const std::string& path, Attributes& attributes);
   AERROR ListFrom(int index, const std::string& path, std::vector<Entry>& entries);
   // The first protocol that holds `path` as a folder.
@@ -87,6 +94,7 @@ class Remote {
   AERROR FindPlaceFor(const std::string& path, int& protocol);
 
   const Limits limits;
+  Line line;
   const Reachability::Listener listener;
   std::atomic<int> unreachable_protocols = 0;
   Mutex telling;  // keeps the order of what the listener is told; comes before its locks

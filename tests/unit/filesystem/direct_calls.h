@@ -46,10 +46,12 @@ class DirectCalls : public Calls {
   }
   int Sync(int file) override { return files.Sync(opened.at(file).handle); }
   int Read(int file, std::uint64_t offset, size_t length, std::string& content) override {
-    content.resize(length);
-    size_t received = 0;
-    const int error = files.Read(opened.at(file).handle, offset, content.data(), length, received);
-    content.resize(received);
+    std::vector<fs::Bytes> parts;
+    const int error = files.Read(opened.at(file).handle, offset, length, parts);
+    content.clear();
+    for (const fs::Bytes& part : parts) {
+      content.append(part.data, part.length);
+    }
     return error;
   }
   int Write(int file, std::uint64_t offset, const std::string& content) override {

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/filesystem/bindings.h"
+#include "platform/filesystem/line.h"
 #include "platform/filesystem/listings.h"
 #include "platform/filesystem/names.h"
 #include "platform/filesystem/nodes.h"
@@ -12,6 +13,26 @@
 
 namespace tarn::fs {
 namespace {
+
+TEST(LineTest, TellsTheRoundTripFromSmallAnswersAndTheSpeedFromLargeOnes) {
+  using std::chrono::milliseconds;
+  constexpr size_t kMiB = size_t{1} << 20;
+  const auto ago = [](int time) { return Clock::now() - milliseconds(time); };
+  Line line;
+  EXPECT_EQ(line.RoundTrip(), Clock::duration::zero());
+  EXPECT_GT(line.BytesIn(milliseconds(1)), 1000 * kMiB) << "nothing is known yet";
+  line.End({ago(20), 0}, 100);
+  line.End({ago(90), 0}, 100);
+  EXPECT_GE(line.RoundTrip(), milliseconds(20));
+  EXPECT_LT(line.RoundTrip(), milliseconds(30)) << "one slow answer is no longer way";
+  line.End({ago(1020), 0}, 10 * kMiB);
+  EXPECT_LE(line.BytesIn(milliseconds(1000)), 11 * kMiB);
+  EXPECT_GE(line.BytesIn(milliseconds(1000)), 5 * kMiB);
+  for (size_t i = 0; i < 20; ++i) {
+    line.End({ago(10'020), (10 + i) * kMiB}, kMiB);
+  }
+  EXPECT_LT(line.BytesIn(milliseconds(1000)), kMiB) << "it has become slower";
+}
 
 TEST(NamesTest, OnlyNamesThatStayInTheirFolderAreValid) {
   for (const std::string& name :

@@ -27,7 +27,8 @@ class FakeSource : public ReadSource {
  public:
   explicit FakeSource(std::string text) : content(std::move(text)), at_open(content) {}
 
-  int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) override {
+  int Read(std::uint64_t offset, const std::shared_ptr<Buffer>& buffer, size_t& received) override {
+    const size_t length = buffer->size();
     const MutexLock guard(lock);
     ++reads;
     bytes += length;
@@ -38,9 +39,10 @@ class FakeSource : public ReadSource {
       return ESTALE;
     }
     received = offset >= content.size() ? 0 : std::min<size_t>(length, content.size() - offset);
-    std::memcpy(buffer, content.data() + offset, received);
+    std::memcpy(buffer->data(), content.data() + offset, received);
     return 0;
   }
+  const Line& GetLine() const override { return line; }
   bool ReadsOneVersion() const override { return one_version; }
   int Confirm() override {
     const MutexLock guard(lock);
@@ -52,6 +54,7 @@ class FakeSource : public ReadSource {
     content = std::move(text);
   }
 
+  Line line;
   std::atomic<int> reads = 0;
   std::atomic<int> confirms = 0;
   std::atomic<size_t> bytes = 0;
@@ -110,6 +113,28 @@ TEST_F(ReaderTest, ARandomReadFetchesOneBlockAndNothingAhead) {
   EXPECT_EQ(source->reads, 3) << "it is still there";
 }
 
+TEST_F(ReaderTest, RandomReadsBringTheWholeFileOnlyWhereThatDelaysNobody) {
+  test::LentLibraries libraries(64 << 20);
+  const auto read_at_random = [&](Clock::duration round_trip) {
+    source = std::make_shared<FakeSource>(content);
+    source->line.End({Clock::now() - round_trip, 0}, 0);
+    libraries.cache->Drop("key");
+    const auto reader = Open();
+    for (std::uint64_t i = 1; i < 40; ++i) {
+      const std::uint64_t offset = i * 5'566'771 % content.size();
+      EXPECT_TRUE(Read(*reader, offset, 1) == content.substr(offset, 1));
+      libraries.WaitIdle();
+    }
+  };
+  read_at_random(std::chrono::minutes(1));  // beside which any read is quick
+  EXPECT_GE(source->bytes, content.size() / 2);
+  EXPECT_LE(source->bytes, content.size() + 1) << "nothing twice";
+  EXPECT_LT(source->reads, 30) << "windows grow";
+  read_at_random(std::chrono::nanoseconds(1));
+  EXPECT_GE(source->reads, 30);
+  EXPECT_LE(source->bytes, 39 * kBlock + 1);
+}
+
 TEST_F(ReaderTest, AChangedFileGivesAnErrorAndNeverAMixture) {
   const auto reader = Open();
   const std::string first = Read(*reader, 3'000'000, 4096);
@@ -121,7 +146,7 @@ TEST_F(ReaderTest, AChangedFileGivesAnErrorAndNeverAMixture) {
   EXPECT_TRUE(reader->HasChanged());
 
   source->Change(content.substr(0, 1'000'000));
-  (void)Read(*Open(), 0, 4096, ESTALE);
+  (void)Read(*Open(), 950'000, 4096, ESTALE);
   (void)Read(*Open("v1", false), 8'990'000, 4096, ESTALE);
   source->Change(content + "more");
   (void)Read(*Open(), content.size() - 100, 100, ESTALE);

@@ -22,6 +22,7 @@ FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
     : remote(limits, [this](bool is_reachable) { ReachabilityChanged(is_reachable); }),
       mounted_at(Now()),
       time_out(attribute_time_out),
+      suspension(limits.asleep),
       listings(attribute_time_out),
       space(kUnknownSpace) {}
 
@@ -68,6 +69,13 @@ std::optional<PathLocks::Hold> FileSystem::HoldPlaces(const std::vector<Place>& 
       return hold;
     }
     paths = std::move(paths_now);  // renamed while this waited
+  }
+}
+
+void FileSystem::NoticeResume() {
+  if (suspension.HasResumed()) {
+    const MutexLock guard(lock);
+    listings.Expire();
   }
 }
 

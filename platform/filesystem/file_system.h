@@ -80,6 +80,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] Remote& GetRemote() { return remote; }
   [[nodiscard]] Events& GetEvents() { return events; }
 
+  // Whatever is known is asked anew after the machine has slept. To be called for every request.
+  void NoticeResume() TARN_EXCLUDES(lock);
+
   // Names. For ENOENT, Lookup says in `valid_for` how long that holds. Lookup, Create, MakeFolder
   // and LookUpEntry count one lookup, which Forget takes back.
   [[nodiscard]] int Lookup(Ino folder, const std::string& name, Stat& stat);
@@ -297,6 +300,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   PathLocks changes;
   const FS_TIME mounted_at;
   const Clock::duration time_out;
+  Suspension suspension;
   std::atomic<std::uint64_t> progress = 0;  // grows while an upload moves
   std::unique_ptr<Journal> journal;         // set once, before the first use
 

@@ -23,6 +23,7 @@ inline FileSystem& Files(fuse_req_t request) {
 template <typename Work>
 int Try(FileSystem& files, Work work) {
   try {
+    files.NoticeResume();
     return work(files);
   } catch (const std::bad_alloc&) {
     return ENOMEM;

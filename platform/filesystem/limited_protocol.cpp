@@ -32,6 +32,7 @@ LimitedProtocol::LimitedProtocol(std::shared_ptr<IProtocol_V2> limited, const Li
       listener(std::move(told)),
       helpers(std::make_shared<HelperThreads>(kMaxThreads)),
       askers(std::make_shared<HelperThreads>(static_cast<int>(kMaxLeftProbes) + 3)),
+      suspension(times.asleep),
       reachability(
           times.pauses, [this] { return Probe(); }, [this](bool is_up) { Changed(is_up); }) {
   (void)Ask([](IProtocol_V2&) { return SUCCESS; });  // brings the capabilities
@@ -41,7 +42,15 @@ LimitedProtocol::~LimitedProtocol() {
   Close();
 }
 
+void LimitedProtocol::NoticeResume() {
+  if (suspension.HasResumed()) {
+    ++resumes;
+    Cancel();
+  }
+}
+
 Clock::time_point LimitedProtocol::NextLook(Clock::time_point begun, Clock::time_point deadline) {
+  NoticeResume();
   const auto now = Clock::now();
   if (!reachability.IsReachable() || now >= deadline) {
     return kNoLonger;
@@ -85,11 +94,20 @@ AERROR LimitedProtocol::RunLimited(Operation operation, const Patience& patience
   return error;
 }
 
-AERROR LimitedProtocol::Ask(Operation operation) {
-  const AERROR error = RunLimited(std::move(operation), [this](Clock::time_point begun) {
+AERROR LimitedProtocol::RunReading(const Operation& operation, const Patience& patience) {
+  NoticeResume();
+  const int resumes_before = resumes;
+  AERROR error = RunLimited(operation, patience);
+  if (IsCancelled(error) && resumes != resumes_before) {
+    error = RunLimited(operation, patience);
+  }
+  return error == PENDING ? DEVICE_NOT_READY : error;
+}
+
+AERROR LimitedProtocol::Ask(const Operation& operation) {
+  return RunReading(operation, [this](Clock::time_point begun) {
     return NextLook(begun, begun + limits.metadata);
   });
-  return error == PENDING ? DEVICE_NOT_READY : error;
 }
 
 bool LimitedProtocol::MeetsOneLeftBehind(const Paths& paths) {
@@ -104,6 +122,7 @@ bool LimitedProtocol::MeetsOneLeftBehind(const Paths& paths) {
 }
 
 AERROR LimitedProtocol::RunChange(Paths paths, Operation operation, const Patience& patience) {
+  NoticeResume();
   if (MeetsOneLeftBehind(paths)) {
     return DEVICE_NOT_READY;
   }
@@ -130,7 +149,7 @@ AERROR LimitedProtocol::Read(const std::string& path, const std::string* version
                              unsigned long long offset, const std::shared_ptr<Buffer>& buffer,
                              size_t& received) {
   const auto count = std::make_shared<unsigned long long>(0);
-  const AERROR error = RunLimited(
+  const AERROR error = RunReading(
       [buffer, count, path, wanted = version != nullptr ? std::optional(*version) : std::nullopt,
        offset](IProtocol_V2& called) {
         return wanted
@@ -146,7 +165,7 @@ AERROR LimitedProtocol::Read(const std::string& path, const std::string* version
   if (error == SUCCESS) {
     received = static_cast<size_t>(*count);
   }
-  return error == PENDING ? DEVICE_NOT_READY : error;
+  return error;
 }
 
 // Stands between a module and the source, which may go while the module still works.

@@ -21,6 +21,9 @@ namespace tarn::fs {
 // so that nobody needs to wait for its end. A change that was left behind may still happen: until
 // it has ended, no other change of what it concerns begins.
 //
+// After the machine has slept, connections are dead, though nobody has told: calls that run are
+// made to fail soon, and those that only read begin again.
+//
 // Owns:    its share of the protocol, the helper threads, the thread that probes.
 // Threads: any. The listener is called as Reachability says.
 // Errors:  AERROR; DEVICE_NOT_READY for what did not come back, was not begun, and after Close.
@@ -36,7 +39,7 @@ class LimitedProtocol {
   LimitedProtocol& operator=(const LimitedProtocol&) = delete;
 
   // `operation` must share or own all it refers to. `paths`: what it changes.
-  [[nodiscard]] AERROR Ask(Operation operation);
+  [[nodiscard]] AERROR Ask(const Operation& operation);
   [[nodiscard]] AERROR Change(std::vector<std::string> paths, Operation operation);
   // Fills the buffer. `version`: the one that is wanted; null: whatever is there. After a failure
   // the module may still write into the buffer.
@@ -69,11 +72,13 @@ class LimitedProtocol {
   // These answer PENDING for a call that was left behind. The second refuses what has no chance.
   [[nodiscard]] AERROR Run(HelperThreads& threads, Operation operation, const Patience& patience);
   [[nodiscard]] AERROR RunLimited(Operation operation, const Patience& patience);
+  [[nodiscard]] AERROR RunReading(const Operation& operation, const Patience& patience);
   [[nodiscard]] AERROR RunChange(Paths paths, Operation operation, const Patience& patience);
   // The time of the next look at a call that is given up at `deadline` at the latest.
   [[nodiscard]] Clock::time_point NextLook(Clock::time_point begun, Clock::time_point deadline);
   [[nodiscard]] bool Probe();
   void Changed(bool is_reachable);
+  void NoticeResume();
   void Note(AERROR error);
   [[nodiscard]] bool MeetsOneLeftBehind(const Paths& paths) TARN_EXCLUDES(lock);
 
@@ -85,6 +90,8 @@ class LimitedProtocol {
   const std::shared_ptr<std::atomic<unsigned long long>> capabilities =
       std::make_shared<std::atomic<unsigned long long>>(0);
   std::atomic<bool> closed = false;
+  Suspension suspension;
+  std::atomic<int> resumes = 0;
 
   Mutex lock;
   std::vector<std::weak_ptr<const Paths>> left_changes TARN_GUARDED_BY(lock);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/filesystem/reachability.h"
+#include "platform/filesystem/suspension.h"
 
 namespace tarn::fs {
 
@@ -19,6 +20,7 @@ struct Limits {
   Time close{15'000};         // for all its calls to end then, before the drive lets go of it
   Time signal_grace{1000};    // for a call that a signal may end: many programs handle signals
   Reachability::Pauses pauses{};
+  Suspension::Source asleep = &TimeAsleep;
 };
 
 }  // namespace tarn::fs

@@ -7,6 +7,7 @@
 #include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
+#include <thread>
 
 #include "platform/filesystem/reachability.h"
 #include "platform/filesystem/remote.h"
@@ -69,6 +70,9 @@ TEST(ReachabilityTest, OnlyARemoteThatAnswersNothingAtAllBecomesUnreachable) {
   reachability.Stop();
   EXPECT_EQ(told, (std::vector<bool>{false, true}));
 }
+
+// Instead of the machine's own sleep.
+std::atomic<std::chrono::nanoseconds> asleep = {};
 
 class LimitsTest : public testing::Test {
  protected:
@@ -174,6 +178,39 @@ TEST_F(LimitsTest, AChangeLeftBehindKeepsOthersFromItsPlaceUntilItHasEnded) {
   protocol.SetHanging(false);
   EXPECT_TRUE(WaitUntil([&] { return remote.Close(); }));
   EXPECT_EQ(protocol.Paths(), std::vector<std::string>{"/folder"}) << "it happened after all";
+}
+
+TEST_F(LimitsTest, AfterTheMachineHasSleptNothingIsBelievedAndReadingBeginsAnew) {
+  fs::Limits limits = ShortLimits();
+  limits.read = milliseconds(60'000);
+  limits.asleep = [] { return asleep.load(); };
+  const auto sleeper = std::make_shared<fs::FileSystem>(std::chrono::hours(1), limits);
+  sleeper->AddProtocol(shared);
+  DirectCalls calls(*sleeper);
+  protocol.Write("/file", "old");
+  EXPECT_EQ(calls.Content("/file"), "old");
+  protocol.Write("/file", "newer");
+  std::uint64_t size = 0;
+  sleeper->NoticeResume();
+  EXPECT_EQ(calls.GetSize("/file", size), 0);
+  EXPECT_EQ(size, 3U);
+  asleep = std::chrono::hours(1);
+  sleeper->NoticeResume();
+  EXPECT_EQ(calls.GetSize("/file", size), 0);
+  EXPECT_EQ(size, 5U);
+
+  protocol.latency_ms = 3'600'000;
+  const int reads = protocol.reads;
+  const auto buffer = fs::Buffer::Make(10);
+  AERROR error = FAILED;
+  size_t received = 0;
+  std::thread program([&] { error = sleeper->GetRemote().Read(0, "/file", 0, buffer, received); });
+  EXPECT_TRUE(WaitUntil([&] { return protocol.reads > reads; }));
+  protocol.latency_ms = 0;
+  asleep = std::chrono::hours(2);
+  program.join();
+  EXPECT_EQ(error, SUCCESS);
+  EXPECT_EQ(std::string(buffer->data(), received), "newer");
 }
 
 // A mounted volume with limits of the test's choice.

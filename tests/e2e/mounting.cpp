@@ -39,9 +39,10 @@ void MountingTest::PutTreeThrough(const std::function<int()>& mount, const fs::p
     fs::create_directories((volume / name).parent_path());
     WriteFile(volume / name, content);
   }
-  for (const auto& [name, content] : files) {
+  for (const auto& file : files) {
+    const auto& [name, content] = file;
     EXPECT_TRUE(ReadFile(volume / name) == content) << name;
-    EXPECT_TRUE(ReadFile(remote / name) == content) << name;
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(remote / name) == content; })) << name;
   }
   fs::rename(volume / "with space", volume / "moved");
   EXPECT_EQ(ReadFile(volume / "moved/and another/a file.txt"), "deep");

@@ -73,7 +73,7 @@ std::string Program::Output() const {
 
 std::string FileContent(const std::filesystem::path& path) {
   std::string content;
-  return ReadFile(path, size_t{1} << 24, content) ? content : "";
+  return ReadFile(path, size_t{1} << 30, content) ? content : "";
 }
 
 bool IsAlive(pid_t process) {

@@ -1,11 +1,15 @@
 #include "common/utils.h"
 
 #include <cwchar>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
 #include <vector>
+
+#include "common/posix.h"
 
 namespace {
 
@@ -108,6 +112,18 @@ TEST(WildcardTest, OnlyAsciiLettersFoldAndHostilePatternsTakeNoLongerThanOthers)
     pattern.insert(0, "*a<");
   }
   EXPECT_FALSE(IsNameInExpressionA(pattern.c_str(), std::string(1000, 'a').c_str(), false));
+}
+
+TEST(UniqueFdTest, DescriptorsAreBornCloseOnExecAndReplacingClosesWhatWasHeld) {
+  tarn::UniqueFd first = tarn::OpenFile("/dev/null", O_RDONLY);
+  tarn::UniqueFd second = tarn::OpenSocket(AF_INET, SOCK_STREAM);
+  const int replaced = first.get();
+  const int kept = second.get();
+  EXPECT_EQ(::fcntl(replaced, F_GETFD), FD_CLOEXEC);
+  first = std::move(second);
+  EXPECT_EQ(::fcntl(replaced, F_GETFD), -1);
+  EXPECT_EQ(::fcntl(kept, F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(first.get(), kept);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-#include "tarnctl/client.h"
-
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -7,6 +6,10 @@
 
 #include "common/frame.h"
 #include "common/posix.h"
+#include "tarnctl/client.h"
+#include "tarnctl/installation.h"
+#include "tarnctl/mount_message.h"
+#include "tests/support/temp_folder.h"
 
 namespace tarn {
 namespace {
@@ -117,6 +120,68 @@ TEST(ClientTest, WaitsEndAtTheirDeadline) {
   EXPECT_TRUE(client.IsOpen());
   EXPECT_EQ(client.Ask(Message("status"), body, soon), Result::kTimeout);
   EXPECT_FALSE(client.IsOpen());
+}
+
+TEST(InstallationTest, PortComesFromTheRecordOfTheNamedService) {
+  const test::TempFolder folder;
+  folder.Write("tarnapi.ini", "[SDK]\r\nNAME=some name");
+  const Installation found = InstallationIn(folder.path(), folder.path() / "home");
+  EXPECT_EQ(found.service_name, "some name");
+  EXPECT_EQ(ReadPort(found), 0);
+  for (const auto& [content, port] : {std::pair{"[NET]\r\nPORT=49881", 49881},
+                                      {"[NET]\r\nPORT=0", 0},
+                                      {"[NET]\r\nPORT=65536", 0},
+                                      {"[NET]\r\nPORT=x", 0},
+                                      {"", 0}}) {
+    folder.Write("home/Library/Application Support/some name/tarnsvc.ini", content);
+    EXPECT_EQ(ReadPort(found), port) << content;
+  }
+}
+
+std::string TextAt(const Json& message, const char* path) {
+  return message.HasObject(path) ? std::string(message.GetObject(path)) : "(none)";
+}
+
+TEST(MountMessageTest, PathsBecomeAbsoluteAndSettingsKeepTheirTypes) {
+  const test::TempFolder folder;
+  const std::string secret = folder.Write("secret", "pass=:@word\r\n");
+  const std::string here = std::filesystem::current_path().string();
+  std::string problem;
+  const std::vector<std::string> settings = {"user=a=b", "port:=8080", "verify:=false",
+                                             "pin=1",    "mail=a:@b",  "password:@" + secret};
+  const auto message = MountMessage({"local", "stuff/", "./a/../drive/", "", settings}, problem);
+  ASSERT_TRUE(message) << problem;
+  EXPECT_EQ(TextAt(*message, "/cmd"), "connect");
+  EXPECT_EQ(TextAt(*message, "/data/url"), here + "/stuff");
+  EXPECT_EQ(TextAt(*message, "/data/drive"), here + "/drive");
+  EXPECT_EQ(TextAt(*message, "/data/label"), "drive");
+  EXPECT_EQ(TextAt(*message, "/data/user"), "a=b");
+  EXPECT_EQ(TextAt(*message, "/data/pin"), "1");
+  EXPECT_EQ(TextAt(*message, "/data/mail"), "a:@b");
+  EXPECT_EQ(TextAt(*message, "/data/password"), "pass=:@word");
+  EXPECT_EQ(static_cast<int>(message->GetObject("/data/port")), 8080);
+  EXPECT_FALSE(static_cast<bool>(message->GetObject("/data/verify")));
+  for (const auto& [type, url] :
+       {std::pair("local", "file:///a%20b"), std::pair("webdav", "x/y")}) {
+    const auto as_it_is = MountMessage({type, url, "/drive", "Label", {}}, problem);
+    ASSERT_TRUE(as_it_is);
+    EXPECT_EQ(TextAt(*as_it_is, "/data/url"), url);
+    EXPECT_EQ(TextAt(*as_it_is, "/data/label"), "Label");
+  }
+}
+
+TEST(MountMessageTest, WhatCannotBeSentIsRefused) {
+  for (const MountRequest& request :
+       {MountRequest{"local", "/x", "/drive", "\xC3", {}},
+        MountRequest{"local", "/x", "/\xFF", "", {}},
+        MountRequest{"local", "/x", "/drive", "", {"no value"}},
+        MountRequest{"local", "/x", "/drive", "", {"=empty key"}},
+        MountRequest{"local", "/x", "/drive", "", {"broken:={"}},
+        MountRequest{"local", "/x", "/drive", "", {"missing:@/none"}}}) {
+    std::string problem;
+    EXPECT_FALSE(MountMessage(request, problem));
+    EXPECT_NE(problem, "");
+  }
 }
 
 }  // namespace

@@ -40,9 +40,9 @@ void MountingTest::PutTreeThrough(const std::function<int()>& mount, const fs::p
     WriteFile(volume / name, content);
   }
   for (const auto& file : files) {
-    const auto& [name, content] = file;
-    EXPECT_TRUE(ReadFile(volume / name) == content) << name;
-    EXPECT_TRUE(WaitUntil([&] { return FileContent(remote / name) == content; })) << name;
+    EXPECT_TRUE(ReadFile(volume / file.first) == file.second) << file.first;
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(remote / file.first) == file.second; }))
+        << file.first;
   }
   fs::rename(volume / "with space", volume / "moved");
   EXPECT_EQ(ReadFile(volume / "moved/and another/a file.txt"), "deep");

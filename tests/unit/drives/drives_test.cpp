@@ -143,6 +143,7 @@ TEST_F(DrivesTest, RelaysBringBackWhatTheDriveAnswers) {
   EXPECT_EQ(client.Exchange(kList), R"({"cmd":"get_drive_list", "drives": ["/d\"1"]})");
   EXPECT_EQ(client.Exchange(DriveMessage("get_username", drive)),
             R"({"cmd":"result_username","result":"who"})");
+  Mount(client, "/d\\\"1", "of the same name, so never reached");
   client.Send(DriveMessage("spindle_add_protocol", drive));
   EXPECT_EQ(Heard(client, 2), (Frames{From("d"), Result(7)}));
   EXPECT_EQ(client.Exchange(DriveMessage("set_size", drive)), Result(-1));
@@ -162,19 +163,29 @@ TEST_F(DrivesTest, RelaysBringBackWhatTheDriveAnswers) {
   EXPECT_NE(spindle.find(R"("cmd":"spindle_mount")"), std::string::npos);
 }
 
-TEST_F(DrivesTest, EventsReachTheOwnerAndWhoeverWantsAllAndTheLastOneStillArrives) {
+TEST_F(DrivesTest, EventsReachTheirOriginAndWhoeverWantsAll) {
   TestClient owner(port);
   TestClient other(port);
+  TestClient own(port);
   TestClient all(port);
+  TestClient all_at_init(port);
+  EXPECT_EQ(own.Exchange(R"({"cmd":"set_callback","data":{"global":0}})"), Result(0));
   EXPECT_EQ(all.Exchange(R"({"cmd":"set_callback","data":{"global":1}})"), Result(0));
+  EXPECT_EQ(all_at_init.Exchange(R"({"cmd":"init","data":{"key":"svc","winuser":"Zoë","pid":1,
+            "set_callback":{"cmd":"set_callback","data":{"global":1}}}})"),
+            Result(1));
   Mount(owner, "/d", "d");
-  EXPECT_EQ(all.Receive(), DriveEvent("/d", "connected"));
   EXPECT_EQ(other.Exchange(DriveMessage("disconnect", "/d")), Result(0));
   EXPECT_EQ(other.Receive(), DriveEvent("/d", "disconnected"));
   const std::string last = R"({"cmd":"fs_event","data":{"method":"last"}})";
-  EXPECT_EQ(Heard(all, 2), (Frames{DriveEvent("/d", "disconnected"), last}));
-  EXPECT_EQ(owner.Receive(), last);
-  EXPECT_EQ(owner.Exchange(kList), kNoDrives);
+  for (TestClient* client : {&all, &all_at_init}) {
+    EXPECT_EQ(Heard(*client, 3),
+              (Frames{DriveEvent("/d", "connected"), DriveEvent("/d", "disconnected"), last}));
+  }
+  EXPECT_EQ(owner.Receive(), last) << "of the unmount itself";
+  for (TestClient* client : {&owner, &other, &own}) {
+    EXPECT_EQ(client->Exchange(kList), kNoDrives) << "and nothing else";
+  }
 }
 
 TEST_F(DrivesTest, ARefusedUnmountLeavesTheDriveListedAndOneThatHungUpIsToldApart) {
@@ -265,14 +276,6 @@ TEST_F(DrivesTest, ARelayToAllAndDisconnectAllReachEveryDriveThoughSomeRefuseOrD
   EXPECT_EQ(asking.Exchange(kList), kNoDrives);
   EXPECT_EQ(client.Exchange(R"({"cmd":"disconnect_all"})"),
             R"({"cmd":"disconnect_all","result":""})");
-}
-
-TEST_F(DrivesTest, TwoDrivesOfOneNameAreReachedInOrder) {
-  TestClient client(port);
-  Mount(client, "/d", "first");
-  Mount(client, "/d", "second");
-  client.Send(DriveMessage("spindle_add_protocol", "/d"));
-  EXPECT_EQ(Heard(client, 2), (Frames{From("first"), Result(7)}));
 }
 
 TEST_F(DrivesTest, AStoppingServiceWaitsForNoDrive) {

@@ -213,12 +213,13 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   void Refresh(OpenFile& file, const Attributes& attributes) TARN_REQUIRES(lock);
   [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
 
-  // The file's work file, made and filled with the first `keep` bytes of the remote's content when
-  // there is none.
+  // The file's work file, made when there is none of the first `keep` bytes of the remote's
+  // content.
   [[nodiscard]] int WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t keep,
                             std::shared_ptr<WorkFile>& work);
-  [[nodiscard]] int Fetch(const std::shared_ptr<OpenFile>& file, std::uint64_t length,
-                          WorkFile& work);
+  [[nodiscard]] WorkFile::Base BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length)
+      TARN_EXCLUDES(lock);
+  [[nodiscard]] int Complete(const OpenFile& file) TARN_EXCLUDES(lock);
   std::shared_ptr<Reader> ReaderFor(OpenFile& file) TARN_EXCLUDES(lock);
   static void DropReader(OpenFile& file);
   // Keeps the inode number of a file that was read, and so its blocks in the cache.

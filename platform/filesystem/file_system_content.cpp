@@ -160,9 +160,9 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
     attributes = file->remote;
     path = nodes.PathOf(file->ino);
   }
-  int error = MakeWork(work);
+  int error = path || keep == 0 ? MakeWork(work) : ESTALE;
   if (error == 0 && keep > 0) {
-    error = path ? Fetch(file, keep, *work) : ESTALE;
+    error = work->SetBase(BaseOf(file, keep));
   }
   const MutexLock guard(lock);
   file->preparing = false;
@@ -170,28 +170,19 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
   if (error == 0) {
     work->SetModified(attributes.modified);
     file->work = work;
-    DropReader(*file);
+    work->IsComplete() ? DropReader(*file) : file->reader.reset();
   }
   return error;
 }
 
-int FileSystem::Fetch(const std::shared_ptr<OpenFile>& file, std::uint64_t length, WorkFile& work) {
+WorkFile::Base FileSystem::BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length) {
   const auto reader = ReaderFor(*file);
-  const std::uint64_t end = std::min(length, reader->GetFile().size);
-  std::vector<char> buffer(std::min<std::uint64_t>(Reader::kPieceBytes, end));
-  for (std::uint64_t offset = 0; offset < end;) {
-    const size_t wanted = std::min<std::uint64_t>(buffer.size(), end - offset);
-    size_t received = 0;
-    if (const int error = reader->Read(offset, buffer.data(), wanted, received); error != 0) {
-      return error == ESTALE ? EIO : error;
-    }
-    if (const int error = work.Fill(offset, buffer.data(), received); error != 0) {
-      return error;
-    }
-    offset += received;
-    ++progress;
-  }
-  return 0;
+  return {.read =
+              [this, reader](std::uint64_t offset, void* buffer, size_t wanted, size_t& received) {
+                ++progress;
+                return reader->Read(offset, buffer, wanted, received);
+              },
+          .size = std::min(length, reader->GetFile().size)};
 }
 
 int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
@@ -202,7 +193,8 @@ int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
     }
   }
   std::shared_ptr<WorkFile> work;
-  const int error = WorkFor(file, kWhole, work);
+  int error = WorkFor(file, kWhole, work);
+  error = error == 0 ? work->Complete() : error;
   return error == ENOENT ? 0 : error;
 }
 
@@ -242,6 +234,9 @@ int FileSystem::Sync(std::uint64_t handle) {
   const auto open = GetHandle(handle);
   if (!open) {
     return EBADF;
+  }
+  if (const int error = Complete(*open->file); error != 0) {
+    return error;
   }
   if (HasJournalFor(*open->file)) {
     (void)Publish(open->file);  // what cannot be kept is sent all the same

@@ -108,7 +108,20 @@ bool FileSystem::HasJournalFor(const OpenFile& file) {
   return journal && protocol < identities.size() && !identities[protocol].empty();
 }
 
+// Of what was changed, all that the remote had and that was not needed before.
+int FileSystem::Complete(const OpenFile& file) {
+  std::shared_ptr<WorkFile> work;
+  {
+    const MutexLock guard(lock);
+    work = file.work;
+  }
+  return work && work->IsDirty() ? work->Complete() : 0;
+}
+
 int FileSystem::Save(const std::shared_ptr<OpenFile>& file) {
+  if (const int error = Complete(*file); error != 0) {
+    return error;
+  }
   if (!HasJournalFor(*file) || Publish(file) != 0) {  // the disk is full, perhaps
     return SendNow(file);
   }
@@ -135,7 +148,7 @@ int FileSystem::Publish(const std::shared_ptr<OpenFile>& file) {
       file->id = Journal::MakeId();
     }
   }
-  if (!path || !work || !work->IsDirty()) {
+  if (!path || !work || !work->IsDirty() || !work->IsComplete()) {
     return 0;
   }
   WorkFile::Snapshot snapshot = work->TakeSnapshot();

@@ -137,7 +137,8 @@ struct FileSystem::RemoteContent : ReadSource {
     });
   }
 
-  // ESTALE when there is a work file by now: what the remote has under the name may be another's.
+  // ESTALE when there is a whole work file by now: what the remote has under the name may be
+  // another's.
   template <typename Ask>
   int WhereItIs(Ask ask) {
     std::optional<std::string> path = Path();
@@ -155,7 +156,8 @@ struct FileSystem::RemoteContent : ReadSource {
   std::optional<std::string> Path() {
     const MutexLock guard(files->lock);
     const auto file = files->FindOpenFile(ino);
-    return file && file->work ? std::nullopt : files->nodes.PathOf(ino);
+    const bool is_needed = !file || !file->work || !file->work->IsComplete();
+    return is_needed ? files->nodes.PathOf(ino) : std::nullopt;
   }
 
   const std::shared_ptr<FileSystem> files;
@@ -179,7 +181,7 @@ int ReadParts(Reader& reader, std::uint64_t offset, size_t length, std::vector<B
   return 0;
 }
 
-int ReadWork(const WorkFile& work, std::uint64_t offset, size_t length, std::vector<Bytes>& parts) {
+int ReadWork(WorkFile& work, std::uint64_t offset, size_t length, std::vector<Bytes>& parts) {
   const auto buffer = Buffer::Make(length);
   size_t received = 0;
   const int error = buffer ? work.Read(offset, buffer->data(), length, received) : ENOMEM;

@@ -106,6 +106,9 @@ AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file) {
     if (!work || !work->IsDirty()) {
       return SUCCESS;
     }
+    if (!snapshot.content && work->Complete() != 0) {
+      return FILE_READ_FAILED;
+    }
     if (!snapshot.content) {
       snapshot = work->TakeSnapshot();
     }

@@ -6,12 +6,14 @@
 #include <limits>
 #include <sys/types.h>
 #include <utility>
+#include <vector>
 
 namespace tarn::fs {
 
 namespace {
 
 constexpr std::uint64_t kMaxSize = std::numeric_limits<off_t>::max();
+constexpr std::uint64_t kFetchBytes = std::uint64_t{1} << 20;
 
 }  // namespace
 
@@ -33,16 +35,94 @@ std::shared_ptr<Content> WorkFile::GetContent() const {
   return content;
 }
 
-int WorkFile::Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) const {
-  std::shared_ptr<Content> bytes;
+int WorkFile::SetBase(Base remote_file) {
+  if (const int error = GetContent()->SetSize(remote_file.size); error != 0) {
+    return error;
+  }
+  const MutexLock guard(lock);
+  state.size = remote_file.size;
+  missing = Ranges(remote_file.size);
+  base = std::make_shared<const Base>(std::move(remote_file));
+  return 0;
+}
+
+bool WorkFile::IsComplete() const {
+  const MutexLock guard(lock);
+  return missing.IsEmpty();
+}
+
+int WorkFile::Complete() {
+  return Fetch({0, kMaxSize});
+}
+
+int WorkFile::Fetch(const Range& needed) {
+  std::vector<char> buffer;
+  for (;;) {
+    std::shared_ptr<const Base> source;
+    Range range;
+    {
+      const MutexLock guard(lock);
+      const auto first = missing.FirstIn(needed);
+      if (!first) {
+        return 0;
+      }
+      range = {first->begin, std::min(first->end, first->begin + kFetchBytes)};
+      source = base;
+    }
+    buffer.resize(range.end - range.begin);
+    size_t received = 0;
+    if (const int error = source->read(range.begin, buffer.data(), buffer.size(), received);
+        error != 0 || received == 0) {
+      return error == 0 || error == ESTALE ? EIO : error;
+    }
+    range.end = range.begin + received;
+    if (const int error = Fill(range, buffer.data()); error != 0) {
+      return error;
+    }
+  }
+}
+
+int WorkFile::Fill(const Range& range, const char* data) {
+  const MutexLock one_at_a_time(changing);
+  for (;;) {
+    std::optional<Range> part;
+    {
+      const MutexLock guard(lock);
+      part = missing.FirstIn(range);
+    }
+    if (!part) {
+      return 0;
+    }
+    size_t written = 0;
+    if (const int error = GetContent()->Write(part->begin, data + (part->begin - range.begin),
+                                              part->end - part->begin, written);
+        error != 0) {
+      return error;
+    }
+    const MutexLock guard(lock);
+    NotMissing(*part);
+  }
+}
+
+void WorkFile::NotMissing(const Range& range) {
+  missing.Take(range);
+  if (missing.IsEmpty()) {
+    base.reset();
+  }
+}
+
+int WorkFile::Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) {
+  received = 0;
   std::uint64_t size = 0;
   {
     const MutexLock guard(lock);
-    bytes = content;
     size = state.size;
   }
   const size_t wanted = offset >= size ? 0 : std::min<std::uint64_t>(length, size - offset);
-  return bytes->Read(offset, buffer, wanted, received);  // less when it is cut short meanwhile
+  if (const int error = Fetch({offset, offset + wanted}); error != 0) {
+    return error;
+  }
+  return GetContent()->Read(offset, buffer, wanted, received);  // less when it is cut meanwhile
 }
 
 // What a snapshot has is copied before it is changed.
@@ -79,6 +159,7 @@ int WorkFile::WriteAt(std::uint64_t offset, const void* data, size_t length, siz
     return error;
   }
   const MutexLock guard(lock);
+  NotMissing({offset, offset + written});
   state.size = std::max(state.size, offset + written);
   Changed();
   return 0;
@@ -106,18 +187,9 @@ int WorkFile::SetSize(std::uint64_t size) {
     return error;
   }
   const MutexLock guard(lock);
+  NotMissing({size, kMaxSize});
   state.size = size;
   Changed();
-  return 0;
-}
-
-int WorkFile::Fill(std::uint64_t offset, const void* data, size_t length) {
-  size_t written = 0;
-  if (const int error = GetContent()->Write(offset, data, length, written); error != 0) {
-    return error;
-  }
-  const MutexLock guard(lock);
-  state.size = std::max(state.size, offset + length);
   return 0;
 }
 

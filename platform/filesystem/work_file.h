@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "common/sync.h"
 #include "interfaces/fs_types.h"
 #include "platform/filesystem/content.h"
+#include "platform/filesystem/ranges.h"
 
 namespace tarn::fs {
 
@@ -31,18 +33,28 @@ class WorkFile {
     State state = {};
   };
 
+  // The remote's file. `read` gives at least one byte, and the first `length` bytes of the file at
+  // the most.
+  struct Base {
+    std::function<int(std::uint64_t offset, void* buffer, size_t length, size_t& received)> read;
+    std::uint64_t size = 0;  // bytes
+  };
+
   explicit WorkFile(std::shared_ptr<Content> empty);
   // One that waits to be sent.
   WorkFile(std::shared_ptr<Content> unsent, std::uint64_t size, const FS_TIME& modified);
 
-  [[nodiscard]] int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) const;
+  // Before anybody else knows of this object: it is the remote's file.
+  [[nodiscard]] int SetBase(Base remote_file);
+  // Fetches what is missing. Before a snapshot is taken.
+  [[nodiscard]] int Complete();
+  [[nodiscard]] bool IsComplete() const;
+
+  [[nodiscard]] int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received);
   // May write less than asked for, as write(2) does.
   [[nodiscard]] int Write(std::uint64_t offset, const void* data, size_t length, size_t& written);
   [[nodiscard]] int Append(const void* data, size_t length, size_t& written);
   [[nodiscard]] int SetSize(std::uint64_t size);
-  // Fills in what the remote has; no change. Before anybody else knows of this object.
-  [[nodiscard]] int Fill(std::uint64_t offset, const void* data, size_t length);
-
   [[nodiscard]] std::uint64_t GetSize() const;
   void SetModified(const FS_TIME& time);  // no change of the content
 
@@ -56,6 +68,10 @@ class WorkFile {
  private:
   [[nodiscard]] int WriteAt(std::uint64_t offset, const void* data, size_t length, size_t& written)
       TARN_REQUIRES(changing);
+  [[nodiscard]] int Fetch(const Range& needed);
+  // Takes bytes of the remote's file, but where something was written meanwhile.
+  [[nodiscard]] int Fill(const Range& range, const char* data) TARN_EXCLUDES(changing, lock);
+  void NotMissing(const Range& range) TARN_REQUIRES(lock);
   [[nodiscard]] int MakeOwn(std::uint64_t keep_bytes) TARN_REQUIRES(changing);
   [[nodiscard]] std::shared_ptr<Content> GetContent() const;
   void Changed() TARN_REQUIRES(lock);
@@ -66,6 +82,8 @@ class WorkFile {
   std::weak_ptr<std::shared_ptr<Content>> snapshots TARN_GUARDED_BY(lock);  // those of `content`
   State state TARN_GUARDED_BY(lock) = {};
   std::uint64_t stored_change TARN_GUARDED_BY(lock) = 0;
+  std::shared_ptr<const Base> base TARN_GUARDED_BY(lock);  // while bytes of it are missing
+  Ranges missing TARN_GUARDED_BY(lock);
 };
 
 [[nodiscard]] FS_TIME Now();

@@ -48,7 +48,6 @@ TEST_F(FileSystemTest, AFileThatWasReplacedElsewhereGivesNoMixture) {
   const int before = Open("/file", O_RDWR);
   protocol.Write("/file", "new");
   std::string content;
-  EXPECT_EQ(drive.Write(before, 0, "x"), EIO) << "the rest would come from another version";
   const int after = Open("/file", O_RDONLY);
   EXPECT_EQ(drive.Read(before, 0, 10, content), EIO);
   EXPECT_EQ(drive.Read(after, 0, 10, content), 0);
@@ -56,6 +55,36 @@ TEST_F(FileSystemTest, AFileThatWasReplacedElsewhereGivesNoMixture) {
   drive.Close(before);
   drive.Close(after);
   EXPECT_EQ(protocol.Content("/file"), "new");
+}
+
+TEST_F(FileSystemTest, OfALargeFileThatIsChangedOnlyWhatIsNeededIsFetchedBeforeItIsClosed) {
+  const std::string before(5'000'000, 'a');
+  protocol.Write("/file", before);
+  protocol.Write("/overwritten", before);
+  protocol.Write("/lost", before);
+  const int file = Open("/file", O_RDWR);
+  const int overwritten = Open("/overwritten", O_WRONLY);
+  const int lost = Open("/lost", O_RDWR);
+  for (const int changed : {file, lost}) {
+    EXPECT_EQ(drive.Write(changed, 3'000'000, "b"), 0);
+  }
+  EXPECT_EQ(drive.Truncate(file, 4'000'000), 0);
+  EXPECT_EQ(drive.Truncate(file, 4'000'010), 0);
+  EXPECT_EQ(drive.Write(overwritten, 0, std::string(5'000'000, 'c')), 0);
+  EXPECT_EQ(protocol.reads, 0);
+  std::string content;
+  EXPECT_EQ(drive.Read(file, 2'999'999, 3, content), 0);
+  EXPECT_EQ(content, "aba");
+  EXPECT_EQ(drive.Close(overwritten), 0);
+  EXPECT_LT(protocol.reads, 3);
+  EXPECT_EQ(drive.Close(file), 0);
+  std::string after = before.substr(0, 4'000'000) + std::string(10, '\0');
+  after[3'000'000] = 'b';
+  EXPECT_TRUE(protocol.Content("/file") == after);
+  EXPECT_TRUE(protocol.Content("/overwritten") == std::string(5'000'000, 'c'));
+  protocol.Write("/lost", "theirs");
+  EXPECT_EQ(drive.Close(lost), EIO) << "the rest would come from another version";
+  EXPECT_EQ(protocol.Content("/lost"), "theirs");
 }
 
 TEST_F(FileSystemTest, CloseTellsThatTheRemoteTookNothingAndTheContentStaysReadable) {

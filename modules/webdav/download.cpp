@@ -153,7 +153,9 @@ AERROR GetPiece(const Wanted& wanted, const FilePart& part, unsigned long long& 
 bool Agree(const Answer& one, const Answer& other) {
   const auto size = WholeSize(one);
   const auto other_size = WholeSize(other);
-  return (one.etag.empty() || other.etag.empty() || one.etag == other.etag) &&
+  Resource resource;
+  resource.etag = one.etag;
+  return (one.etag.empty() || other.etag.empty() || TellsVersion(other, VersionOf(resource))) &&
          (!size || !other_size || *size == *other_size);
 }
 

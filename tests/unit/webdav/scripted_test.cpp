@@ -63,7 +63,10 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
         DavResponse("/dir%20one/", kDavFolder) + DavResponse("/dir one", kDavFolder) +
         DavResponse("https://other/%64ir%20one", kDavFolder) + DavResponse("./", kDavFolder) +
         DavResponse("http://10.0.0.1/dir%20one/caf%c3%a9/", kDavFolder) +
-        DavResponse("/dir%20one/no-size", "<D:getetag>W/\"weak\"</D:getetag>");
+        DavResponse("/dir%20one/no-size", "<D:getetag>W/\"weak\"</D:getetag>") +
+        DavResponse("/dir%20one/lines",
+                    "<D:getcontentlength>1</D:getcontentlength>"
+                    "<D:getetag>\"a&#13;&#10;Overwrite: T\"</D:getetag>");
     for (const char* href :
          {"relative", "/dir one/raw#name?", "100%", "a:b", "//host/dir%20one/a%23b%3fc",
           "/dir%20one/%FF%FE", "/dir%20one/caf%2F", "/dir%20one/a/b", "/dir%20one/x/../../../etc",
@@ -75,13 +78,14 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
                                             "<D:status>HTTP/1.1 403 No</D:status></D:response>")};
   });
   const auto entries = List("/dir one");
-  EXPECT_THAT(Names("/dir one"),
-              ElementsAre("100%", "a#b?c", "a:b", "caf\u00e9", "no-size", "raw#name?", "relative"));
+  EXPECT_THAT(Names("/dir one"), ElementsAre("100%", "a#b?c", "a:b", "caf\u00e9", "lines",
+                                             "no-size", "raw#name?", "relative"));
   EXPECT_EQ(entries.at("caf\u00e9").is_folder, 1);
   EXPECT_EQ(entries.at("no-size").size, 77U);
   EXPECT_EQ(entries.at("no-size").modified.seconds, 784111777);
   EXPECT_STREQ(entries.at("no-size").version, "\"weak\"");
   EXPECT_STREQ(entries.at("relative").version, "~0-1");
+  EXPECT_STREQ(entries.at("lines").version, "~0-1") << "an ETag of several lines is none";
   EXPECT_THAT(log.Text(), HasSubstr("%FF%FE")) << "what is left out is told";
 }
 

@@ -111,19 +111,17 @@ TEST(AsyncQueueTest, ReleaseCallsEachAcceptedTaskOnceAndTellsWaitingOnesToStop) 
 
 TEST(AsyncQueueTest, ThreadsAndTasksPushAtOnce) {
   IAsyncQ* queue = MakeQueue(16);
-  std::atomic<int> runs = 0;
+  std::latch all(4000);
   std::vector<std::jthread> pushers(4);
   for (std::jthread& pusher : pushers) {
     pusher = std::jthread([&] {
       for (int i = 0; i < 1000; ++i) {
         Push(queue, i % 2 == 0 ? ASYNCQ_URGENT : ASYNCQ_BACKGROUND,
-             [&](int) { Push(queue, ASYNCQ_BACKGROUND, [&](int) { ++runs; }); });
+             [&](int) { Push(queue, ASYNCQ_BACKGROUND, [&](int) { all.count_down(); }); });
       }
     });
   }
-  while (runs < 4000) {
-    std::this_thread::yield();
-  }
+  all.wait();
   EXPECT_EQ(queue->Push(nullptr, nullptr, ASYNCQ_URGENT), ASYNCQ_NULLOBJECT);
   queue->Release();
 }

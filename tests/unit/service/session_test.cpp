@@ -192,6 +192,8 @@ TEST_F(ServerTest, RefusesOneClientOrLetsItWaitWhileDescriptorsAreShort) {
 #if defined(TARN_SANITIZED)
   GTEST_SKIP() << "sanitizers need descriptors of their own to look at memory";
 #endif
+  TestClient before(port);
+  Settle(before);  // so the server waits for the next one by now
   const UniqueFd waiting = OpenSocket(AF_INET, SOCK_STREAM);
   rlimit limit = {};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);

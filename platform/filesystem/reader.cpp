@@ -88,7 +88,8 @@ void Reader::LetGo(const PiecePtr& piece) {
 
 void Reader::Bound() {
   while (held_bytes > kMaxAheadBytes && held.size() > 1) {
-    LetGo(held.front());
+    const PiecePtr oldest = held.front();  // not a reference to what LetGo takes out
+    LetGo(oldest);
   }
 }
 

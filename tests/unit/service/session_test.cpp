@@ -273,6 +273,9 @@ TEST_F(SessionTest, NobodyWaitsForAQuotaAnswerThatNeverComes) {
   EXPECT_EQ(first.get().error, -1);
   EXPECT_EQ(second.get().error, -1);
   gone = false;
+  session->stop();
+
+  Start({});
   auto third = Ask("3");
   ExpectFrame(peer, "3");
   peer.reset();  // the client

@@ -63,12 +63,17 @@ std::shared_ptr<Uploads> FileSystem::GetUploads() {
 
 AERROR FileSystem::SendInBackground(Ino ino) {
   std::shared_ptr<OpenFile> file;
+  int protocol = 0;
   {
     const MutexLock guard(lock);
     file = FindOpenFile(ino);
+    protocol = file ? file->remote.protocol : 0;
   }
   if (!file) {
     return SUCCESS;
+  }
+  if (!remote.CanReach(protocol)) {
+    return DEVICE_NOT_READY;  // not tried, so there is nothing to tell
   }
   const AERROR error = Send(file);
   const MutexLock guard(lock);
@@ -147,8 +152,8 @@ AERROR FileSystem::Upload(const std::string& path, const WorkFile::Snapshot& sna
             .version = {}};
   const AERROR error = remote.Upload(path, source, snapshot.state.size, &UploadEvents::OnProgress,
                                      &upload_events, stored.protocol);
-  ++progress;
   if (error == SUCCESS) {
+    ++progress;
     stored.version = source.version;
     Attributes answer;
     if (stored.version.empty() && remote.GetInfo(path, answer) == SUCCESS) {

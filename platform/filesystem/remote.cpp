@@ -362,6 +362,12 @@ AERROR Remote::GetSize(unsigned long long& total, unsigned long long& free) {
   return result;
 }
 
+bool Remote::CanReach(int protocol) const {
+  const MutexLock guard(lock);
+  const bool exists = protocol >= 0 && static_cast<size_t>(protocol) < protocols.size();
+  return exists && protocols[static_cast<size_t>(protocol)]->GetReachability().IsReachable();
+}
+
 bool Remote::Can(int protocol, FS_CAPABILITY capability) const {
   const MutexLock guard(lock);
   const bool exists = protocol >= 0 && static_cast<size_t>(protocol) < protocols.size();

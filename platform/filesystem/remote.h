@@ -65,6 +65,7 @@ class Remote {
 
   // Whether all of the protocols can be reached, and if not, since when.
   [[nodiscard]] bool IsReachable() const { return unreachable_protocols == 0; }
+  [[nodiscard]] bool CanReach(int protocol) const;  // one of them
   [[nodiscard]] std::optional<std::chrono::system_clock::time_point> UnreachableSince() const;
 
   [[nodiscard]] const Line& GetLine() const { return line; }  // as all calls have found it

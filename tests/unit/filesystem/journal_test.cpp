@@ -167,7 +167,8 @@ TEST_F(JournalTest, FailedUploadsAreReportedTriedAgainAndWaitedForWhileTheyMove)
   EXPECT_EQ(drive.calls.List("/", names), 0);
   protocol.failure = DEVICE_NOT_READY;
   EXPECT_EQ(drive.calls.WriteFile("/file", "content"), 0);
-  EXPECT_EQ(drive.files->SendAll(std::chrono::milliseconds(50)), 1U);
+  constexpr std::chrono::milliseconds longer_than_a_pause(1200);  // new failures are no progress
+  EXPECT_EQ(drive.files->SendAll(longer_than_a_pause), 1U);
   EXPECT_THAT(drive.events->Texts(), testing::IsSupersetOf({"end /file 17", "error 2 /file 17"}));
   EXPECT_EQ(drive.calls.Content("/file"), "content");
   protocol.failure = ACCESS_DENIED;

@@ -231,13 +231,23 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int MakeWork(std::shared_ptr<WorkFile>& work) const;
   // What programs wrote is safe from now on: in the journal, or else at the remote.
   [[nodiscard]] int Save(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
+  [[nodiscard]] bool HasNewsAtRelease(const OpenFile& file) const TARN_EXCLUDES(lock);
   // Puts what is not stored into the journal.
   [[nodiscard]] int Publish(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
   // Its place, or what it replaces, has changed.
-  void PublishAnew(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
-  void UnsentMoved(const std::string& path) TARN_EXCLUDES(publishing, lock);  // it, and those below
+  void PublishAnew(const std::shared_ptr<OpenFile>& file, const std::string& superseded_id = "")
+      TARN_EXCLUDES(publishing, lock);
+  // Tells the journal of the new places of those at or below `path`, and of what was replaced.
+  void UnsentMoved(const std::string& path, bool at_remote, const std::string& superseded_id)
+      TARN_EXCLUDES(publishing, lock);
   [[nodiscard]] int PutRecord(const OpenFile& file, const std::string& path,
-                              const WorkFile::Snapshot& snapshot) TARN_REQUIRES(publishing);
+                              const WorkFile::Snapshot& snapshot,
+                              const std::string& superseded_id = "") TARN_REQUIRES(publishing);
+  // Notes a move that concerns unsent files before the remote hears of it. Unset: concerns none.
+  [[nodiscard]] std::optional<Journal::Move> NoteMove(const std::vector<std::string>& paths,
+                                                      const OpenFile* target) TARN_EXCLUDES(lock);
+  // Puts right what a process that ended in the middle of a move left.
+  void Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found) TARN_EXCLUDES(lock);
   // Nobody wants it at the remote any more.
   void DropUnsent(OpenFile& file) TARN_EXCLUDES(publishing, lock);
   // Has uploads of files at or below the place end, those that would take long or all of them.
@@ -250,10 +260,33 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Sends what is not stored: what was published, or without a journal what there is. SUCCESS: the
   // remote has it, or nobody wants it any more. RETRY_UPLOAD: was given up, perhaps for a rename.
   [[nodiscard]] AERROR Send(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
+  // What is to be sent of a file next.
+  struct Outgoing {
+    std::shared_ptr<WorkFile> work;
+    WorkFile::Snapshot snapshot;
+    std::optional<std::string> replaces;
+    std::shared_ptr<Sending> sending = std::make_shared<Sending>();
+    bool is_first_attempt = false;
+  };
+  // False: the remote has it all. Otherwise the snapshot is one of the file's attempts from now on;
+  // it is empty when the work file is to be completed first.
+  [[nodiscard]] bool BeginSending(OpenFile& file, Outgoing& outgoing)
+      TARN_EXCLUDES(publishing, lock);
+  // Takes back that attempt where the remote cannot have it.
+  void NotSent(OpenFile& file, const Outgoing& outgoing) TARN_EXCLUDES(publishing, lock);
+  // Those that are not what is in the journal go.
+  static void Discard(const std::vector<WorkFile::Snapshot>& attempts,
+                      const WorkFile::Snapshot& unsent);
+  [[nodiscard]] bool IsAnAttempt(const OpenFile& file, const std::string& path,
+                                 const Attributes& there) TARN_EXCLUDES(lock);
+  // Whether the remote has something under the file's name, as far as that is known or can be
+  // asked.
+  [[nodiscard]] bool HasCome(const std::shared_ptr<OpenFile>& file, const std::string& path)
+      TARN_EXCLUDES(lock);
   [[nodiscard]] int SendNow(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
   [[nodiscard]] AERROR Upload(const std::string& path, const WorkFile::Snapshot& snapshot,
-                              const std::optional<std::string>& replaces,
-                              const std::atomic<bool>& give_up, Attributes& stored);
+                              const std::optional<std::string>& replaces, Sending& sending,
+                              Attributes& stored);
   // The remote has something else there than what was to be replaced. SUCCESS: that is what was
   // sent; RETRY_UPLOAD: ours can be sent now, under another name if need be.
   [[nodiscard]] AERROR SettleConflict(const std::shared_ptr<OpenFile>& file,
@@ -281,6 +314,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
                    const std::string& new_name) TARN_REQUIRES(lock);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
              const std::vector<std::string>& paths) TARN_REQUIRES(lock);
+  // Whether something at or below the path waits to be sent.
+  [[nodiscard]] bool IsUnsentAt(const std::string& path) const TARN_REQUIRES(lock);
   // Whether the folder has files that only this side knows of; and adds them to a listing.
   [[nodiscard]] bool HoldsUnsent(const std::string& folder) const TARN_REQUIRES(lock);
   void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const TARN_REQUIRES(lock);

@@ -244,13 +244,22 @@ int FileSystem::Sync(std::uint64_t handle) {
   return SendNow(open->file);
 }
 
+// Pages of a mapping may come after the close. The kernel tells of the end of a file late, though:
+// what somebody else has begun to write since is saved when that is closed.
+bool FileSystem::HasNewsAtRelease(const OpenFile& file) const {
+  const MutexLock guard(lock);
+  const bool is_last = file.writers == 1 && file.work && file.work->IsDirty();
+  return is_last &&
+         (!file.unsent.content || file.unsent.state.change != file.work->GetState().change);
+}
+
 void FileSystem::Release(std::uint64_t handle) {
   const auto open = GetHandle(handle);
   if (!open) {
     return;
   }
-  if (open->may_write) {
-    (void)Save(open->file);  // pages of a mapping may come after the close; events tell of failure
+  if (open->may_write && HasNewsAtRelease(*open->file)) {
+    (void)Save(open->file);  // events tell of failure
   }
   const MutexLock guard(lock);
   handles.erase(handle);

@@ -1,4 +1,5 @@
 // Keeping: what programs wrote is safe on this machine's disk until the remote has it.
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -37,6 +38,11 @@ std::string IdentityOf(IProtocol_V2& protocol) {
   return {text.data(), static_cast<size_t>(length)};
 }
 
+bool IsSame(const Attributes& file, std::uint64_t size, const FS_TIME& modified) {
+  return file.size == size && file.modified.seconds == modified.seconds &&
+         file.modified.nanoseconds == modified.nanoseconds;
+}
+
 }  // namespace
 
 void FileSystem::UseJournal(std::unique_ptr<Journal> unsent_files) {
@@ -54,7 +60,11 @@ void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
     identities.push_back(identity);
   }
   if (journal && !identity.empty()) {
-    auto found = journal->TakeOver(identity);
+    std::vector<Journal::Move> moves;
+    auto found = journal->TakeOver(identity, moves);
+    for (const Journal::Move& move : moves) {
+      Settle(move, found);
+    }
     if (!found.empty()) {
       Log(LOGLEVEL_INFO, "%zu files that were not sent before are sent now", found.size());
     }
@@ -85,6 +95,12 @@ void FileSystem::Adopt(Journal::Unsent unsent, int protocol) {
     file->work = std::make_shared<WorkFile>(unsent.content, record.size, record.modified);
     file->unsent = file->work->TakeSnapshot();
     file->id = unsent.id;
+    file->is_kept = true;
+    for (size_t i = 0; i < unsent.attempts.size(); ++i) {
+      const WorkFile::State state{.change = 0, .size = record.attempts[i].size, .modified = {}};
+      file->attempts.push_back({unsent.attempts[i], state});
+    }
+    file->attempts.push_back(file->unsent);
     file->at_remote = !record.replaces || !record.replaces->empty();
     file->remote.version = record.replaces.value_or("");
     file->remote.protocol = protocol;
@@ -148,7 +164,12 @@ int FileSystem::Publish(const std::shared_ptr<OpenFile>& file) {
       file->id = Journal::MakeId();
     }
   }
-  if (!path || !work || !work->IsDirty() || !work->IsComplete()) {
+  if (!path || !work || !work->IsDirty()) {
+    return 0;
+  }
+  if (!work->IsComplete()) {
+    const MutexLock guard(lock);
+    file->is_kept = false;
     return 0;
   }
   WorkFile::Snapshot snapshot = work->TakeSnapshot();
@@ -157,33 +178,48 @@ int FileSystem::Publish(const std::shared_ptr<OpenFile>& file) {
   }
   if (const int error = PutRecord(*file, *path, snapshot); error != 0) {
     Log(LOGLEVEL_ERROR, "%s cannot be kept until it is sent: %d", path->c_str(), error);
+    const MutexLock guard(lock);
+    file->is_kept = false;
     return error;
   }
   {
     const MutexLock guard(lock);
     std::swap(file->unsent, snapshot);
+    file->is_kept = true;
   }
-  if (snapshot.content && snapshot.content.get() != file->unsent.content.get()) {
-    snapshot.content->Discard();
+  const MutexLock guard(lock);
+  const bool is_attempt =
+      std::any_of(file->attempts.begin(), file->attempts.end(),
+                  [&](const auto& attempt) { return attempt.content == snapshot.content; });
+  if (snapshot.content && !is_attempt) {
+    Discard({snapshot}, file->unsent);
   }
   return 0;
 }
 
 int FileSystem::PutRecord(const OpenFile& file, const std::string& path,
-                          const WorkFile::Snapshot& snapshot) {
+                          const WorkFile::Snapshot& snapshot, const std::string& superseded_id) {
   Journal::Record record;
+  record.supersedes = superseded_id;
   record.path = path;
   record.size = snapshot.state.size;
   record.modified = snapshot.state.modified;
   {
     const MutexLock guard(lock);
     record.replaces = file.Replaces();
+    for (const WorkFile::Snapshot& attempt : file.attempts) {
+      if (attempt.content != snapshot.content && attempt.content->IsKept()) {
+        record.attempts.push_back(
+            {std::string(NameOf(attempt.content->Path())), attempt.state.size});
+      }
+    }
     record.remote = identities[static_cast<size_t>(file.remote.protocol)];
   }
   return journal->Put(file.id, record, *snapshot.content);
 }
 
-void FileSystem::PublishAnew(const std::shared_ptr<OpenFile>& file) {
+void FileSystem::PublishAnew(const std::shared_ptr<OpenFile>& file,
+                             const std::string& superseded_id) {
   const MutexLock one_at_a_time(publishing);
   std::optional<std::string> path;
   WorkFile::Snapshot snapshot;
@@ -195,14 +231,15 @@ void FileSystem::PublishAnew(const std::shared_ptr<OpenFile>& file) {
   if (!path || !snapshot.content) {
     return;
   }
-  if (const int error = PutRecord(*file, *path, snapshot); error != 0) {
+  if (const int error = PutRecord(*file, *path, snapshot, superseded_id); error != 0) {
     Log(LOGLEVEL_ERROR, "the record of %s cannot be changed: %d", path->c_str(), error);
   }
 }
 
 // A move may have changed the versions, too: what is still ours is to be replaced under the new
 // one.
-void FileSystem::UnsentMoved(const std::string& path) {
+void FileSystem::UnsentMoved(const std::string& path, bool at_remote,
+                             const std::string& superseded_id) {
   std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> moved;
   {
     const MutexLock guard(lock);
@@ -216,15 +253,70 @@ void FileSystem::UnsentMoved(const std::string& path) {
   }
   for (const auto& [file, place] : moved) {
     Attributes now;
-    if (file->at_remote && remote.GetInfo(place, now) == SUCCESS) {
+    if (at_remote && file->at_remote && remote.GetInfo(place, now) == SUCCESS) {
       const MutexLock guard(lock);
-      const bool is_the_same = now.size == file->remote.size &&
-                               now.modified.seconds == file->remote.modified.seconds &&
-                               now.modified.nanoseconds == file->remote.modified.nanoseconds;
+      const bool is_the_same = IsSame(now, file->remote.size, file->remote.modified);
       file->remote = is_the_same ? now : file->remote;
     }
-    PublishAnew(file);
+    PublishAnew(file, place == path ? superseded_id : "");
   }
+}
+
+std::optional<Journal::Move> FileSystem::NoteMove(const std::vector<std::string>& paths,
+                                                  const OpenFile* target) {
+  Journal::Move move;
+  {
+    const MutexLock guard(lock);
+    if (target != nullptr && target->unsent.content) {
+      move.replaced_id = target->id;
+    }
+    if (!journal || (move.replaced_id.empty() && !IsUnsentAt(paths[0]))) {
+      return std::nullopt;
+    }
+  }
+  Attributes source;
+  if (remote.GetInfo(paths[0], source) != SUCCESS) {
+    return std::nullopt;  // neither will it be moved
+  }
+  {
+    const MutexLock guard(lock);
+    move.remote = identities[static_cast<size_t>(source.protocol)];
+  }
+  move.id = Journal::MakeId();
+  move.from = paths[0];
+  move.to = paths[1];
+  move.is_folder = source.is_folder;
+  move.size = source.size;
+  move.modified = source.modified;
+  if (const int error = journal->Put(move); error != 0) {
+    Log(LOGLEVEL_ERROR, "the move of %s cannot be noted: %d", paths[0].c_str(), error);
+  }
+  return move;
+}
+
+void FileSystem::Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found) {
+  Attributes there;
+  Attributes moved;
+  const bool has_gone = ErrnoOf(remote.GetInfo(move.from, there)) == ENOENT;
+  const bool has_come = has_gone && remote.GetInfo(move.to, moved) == SUCCESS &&
+                        moved.is_folder == move.is_folder &&
+                        (moved.is_folder || IsSame(moved, move.size, move.modified));
+  for (Journal::Unsent& unsent : found) {
+    Journal::Record& record = unsent.record;
+    if (has_come && unsent.id == move.replaced_id) {
+      journal->Remove(unsent.id, *unsent.content);
+    } else if (has_come && IsWithin(record.path, move.from)) {
+      record.path = move.to + record.path.substr(move.from.size());
+      if (!moved.is_folder && record.replaces && !record.replaces->empty()) {
+        record.replaces = moved.version;
+      }
+      (void)journal->Put(unsent.id, record, *unsent.content);  // else it is asked for once more
+    }
+  }
+  std::erase_if(found, [&](const Journal::Unsent& unsent) {
+    return has_come && unsent.id == move.replaced_id;
+  });
+  journal->Remove(move);
 }
 
 // True when the file waits to be sent: the time goes with it.
@@ -245,15 +337,18 @@ bool FileSystem::SetUnsentModified(const std::shared_ptr<OpenFile>& file, const 
 void FileSystem::DropUnsent(OpenFile& file) {
   const MutexLock one_at_a_time(publishing);
   WorkFile::Snapshot unsent;
+  std::vector<WorkFile::Snapshot> attempts;
   std::shared_ptr<Uploads> sender;
   {
     const MutexLock guard(lock);
     unsent = std::exchange(file.unsent, {});
+    attempts = std::exchange(file.attempts, {});
     sender = uploads;
   }
   if (unsent.content) {
     journal->Remove(file.id, *unsent.content);
   }
+  Discard(attempts, {});
   if (sender) {
     sender->Drop(file.ino);
   }
@@ -263,11 +358,11 @@ void FileSystem::GiveUpUploadsAt(Ino folder, const std::string& name, bool all) 
   const MutexLock guard(lock);
   const auto path = PathOf(folder, name);
   for (const auto& [ino, file] : open_files) {
-    if (!path || !file->give_up || (!all && file->unsent.state.size <= kQuickBytes)) {
+    if (!path || !file->sending || (!all && file->unsent.state.size <= kQuickBytes)) {
       continue;
     }
     if (const auto place = nodes.PathOf(ino); place && IsWithin(*place, *path)) {
-      *file->give_up = true;
+      file->sending->give_up = true;
     }
   }
 }

@@ -129,13 +129,11 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
     return ENOENT;
   }
   std::shared_ptr<OpenFile> file;
-  bool at_remote = true;
   {
     const MutexLock guard(lock);
     file = FindOpenFile(folder, name);
-    at_remote = !file || file->at_remote;
   }
-  if (at_remote) {
+  if (HasCome(file, paths[0])) {
     if (const int error = file ? Preserve(file) : 0; error != 0) {
       return error;
     }
@@ -221,8 +219,12 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (const int error = target ? Preserve(target) : 0; error != 0) {
     return error;
   }
-  const bool is_at_remote = !source || source->at_remote;
+  const bool is_at_remote = HasCome(source, paths[0]);
+  const auto noted = is_at_remote ? NoteMove(paths, target.get()) : std::nullopt;
   if (const int error = is_at_remote ? MoveAtRemote(paths[0], paths[1]) : 0; error != 0) {
+    if (noted) {
+      journal->Remove(*noted);
+    }
     if (target) {
       const MutexLock guard(lock);
       DropOpenFileIfUnused(target);
@@ -236,12 +238,15 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     }
     Moved(folder, name, new_folder, new_name, paths);
   }
+  UnsentMoved(paths[1], is_at_remote, target ? target->id : "");
   if (target) {
     DropUnsent(*target);
     const MutexLock guard(lock);
     DropOpenFileIfUnused(target);
   }
-  UnsentMoved(paths[1]);
+  if (noted) {
+    journal->Remove(*noted);
+  }
   return 0;
 }
 
@@ -411,6 +416,14 @@ bool FileSystem::HoldsUnsent(const std::string& folder) const {
       open_files.begin(), open_files.end(), [&](const auto& open) TARN_REQUIRES(lock) {
         const auto path = nodes.PathOf(open.first);
         return !open.second->at_remote && path && *path != folder && IsWithin(*path, folder);
+      });
+}
+
+bool FileSystem::IsUnsentAt(const std::string& path) const {
+  return std::any_of(
+      open_files.begin(), open_files.end(), [&](const auto& open) TARN_REQUIRES(lock) {
+        const auto place = open.second->unsent.content ? nodes.PathOf(open.first) : std::nullopt;
+        return place && IsWithin(*place, path);
       });
 }
 

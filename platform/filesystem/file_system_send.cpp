@@ -15,17 +15,18 @@ namespace tarn::fs {
 namespace {
 
 constexpr size_t kCompareBytes = size_t{1} << 20;
+constexpr size_t kMostAttempts = 4;  // that one file has on this machine's disk
 
 // One snapshot on its way to the remote.
 struct SnapshotSource {
   const WorkFile::Snapshot* snapshot;
-  const std::atomic<bool>* give_up;
+  Sending* sending;
   std::atomic<std::uint64_t>* progress;
   std::uint64_t offset = 0;
 
   static long long Read(void* context, void* buffer, long long length) {
     auto& self = *static_cast<SnapshotSource*>(context);
-    if (length < 0 || *self.give_up) {
+    if (length < 0 || self.sending->give_up) {
       return -1;
     }
     const size_t wanted = std::min<std::uint64_t>(static_cast<std::uint64_t>(length),
@@ -36,6 +37,7 @@ struct SnapshotSource {
       return -1;
     }
     self.offset += received;
+    self.sending->was_read = self.sending->was_read || self.offset == self.snapshot->state.size;
     ++*self.progress;
     return static_cast<long long>(received);
   }
@@ -45,6 +47,13 @@ struct SnapshotSource {
     return 0;
   }
 };
+
+std::vector<WorkFile::Snapshot>::iterator FindAttempt(std::vector<WorkFile::Snapshot>& attempts,
+                                                      const WorkFile::Snapshot& snapshot) {
+  return std::find_if(attempts.begin(), attempts.end(), [&](const WorkFile::Snapshot& attempt) {
+    return attempt.content.get() == snapshot.content.get();
+  });
+}
 
 }  // namespace
 
@@ -97,36 +106,30 @@ AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file) {
     if (!hold) {
       return SUCCESS;  // removed: nobody wants it any more
     }
-    std::shared_ptr<WorkFile> work;
-    WorkFile::Snapshot snapshot;
-    std::optional<std::string> replaces;
-    const auto give_up = std::make_shared<std::atomic<bool>>(false);
-    {
-      const MutexLock guard(lock);
-      work = file->work;
-      snapshot = file->unsent;
-      replaces = file->Replaces();
-      file->give_up = give_up;
-    }
-    if (!work || !work->IsDirty()) {
+    Outgoing outgoing;
+    if (!BeginSending(*file, outgoing)) {
       return SUCCESS;
     }
-    if (!snapshot.content && work->Complete() != 0) {
-      return FILE_READ_FAILED;
+    if (!outgoing.snapshot.content) {  // it has to be whole first
+      if (outgoing.work->Complete() != 0) {
+        return FILE_READ_FAILED;
+      }
+      continue;
     }
-    if (!snapshot.content) {
-      snapshot = work->TakeSnapshot();
-    }
+    const WorkFile::Snapshot& snapshot = outgoing.snapshot;
     Attributes stored;
-    error = Upload(paths[0], snapshot, replaces, *give_up, stored);
+    error = Upload(paths[0], snapshot, outgoing.replaces, *outgoing.sending, stored);
     if (error == PATH_NOT_FOUND && MakeFoldersAbove(paths[0])) {
       error = RETRY_UPLOAD;
-    } else if (error == SHARING_VIOLATION && replaces) {
+    } else if (error == SHARING_VIOLATION && outgoing.replaces) {
       error = SettleConflict(file, paths[0], snapshot, stored);
     }
+    if (error != SUCCESS) {
+      NotSent(*file, outgoing);
+    }
     if (error == SUCCESS) {
-      Stored(*file, paths[0], *work, snapshot.state, stored);
-    } else if (*give_up) {
+      Stored(*file, paths[0], *outgoing.work, snapshot.state, stored);
+    } else if (outgoing.sending->give_up) {
       return RETRY_UPLOAD;
     } else if (error != RETRY_UPLOAD) {
       events.Failed(FS_EVENT_CREATE_FILE, error, paths[0], paths[0]);
@@ -135,10 +138,75 @@ AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file) {
   return error;
 }
 
+bool FileSystem::BeginSending(OpenFile& file, Outgoing& outgoing) {
+  const MutexLock one_at_a_time(publishing);
+  bool is_kept = false;
+  {
+    const MutexLock guard(lock);
+    is_kept = file.is_kept;
+    outgoing.work = file.work;
+    outgoing.snapshot = file.unsent;
+    outgoing.replaces = file.Replaces();
+    file.sending = outgoing.sending;
+  }
+  const bool is_sent = !outgoing.snapshot.content && is_kept;  // what is written now comes later
+  if (!outgoing.work || !outgoing.work->IsDirty() || is_sent) {
+    return false;
+  }
+  if (!outgoing.snapshot.content && !outgoing.work->IsComplete()) {
+    return true;
+  }
+  if (!outgoing.snapshot.content) {
+    outgoing.snapshot = outgoing.work->TakeSnapshot();
+  }
+  outgoing.sending->was_read = outgoing.snapshot.state.size == 0;
+  const MutexLock guard(lock);
+  outgoing.is_first_attempt = FindAttempt(file.attempts, outgoing.snapshot) == file.attempts.end();
+  if (outgoing.is_first_attempt) {
+    file.attempts.push_back(outgoing.snapshot);
+  }
+  return true;
+}
+
+void FileSystem::NotSent(OpenFile& file, const Outgoing& outgoing) {
+  const MutexLock one_at_a_time(publishing);
+  const MutexLock guard(lock);
+  auto given_up = file.attempts.end();
+  if (outgoing.is_first_attempt && !outgoing.sending->was_read) {
+    given_up = FindAttempt(file.attempts, outgoing.snapshot);
+  } else if (file.attempts.size() > kMostAttempts) {
+    given_up = file.attempts.begin();
+  }
+  if (given_up != file.attempts.end()) {
+    Discard({*given_up}, file.unsent);
+    file.attempts.erase(given_up);
+  }
+}
+
+void FileSystem::Discard(const std::vector<WorkFile::Snapshot>& attempts,
+                         const WorkFile::Snapshot& unsent) {
+  for (const WorkFile::Snapshot& attempt : attempts) {
+    if (attempt.content.get() != unsent.content.get()) {
+      attempt.content->Discard();
+    }
+  }
+}
+
+bool FileSystem::HasCome(const std::shared_ptr<OpenFile>& file, const std::string& path) {
+  {
+    const MutexLock guard(lock);
+    if (!file || file->at_remote || file->attempts.empty()) {
+      return !file || file->at_remote;
+    }
+  }
+  Attributes there;
+  return ErrnoOf(remote.GetInfo(path, there)) != ENOENT;
+}
+
 AERROR FileSystem::Upload(const std::string& path, const WorkFile::Snapshot& snapshot,
-                          const std::optional<std::string>& replaces,
-                          const std::atomic<bool>& give_up, Attributes& stored) {
-  SnapshotSource content{&snapshot, &give_up, &progress};
+                          const std::optional<std::string>& replaces, Sending& sending,
+                          Attributes& stored) {
+  SnapshotSource content{&snapshot, &sending, &progress};
   FS_SOURCE source = {};
   source.context = &content;
   source.read = &SnapshotSource::Read;
@@ -181,8 +249,29 @@ AERROR FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const s
     stored = there;
     return SUCCESS;
   }
+  if (IsAnAttempt(*file, path, there)) {
+    {
+      const MutexLock guard(lock);
+      file->at_remote = true;
+      file->remote = there;
+    }
+    PublishAnew(file);
+    return RETRY_UPLOAD;
+  }
   MoveAside(file, path);
   return RETRY_UPLOAD;
+}
+
+bool FileSystem::IsAnAttempt(const OpenFile& file, const std::string& path,
+                             const Attributes& there) {
+  std::vector<WorkFile::Snapshot> attempts;
+  {
+    const MutexLock guard(lock);
+    attempts = file.attempts;
+  }
+  return std::any_of(attempts.begin(), attempts.end(), [&](const WorkFile::Snapshot& attempt) {
+    return IsAtRemote(path, there, attempt);
+  });
 }
 
 bool FileSystem::IsAtRemote(const std::string& path, const Attributes& attributes,
@@ -242,13 +331,15 @@ void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
     const MutexLock one_at_a_time(publishing);
     WorkFile::Snapshot sent;
     WorkFile::Snapshot newer;
+    std::vector<WorkFile::Snapshot> earlier;
     {
       const MutexLock guard(lock);
+      earlier.swap(file.attempts);
       work.MarkStored(state);
       file.at_remote = true;
       file.remote = stored;
       file.is_fresh = false;
-      file.give_up.reset();
+      file.sending.reset();
       DropReader(file);
       kernel[file.ino].version = stored.version;
       listings.SetPresent(path, stored, Clock::now());
@@ -262,6 +353,7 @@ void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
     } else if (newer.content && PutRecord(file, path, newer) != 0) {
       Log(LOGLEVEL_ERROR, "the record of %s cannot be changed", path.c_str());
     }
+    Discard(earlier, newer);
   }
   const WorkFile::State now = work.GetState();
   const bool has_another_time = now.modified.seconds != state.modified.seconds ||

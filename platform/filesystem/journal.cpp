@@ -30,20 +30,52 @@ constexpr mode_t kFolderMode = 0700;
 constexpr size_t kMaxRecordBytes = size_t{1} << 20;
 constexpr std::string_view kRecordEnd = ".record";
 constexpr std::string_view kContentEnd = ".content";
+constexpr std::string_view kMoveEnd = ".move";
+
+void Insert(Json& json, std::uint64_t size, const FS_TIME& modified) {
+  JsonObject time;
+  time.Insert("seconds", modified.seconds);
+  time.Insert("nanoseconds", modified.nanoseconds);
+  json.Insert("size", static_cast<unsigned long long>(size));
+  json.Insert("modified", time);
+}
+
+void Extract(const Json& json, std::uint64_t& size, FS_TIME& modified) {
+  size = static_cast<unsigned long long>(json.GetObject("size"));
+  modified.seconds = static_cast<long long>(json.GetObject("modified/seconds"));
+  modified.nanoseconds = static_cast<int>(json.GetObject("modified/nanoseconds"));
+}
 
 std::string ToText(const Journal::Record& record, const std::string& content_name) {
-  JsonObject modified;
-  modified.Insert("seconds", record.modified.seconds);
-  modified.Insert("nanoseconds", record.modified.nanoseconds);
   Json json;
   json.Insert("remote", record.remote);
   json.Insert("path", record.path);
-  json.Insert("size", static_cast<unsigned long long>(record.size));
-  json.Insert("modified", modified);
+  Insert(json, record.size, record.modified);
   json.Insert("content", content_name);
   if (record.replaces) {
     json.Insert("replaces", *record.replaces);
   }
+  JsonObject attempts;
+  for (const Journal::Record::Attempt& attempt : record.attempts) {
+    attempts.Insert(attempt.name.c_str(), static_cast<unsigned long long>(attempt.size));
+  }
+  if (!record.attempts.empty()) {
+    json.Insert("attempts", attempts);
+  }
+  if (!record.supersedes.empty()) {
+    json.Insert("supersedes", record.supersedes);
+  }
+  return json.ToText();
+}
+
+std::string ToText(const Journal::Move& move) {
+  Json json;
+  json.Insert("remote", move.remote);
+  json.Insert("from", move.from);
+  json.Insert("to", move.to);
+  json.Insert("folder", move.is_folder ? 1 : 0);
+  Insert(json, move.size, move.modified);
+  json.Insert("replaced", move.replaced_id);
   return json.ToText();
 }
 
@@ -67,18 +99,46 @@ bool FromText(const std::string& text, Journal::Record& record, std::string& con
     const Json json(text.c_str());
     record.remote = std::string(json.GetObject("remote"));
     record.path = std::string(json.GetObject("path"));
-    record.size = static_cast<unsigned long long>(json.GetObject("size"));
-    record.modified.seconds = static_cast<long long>(json.GetObject("modified/seconds"));
-    record.modified.nanoseconds = static_cast<int>(json.GetObject("modified/nanoseconds"));
+    Extract(json, record.size, record.modified);
     content_name = std::string(json.GetObject("content"));
     if (json.HasObject("replaces")) {
       record.replaces = std::string(json.GetObject("replaces"));
     }
+    if (json.HasObject("supersedes")) {
+      record.supersedes = std::string(json.GetObject("supersedes"));
+    }
+    if (json.HasObject("attempts")) {
+      const JsonObject attempts = json.GetObject("attempts");
+      for (void* attempt = attempts.Iter(); attempt != nullptr;
+           attempt = attempts.IterNext(attempt)) {
+        record.attempts.push_back({attempts.IterKey(attempt),
+                                   static_cast<unsigned long long>(attempts.IterValue(attempt))});
+      }
+    }
   } catch (const AERROR&) {
     return false;
   }
-  return IsPathInDrive(record.path) && IsValidName(content_name) &&
-         content_name.ends_with(kContentEnd);
+  const auto is_content = [](const std::string& name) {
+    return IsValidName(name) && name.ends_with(kContentEnd);
+  };
+  return IsPathInDrive(record.path) && is_content(content_name) &&
+         std::all_of(record.attempts.begin(), record.attempts.end(),
+                     [&](const auto& attempt) { return is_content(attempt.name); });
+}
+
+bool FromText(const std::string& text, Journal::Move& move) {
+  try {
+    const Json json(text.c_str());
+    move.remote = std::string(json.GetObject("remote"));
+    move.from = std::string(json.GetObject("from"));
+    move.to = std::string(json.GetObject("to"));
+    move.is_folder = static_cast<int>(json.GetObject("folder")) != 0;
+    Extract(json, move.size, move.modified);
+    move.replaced_id = std::string(json.GetObject("replaced"));
+  } catch (const AERROR&) {
+    return false;
+  }
+  return IsPathInDrive(move.from) && IsPathInDrive(move.to);
 }
 
 // The record of one file: the whole text or none of it.
@@ -164,7 +224,8 @@ std::string Journal::MakeId() {
 }
 
 int Journal::Put(const std::string& id, const Record& record, Content& content) {
-  if (!content.IsKept()) {
+  const bool is_new = !content.IsKept();
+  if (is_new) {
     if (const int error = content.KeepAs(folder + "/" + MakeId() + std::string(kContentEnd));
         error != 0) {
       return error;
@@ -174,8 +235,34 @@ int Journal::Put(const std::string& id, const Record& record, Content& content) 
     const MutexLock guard(lock);
     in_use.insert(id);
   }
-  return WriteWhole(folder, id + std::string(kRecordEnd),
-                    ToText(record, std::string(NameOf(content.Path()))));
+  const int error = WriteWhole(folder, id + std::string(kRecordEnd),
+                               ToText(record, std::string(NameOf(content.Path()))));
+  if (error != 0 && is_new) {
+    content.Discard();
+  }
+  return error;
+}
+
+int Journal::Put(const Move& move) {
+  return WriteWhole(folder, move.id + std::string(kMoveEnd), ToText(move));
+}
+
+void Journal::Remove(const Move& move) {
+  (void)::unlink((folder + "/" + move.id + std::string(kMoveEnd)).c_str());  // asked again later
+}
+
+std::vector<Journal::Move> Journal::ReadMoves(const std::string& remote) const {
+  std::vector<Move> moves;
+  for (const std::string& name : NamesIn(folder)) {
+    Move move;
+    std::string text;
+    if (name.ends_with(kMoveEnd) && ReadFile(folder + "/" + name, kMaxRecordBytes, text) &&
+        FromText(text, move) && move.remote == remote) {
+      move.id = name.substr(0, name.size() - kMoveEnd.size());
+      moves.push_back(std::move(move));
+    }
+  }
+  return moves;
 }
 
 void Journal::Remove(const std::string& id, Content& content) {
@@ -186,6 +273,7 @@ void Journal::Remove(const std::string& id, Content& content) {
 std::vector<Journal::Unsent> Journal::Read(const std::string& of_folder, const std::string& remote,
                                            int& unreadable) {
   std::vector<Unsent> found;
+  std::set<std::string> superseded;
   unreadable = 0;
   for (const std::string& name : RecordsByAge(of_folder)) {
     Unsent unsent;
@@ -196,6 +284,9 @@ std::vector<Journal::Unsent> Journal::Read(const std::string& of_folder, const s
         !FromText(text, unsent.record, content_name)) {
       ++unreadable;
       continue;
+    }
+    if (IsValidName(unsent.record.supersedes)) {
+      superseded.insert(unsent.record.supersedes);
     }
     if (!remote.empty() && unsent.record.remote != remote) {
       continue;
@@ -210,9 +301,29 @@ std::vector<Journal::Unsent> Journal::Read(const std::string& of_folder, const s
       continue;
     }
     unsent.content->LetGo();
+    OpenAttempts(of_folder, unsent);
     found.push_back(std::move(unsent));
   }
+  for (const std::string& id : superseded) {
+    (void)::unlink((of_folder + "/" + id + std::string(kRecordEnd)).c_str());  // mostly gone
+  }
+  std::erase_if(found, [&](const Unsent& unsent) { return superseded.count(unsent.id) != 0; });
   return found;
+}
+
+// One that is missing is one less to be recognised at the remote.
+void Journal::OpenAttempts(const std::string& of_folder, Unsent& unsent) {
+  std::erase_if(unsent.record.attempts, [&](const Record::Attempt& attempt) {
+    const std::string path = of_folder + "/" + attempt.name;
+    std::shared_ptr<Content> content;
+    std::error_code error;
+    if (files::file_size(path, error) != attempt.size || Content::Open(path, content) != 0) {
+      return true;
+    }
+    content->LetGo();
+    unsent.attempts.push_back(std::move(content));
+    return false;
+  });
 }
 
 void Journal::RemoveLeftOvers(const std::string& of_folder) {
@@ -220,6 +331,9 @@ void Journal::RemoveLeftOvers(const std::string& of_folder) {
   std::set<std::string> used;
   for (const Unsent& unsent : Read(of_folder, "", unreadable)) {
     used.insert(std::string(NameOf(unsent.content->Path())));
+    for (const Record::Attempt& attempt : unsent.record.attempts) {
+      used.insert(attempt.name);
+    }
   }
   for (const std::string& name : NamesIn(of_folder)) {
     const bool is_temporary = name.starts_with(".work-") || name.starts_with(".record-");
@@ -230,16 +344,22 @@ void Journal::RemoveLeftOvers(const std::string& of_folder) {
   }
 }
 
-// A second name for the content comes first, so that the record finds it wherever the record is.
+// Second names for the contents come first, so that the record finds them wherever the record is.
 bool Journal::MoveHere(const std::string& from_folder, Unsent& unsent) {
   const std::string record = "/" + unsent.id + std::string(kRecordEnd);
   const std::string old_path = unsent.content->Path();
   const std::string new_path = folder + "/" + std::string(NameOf(old_path));
+  for (const Record::Attempt& attempt : unsent.record.attempts) {
+    const std::string name = "/" + attempt.name;
+    (void)::link((from_folder + name).c_str(), (folder + name).c_str());  // as for a missing one
+  }
   if (::link(old_path.c_str(), new_path.c_str()) != 0 ||
       std::rename((from_folder + record).c_str(), (folder + record).c_str()) != 0) {
     return false;
   }
   (void)::unlink(old_path.c_str());  // a left-over without a record goes later
+  unsent.attempts.clear();
+  OpenAttempts(folder, unsent);
   return Content::Open(new_path, unsent.content) == 0;
 }
 
@@ -257,10 +377,16 @@ void Journal::TakeFrom(const std::string& other_folder, const std::string& remot
     }
   }
   RemoveLeftOvers(other_folder);
+  for (const std::string& name : NamesIn(other_folder)) {
+    if (name.ends_with(kMoveEnd)) {
+      (void)std::rename((other_folder + "/" + name).c_str(), (folder + "/" + name).c_str());
+    }
+  }
   (void)::rmdir(other_folder.c_str());  // stays while there is anything in it
 }
 
-std::vector<Journal::Unsent> Journal::TakeOver(const std::string& remote) {
+std::vector<Journal::Unsent> Journal::TakeOver(const std::string& remote,
+                                               std::vector<Move>& moves) {
   int unreadable = 0;
   std::vector<Unsent> taken = Read(folder, remote, unreadable);
   {
@@ -273,6 +399,7 @@ std::vector<Journal::Unsent> Journal::TakeOver(const std::string& remote) {
       TakeFrom(other, remote, taken);
     }
   }
+  moves = ReadMoves(remote);
   const MutexLock guard(lock);
   for (const Unsent& unsent : taken) {
     in_use.insert(unsent.id);

@@ -32,11 +32,30 @@ class Journal {
     FS_TIME modified = {};
     std::optional<std::string>
         replaces;  // the version; empty: a new file; unset: whatever is there
+    // Earlier contents that may have come to the remote, for all that is known.
+    struct Attempt {
+      std::string name;  // in the folder
+      std::uint64_t size = 0;
+    };
+    std::vector<Attempt> attempts = {};
+    std::string supersedes = {};  // the id of a file whose place this one takes; empty: of none
+  };
+  // A change of names at the remote that may or may not have come to its end there.
+  struct Move {
+    std::string id;
+    std::string remote;
+    std::string from;
+    std::string to;
+    bool is_folder = false;
+    std::uint64_t size = 0;   // of what is moved, as the remote tells
+    FS_TIME modified = {};    // as well
+    std::string replaced_id;  // of the unsent file that goes with it; empty: none
   };
   struct Unsent {
     std::string id;
     Record record;
     std::shared_ptr<Content> content;
+    std::vector<std::shared_ptr<Content>> attempts;  // those of the record
   };
 
   // In `base`, which is made, under a name made of the label. Null: the disk refuses it.
@@ -57,8 +76,13 @@ class Journal {
   [[nodiscard]] int Put(const std::string& id, const Record& record, Content& content);
   void Remove(const std::string& id, Content& content);
 
-  // What waits for this remote here and in folders that nobody has locked, the oldest first.
-  [[nodiscard]] std::vector<Unsent> TakeOver(const std::string& remote);
+  // For the time that a move takes.
+  [[nodiscard]] int Put(const Move& move);
+  void Remove(const Move& move);
+
+  // What waits for this remote here and in folders that nobody has locked, the oldest first. The
+  // moves are to be removed by whoever has found out what came of them.
+  [[nodiscard]] std::vector<Unsent> TakeOver(const std::string& remote, std::vector<Move>& moves);
 
  private:
   // The unsent files of a locked folder that are for this remote, or for any when it is empty.
@@ -66,6 +90,8 @@ class Journal {
   [[nodiscard]] static std::vector<Unsent> Read(const std::string& of_folder,
                                                 const std::string& remote, int& unreadable);
   static void RemoveLeftOvers(const std::string& of_folder);
+  [[nodiscard]] std::vector<Move> ReadMoves(const std::string& remote) const;
+  static void OpenAttempts(const std::string& of_folder, Unsent& unsent);
   [[nodiscard]] bool MoveHere(const std::string& from_folder, Unsent& unsent);
   void TakeFrom(const std::string& other_folder, const std::string& remote,
                 std::vector<Unsent>& taken);

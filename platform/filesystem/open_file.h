@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/filesystem/attributes.h"
 #include "platform/filesystem/nodes.h"
@@ -12,6 +13,12 @@
 #include "platform/filesystem/work_file.h"
 
 namespace tarn::fs {
+
+// One upload under way.
+struct Sending {
+  std::atomic<bool> give_up = false;   // set to have it end soon
+  std::atomic<bool> was_read = false;  // all of it: from then on the remote may have it
+};
 
 // One file that is open, or that has content which the remote lacks. All its handles see the same
 // content: that of `work` once there is one, else the remote's.
@@ -32,9 +39,12 @@ struct OpenFile {
   // In the journal: what was closed, or asked to be stored, and is not at the remote yet. Changed
   // only with FileSystem::publishing held, too.
   WorkFile::Snapshot unsent;
-  std::string id;  // in the journal; empty: never was there
-  // While it is being sent: set to have that end soon.
-  std::shared_ptr<std::atomic<bool>> give_up;
+  std::string id;        // in the journal; empty: never was there
+  bool is_kept = false;  // the journal has taken what was to be saved last
+  // What was on its way and may have come to the remote, though nobody said so: what is found there
+  // may be one of these. Changed as `unsent` is.
+  std::vector<WorkFile::Snapshot> attempts;
+  std::shared_ptr<Sending> sending;  // the last
 
   // The version that an upload may replace; empty: nothing may be there; unset: whatever is there.
   [[nodiscard]] std::optional<std::string> Replaces() const {

@@ -153,11 +153,12 @@ TEST_F(JournalTest, OnlyFilesOfTheSameRemoteAreTakenAndDamagedRecordsHarmNobody)
         << "two processes, two folders";
   }
   const auto journal = fs::Journal::Open(base.path(), "../drive");
-  EXPECT_TRUE(journal->TakeOver("memory:").empty());
-  const auto taken = journal->TakeOver("elsewhere");
+  std::vector<fs::Journal::Move> moves;
+  EXPECT_TRUE(journal->TakeOver("memory:", moves).empty());
+  const auto taken = journal->TakeOver("elsewhere", moves);
   ASSERT_EQ(taken.size(), 1U);
   EXPECT_EQ(taken[0].record.path, "/file");
-  EXPECT_TRUE(journal->TakeOver("elsewhere").empty()) << "once";
+  EXPECT_TRUE(journal->TakeOver("elsewhere", moves).empty()) << "once";
   EXPECT_TRUE(std::filesystem::exists(base.path() / "drive/damaged.record"));
 }
 

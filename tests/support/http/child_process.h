@@ -56,6 +56,8 @@ class ChildProcess {
     return pid > 0;
   }
 
+  [[nodiscard]] pid_t Pid() const { return pid; }
+
   // For up to 10 s.
   void WaitForEnd() {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);

@@ -28,6 +28,8 @@ class DavServer {
   // Empty when the server could not be started.
   [[nodiscard]] std::string Url(const std::string& path = "/") const;
 
+  // Of the server's first process, the parent of the others.
+  [[nodiscard]] pid_t Pid() const { return process ? process->Pid() : -1; }
   [[nodiscard]] std::filesystem::path Root() const { return folder.path() / "root"; }  // served
   [[nodiscard]] std::string Certificate() const { return folder.path() / "certificate"; }
 

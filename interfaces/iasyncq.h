@@ -11,9 +11,9 @@ enum ASYNCQ_LANE : int {
   ASYNCQ_URGENT = 1,  // a program waits for it: taken before everything in the other lane
 };
 
-// A queue of work with a fixed number of worker threads. Any thread may push, a task included. A
-// quarter of the workers never takes background work, so that an urgent task need not wait until a
-// long one of the background has ended; a queue of fewer than four workers cannot promise that.
+// A queue of work with a fixed number of worker threads. Any thread may push, a task included. One
+// worker of eight, and of four, never takes background work, so that an urgent task need not wait
+// until a long one of the background has ended; a queue of fewer than four cannot promise that.
 struct IAsyncQ {
   // 0: Every task that was accepted (SUCCESS) is called exactly once, in the order of arrival
   // within its lane. ASYNCQ_STOPPED after Release has begun, ASYNCQ_NULLOBJECT for a null task.

@@ -12,7 +12,9 @@ std::unique_ptr<AsyncQueue> AsyncQueue::Start(int worker_count) {
   return queue->StartWorkers(worker_count) ? std::move(queue) : nullptr;
 }
 
-AsyncQueue::AsyncQueue(int worker_count) : background_limit(worker_count - worker_count / 4) {}
+// One of eight workers is kept for what programs wait for, of four already one.
+AsyncQueue::AsyncQueue(int worker_count)
+    : background_limit(worker_count - (worker_count + 4) / 8) {}
 
 AsyncQueue::~AsyncQueue() {
   {

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -146,14 +148,29 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
  private:
   // What the kernel holds of a file.
   struct KernelState {
-    std::string version;                   // of the pages that it may have
-    Clock::time_point looked_up = {};      // when the remote told of it for a lookup
-    Clock::time_point fetched_ahead = {};  // when its content was, unchanged since it was listed
+    std::string version;               // of the pages that it may have
+    Clock::time_point looked_up = {};  // when the remote told of it for a lookup
+    bool fetched_ahead = false;        // its content is in the cache and was not opened since
   };
 
   struct SmallFile {
     Ino folder = 0;
     std::string name;
+  };
+  // What is known of a program that opens one small file after another.
+  struct SmallFiles {
+    size_t on_way = 0;  // being fetched
+    size_t window = 0;  // so many at a time
+    int misses = 0;     // files that had to be waited for
+    SmallFile last;     // that was opened
+    bool in_order = false;
+    Clock::time_point last_opened = {};
+    std::set<Ino> opened_folders;
+    std::set<Ino> planned_folders;
+    std::deque<SmallFile> planned;
+    size_t files = 0;  // planned or fetched, and not opened yet
+    std::uint64_t bytes = 0;
+    std::map<Ino, Clock::time_point> fetched;  // folders of those fetched, when they were listed
   };
   struct RemoteContent;  // the content on its way from the remote
 
@@ -169,9 +186,6 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
       TARN_EXCLUDES(lock);
   // Fetches what programs are likely to want next, in the background, a bounded number at a time.
   void ListAhead(const std::string& folder, const std::vector<Entry>& entries) TARN_EXCLUDES(lock);
-  void ReadsOneAfterAnother(const OpenFile& file) TARN_EXCLUDES(lock);
-  [[nodiscard]] std::vector<std::string> NextSmall(const std::vector<Entry>& entries) const
-      TARN_REQUIRES(lock);
   // What was begun to read for an open, of the file as it was expected to be.
   struct Beginning {
     std::shared_ptr<Reader> reader;  // null: nothing
@@ -182,6 +196,15 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Takes over what was begun for this open, if it is of what was found.
   static void Use(const Beginning& begun, OpenFile& file);
   std::shared_ptr<Reader> MakeReader(Ino ino, const Attributes& attributes, bool is_fresh);
+  // A file was opened; `waited`: until it was known how it is.
+  void OpenedSmall(const OpenFile& file, const Beginning& begun, Clock::duration waited)
+      TARN_EXCLUDES(lock);
+  void LearnFromWait(Clock::duration waited) TARN_REQUIRES(lock);
+  void PlanFolder(const SmallFile& start) TARN_REQUIRES(lock);
+  bool PlanFoldersBeside() TARN_REQUIRES(lock);
+  [[nodiscard]] std::optional<SmallFile> NextSmall(Clock::time_point now) TARN_REQUIRES(lock);
+  void FetchNextSmall() TARN_EXCLUDES(lock);
+  void ListAgain(Ino folder) TARN_EXCLUDES(lock);
   [[nodiscard]] bool ReadSmall(const std::string& path, const Attributes& expected,
                                const std::shared_ptr<Buffer>& content) TARN_EXCLUDES(lock);
   void FetchFileAhead(Ino folder, const std::string& name) TARN_EXCLUDES(lock);
@@ -356,8 +379,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   std::uint64_t next_handle TARN_GUARDED_BY(lock) = 1;
   std::set<std::string> listing_now TARN_GUARDED_BY(lock);
   int ahead_tasks TARN_GUARDED_BY(lock) = 0;
-  SmallFile last_small TARN_GUARDED_BY(lock);       // that was opened
-  std::string ahead_until TARN_GUARDED_BY(lock);    // the last name there that was fetched ahead
+  SmallFiles small TARN_GUARDED_BY(lock);
   std::list<Ino> remembered TARN_GUARDED_BY(lock);  // the last read first
   Space space TARN_GUARDED_BY(lock);
   Clock::time_point space_asked TARN_GUARDED_BY(lock) = {};

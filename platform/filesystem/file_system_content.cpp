@@ -84,7 +84,9 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
   }
   Attributes attributes;
   Beginning begun;
+  const auto asked = Clock::now();
   const int error = FindForOpen(ino, flags, attributes, begun);
+  const Clock::duration waited = Clock::now() - asked;
   std::shared_ptr<OpenFile> file;
   {
     const MutexLock guard(lock);
@@ -107,7 +109,7 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     opened.keep_cache = is_local || version == attributes.version;
     version = is_local ? version : attributes.version;
   }
-  ReadsOneAfterAnother(*file);
+  OpenedSmall(*file, begun, waited);
   const int truncated = WantsToWrite(flags) && (flags & O_TRUNC) != 0 ? Truncate(file) : 0;
   if (truncated != 0) {
     Release(opened.handle);

@@ -14,8 +14,8 @@ namespace {
 // A lookup and the open that it belongs to follow each other within this; then the open need not
 // ask again.
 constexpr std::chrono::milliseconds kSameCall{10};
-// The first open of a file that was fetched ahead takes what was found then, for a short time: a
-// program that goes through a folder of small files would wait for every one of them otherwise.
+// The first open of a file that was fetched ahead takes what was found then or since, for a short
+// time: a program that goes through small files would wait for every one of them otherwise.
 constexpr std::chrono::seconds kAheadTrust{1};
 constexpr size_t kMaxRemembered = 4096;
 constexpr size_t kSmallFileBytes = Reader::kBlockBytes;
@@ -69,9 +69,19 @@ void FileSystem::Use(const Beginning& begun, OpenFile& file) {
 bool FileSystem::TrustsForOpen(Ino ino) {
   const auto now = Clock::now();
   const MutexLock guard(lock);
-  const auto looked_up = std::exchange(kernel[ino].looked_up, Clock::time_point{});
-  const auto ahead = std::exchange(kernel[ino].fetched_ahead, Clock::time_point{});
-  return looked_up + kSameCall > now || ahead + kAheadTrust > now;
+  KernelState& known = kernel[ino];
+  const auto looked_up = std::exchange(known.looked_up, Clock::time_point{});
+  if (looked_up + kSameCall > now) {
+    return true;
+  }
+  const auto path = std::exchange(known.fetched_ahead, false) ? nodes.PathOf(ino) : std::nullopt;
+  const auto answer = path ? listings.Find(*path, now) : Listings::Answer{};
+  const bool trusts = answer.known == Listings::Known::kPresent && answer.asked + kAheadTrust > now;
+  if (trusts && small.files > 0) {
+    --small.files;
+    small.bytes -= std::min<std::uint64_t>(small.bytes, answer.attributes.size);
+  }
+  return trusts;
 }
 
 int FileSystem::FindForOpen(Ino ino, int flags, Attributes& attributes, Beginning& begun) {

@@ -204,7 +204,9 @@ Answer Client::Perform(Request& asked, Throttle::Ticket ticket, long schemes, bo
   const HeaderLines lines = Prepare(running);
   curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, lines.get());
   curl_easy_setopt(easy.get(), CURLOPT_HTTPAUTH, schemes);
-  curl_easy_setopt(easy.get(), CURLOPT_FRESH_CONNECT, fresh ? 1L : 0L);
+  // After a Cancel, because the machine has slept for instance, a connection may be dead untold.
+  const bool is_old = throttle.IsCancelled(std::exchange(last_ticket, ticket));
+  curl_easy_setopt(easy.get(), CURLOPT_FRESH_CONNECT, fresh || is_old ? 1L : 0L);
   Run(running);
   Clear();
   curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, static_cast<curl_slist*>(nullptr));

@@ -92,7 +92,7 @@ class Client : public CURLImpl {
   ~Client() override;
 
   // `schemes`: the CURLAUTH_ bits to answer a server's wish for a login with. `fresh`: not on a
-  // connection that was used before.
+  // connection that was used before; nor is one that was used before the last Cancel.
   [[nodiscard]] Answer Perform(Request& asked, Throttle::Ticket ticket, long schemes, bool fresh);
 
   // Has a running Perform look whether it was cancelled.
@@ -116,6 +116,7 @@ class Client : public CURLImpl {
   CURLAuth* const auth;
   Throttle& throttle;
   std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi;
+  Throttle::Ticket last_ticket = 0;
   bool knows_nonce = false;  // a digest login has succeeded on this client
 };
 

@@ -529,6 +529,20 @@ TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
   EXPECT_EQ(content.size(), 1000U);
 }
 
+TEST_F(ScriptedTest, NothingIsAskedOverAConnectionFromBeforeACancel) {
+  Serve([&](const Request&) {
+    thread_local int served = 0;  // over this connection
+    return Reply{.bytes = HttpAnswer(200, std::to_string(++served))};
+  });
+  std::string content;
+  EXPECT_EQ(Get("/file", content), SUCCESS);
+  EXPECT_EQ(Get("/file", content), SUCCESS);
+  EXPECT_NE(content, "1") << "kept alive";
+  EXPECT_EQ(protocol->Cancel(), SUCCESS);
+  EXPECT_EQ(Get("/file", content), SUCCESS);
+  EXPECT_EQ(content, "1");
+}
+
 TEST(ClientTest, AnswersThatDripAreGivenUp) {
   ScriptedServer drips([](const Request& request) {
     return Reply{.bytes = HttpAnswer(200, std::string(1000, 'x')),

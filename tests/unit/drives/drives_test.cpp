@@ -278,13 +278,22 @@ TEST_F(DrivesTest, ARelayToAllAndDisconnectAllReachEveryDriveThoughSomeRefuseOrD
             R"({"cmd":"disconnect_all","result":""})");
 }
 
-TEST_F(DrivesTest, AStoppingServiceWaitsForNoDrive) {
-  TestClient client(port);
-  client.Send(Connect("/d", "hangs"));
-  ASSERT_TRUE(WaitUntil([] { return Fifos().find("_2_1") != std::string::npos; }));
+TEST_F(DrivesTest, AStoppingServiceWaitsForNoDriveAndNoAnswer) {
+  TestClient mounting(port);
+  TestClient owner(port);
+  TestClient asking(port);
+  Mount(owner, "/q", "d");
+  asking.Send(DriveMessage("spindle_remove_protocol", "/q"));
+  EXPECT_EQ(owner.Receive(), R"({"cmd":"request_quota","data":{"drive":"/q"}})");
+  mounting.Send(Connect("/d", "hangs"));
+  ASSERT_TRUE(WaitUntil([] {
+    const std::string fifos = Fifos();
+    return fifos.find("_2_1") != fifos.rfind("_2_1");  // of both drives
+  }));
   const auto begin = steady_clock::now();
   ProcessStarted = false;
-  EXPECT_EQ(client.Receive(), Result(-6));
+  EXPECT_EQ(mounting.Receive(), Result(-6));
+  EXPECT_EQ(asking.Receive(), Result(-6));
   EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(1));
   ProcessStarted = true;
 }

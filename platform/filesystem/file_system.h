@@ -26,6 +26,8 @@
 
 namespace tarn::fs {
 
+inline constexpr mode_t kFilePermissions = 0644;
+
 // What stat(2) is to show.
 struct Stat {
   Ino ino = kRootIno;
@@ -35,7 +37,7 @@ struct Stat {
   bool linked = true;
   Clock::duration valid_for = {};  // how long the kernel may believe it
 
-  [[nodiscard]] mode_t Permissions() const { return is_folder ? 0755 : 0644; }
+  [[nodiscard]] mode_t Permissions() const { return is_folder ? 0755 : kFilePermissions; }
 };
 
 // What setattr is to change.
@@ -126,8 +128,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
     std::uint64_t handle = 0;
     bool keep_cache = false;
   };
+  // Until the file is closed for good, `permissions` can be given to it again, without effect.
   [[nodiscard]] int Create(Ino folder, const std::string& name, int flags, Stat& stat,
-                           Opened& opened);
+                           Opened& opened, mode_t permissions = kFilePermissions);
   [[nodiscard]] int Open(Ino ino, int flags, Opened& opened);
   // The content is that of all parts, one after the other.
   [[nodiscard]] int Read(std::uint64_t handle, std::uint64_t offset, size_t length,
@@ -324,6 +327,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   void Stored(OpenFile& file, const std::string& path, WorkFile& work, const WorkFile::State& state,
               const Attributes& stored) TARN_EXCLUDES(publishing, lock);
 
+  [[nodiscard]] bool MayHave(mode_t permissions, const Stat& stat) const TARN_EXCLUDES(lock);
   [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
   [[nodiscard]] bool IsAsOpened(const OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
   void TakeNewVersion(OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);

@@ -47,7 +47,7 @@ int FileSystem::SetAttributes(Ino ino, const AttributeChange& change, Stat& stat
   if (const int error = GetAttributes(ino, stat); error != 0) {
     return error;
   }
-  if ((change.permissions && (*change.permissions & 07777) != stat.Permissions()) ||
+  if ((change.permissions && !MayHave(*change.permissions & 07777, stat)) ||
       (change.user && *change.user != ::geteuid()) ||
       (change.group && *change.group != ::getegid())) {
     return EPERM;
@@ -62,6 +62,13 @@ int FileSystem::SetAttributes(Ino ino, const AttributeChange& change, Stat& stat
     return error;
   }
   return GetAttributes(ino, stat);
+}
+
+// Programs that copy give a new file the permissions that they have created it with.
+bool FileSystem::MayHave(mode_t permissions, const Stat& stat) const {
+  const MutexLock guard(lock);
+  const auto file = FindOpenFile(stat.ino);
+  return permissions == stat.Permissions() || (file && file->created_with == permissions);
 }
 
 int FileSystem::SetSize(Ino ino, std::uint64_t size) {

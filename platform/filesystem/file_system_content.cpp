@@ -39,7 +39,8 @@ std::optional<Handle> FileSystem::GetHandle(std::uint64_t handle) {
   return found == handles.end() ? std::nullopt : std::optional(found->second);
 }
 
-int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& stat, Opened& opened) {
+int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& stat, Opened& opened,
+                       mode_t permissions) {
   if (!IsValidName(name)) {
     return name.size() > kMaxNameBytes ? ENAMETOOLONG : EILSEQ;
   }
@@ -64,6 +65,7 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
   const Ino ino = nodes.Ensure(folder, name, false);
   const auto file = EnsureOpenFile(ino);
   file->work = std::move(work);
+  file->created_with = permissions;
   nodes.AddLookup(ino);
   opened = MakeHandle(file, flags);
   stat = LocalStat(*file);

@@ -179,12 +179,12 @@ void SymbolicLink(fuse_req_t request, const char* /*text*/, fuse_ino_t /*folder*
   (void)fuse_reply_err(request, EPERM);
 }
 
-void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t /*mode*/,
+void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
             fuse_file_info* open) {
   Serve(request, [&](FileSystem& files) {
     Stat known;
     FileSystem::Opened opened;
-    const int error = files.Create(folder, name, open->flags, known, opened);
+    const int error = files.Create(folder, name, open->flags, known, opened, mode & 07777);
     if (error == 0) {
       open->fh = opened.handle;
       const fuse_entry_param entry = ToEntry(known);

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "platform/filesystem/attributes.h"
@@ -29,12 +30,13 @@ struct OpenFile {
   int handles = 0;
   int writers = 0;  // of the handles
   std::shared_ptr<WorkFile> work;
-  bool preparing = false;          // somebody is making `work`; wait for FileSystem::prepared
-  bool at_remote = false;          // the remote has something under this file's name
-  Attributes remote;               // what the remote has, as of the last open or upload
-  bool is_fresh = false;           // nobody was given anything of `remote` before it was opened
-  std::shared_ptr<Reader> reader;  // of `remote`; made when it is needed
-  std::uint64_t serial = 0;        // counts the changes made elsewhere that an open has seen
+  bool preparing = false;              // somebody is making `work`; wait for FileSystem::prepared
+  std::optional<mode_t> created_with;  // the permissions asked for, of a file that is new
+  bool at_remote = false;              // the remote has something under this file's name
+  Attributes remote;                   // what the remote has, as of the last open or upload
+  bool is_fresh = false;               // nobody was given anything of `remote` before it was opened
+  std::shared_ptr<Reader> reader;      // of `remote`; made when it is needed
+  std::uint64_t serial = 0;            // counts the changes made elsewhere that an open has seen
 
   // In the journal: what was closed, or asked to be stored, and is not at the remote yet. Changed
   // only with FileSystem::publishing held, too.

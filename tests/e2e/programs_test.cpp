@@ -1,0 +1,306 @@
+// Real programs at work on a WebDAV server as a volume: each does what it does on a disk.
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include "common/unique_fd.h"
+#include "tests/e2e/mounting.h"
+#include "tests/support/http/dav_server.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ProgramsTest : public MountingTest {
+ protected:
+  static constexpr std::chrono::minutes kTimeToRun{5};
+
+  [[nodiscard]] int MountServer() { return Mount(server.Url(), volume, "Web", "webdav"); }
+
+  // A shell's exit status; $V is the volume, $R what the server has, and the working directory is a
+  // plain folder.
+  int Run(const std::string& script) {
+    const std::string head = "V='" + volume.string() + "' R='" + server.Root().string() + "'\n";
+    Program shell({"sh", "-euc", head + script}, home.Path(), backing, home.Path() / "printed");
+    const int status = shell.WaitForEnd(kTimeToRun).value_or(-1);
+    if (status != 0) {
+      std::cerr << "printed so far:\n" << shell.Output();
+    }
+    return status;
+  }
+  [[nodiscard]] bool Has(const std::string& program) {
+    Program shell({"sh", "-c", "command -v " + program}, home.Path(), backing, "/dev/null");
+    return shell.WaitForEnd() == 0;
+  }
+  // Everything is at the server once this has returned 0.
+  [[nodiscard]] int UnmountAndCompare(const std::string& script) {
+    EXPECT_EQ(Unmount(volume), 0);
+    return Run(script);
+  }
+  [[nodiscard]] UniqueFd Open(const std::string& name, int flags) const {
+    return UniqueFd(::open((volume / name).c_str(), flags | O_CLOEXEC, 0644));
+  }
+
+  const DavServer server{DavServer::Kind::kApache};
+};
+
+#define TARN_SKIP_WITHOUT(program)            \
+  if (!Has(program)) {                        \
+    GTEST_SKIP() << "no program " << program; \
+  }                                           \
+  static_assert(true, "a semicolon follows")
+
+// A plain folder "tree" with names and sizes of many kinds.
+constexpr const char* kMakeTree = R"sh(
+mkdir -p "tree/with space/deep/er" tree/empty
+i=0
+while [ $i -lt 60 ]; do
+  i=$((i + 1))
+  head -c $((i * i * 40)) /dev/urandom > "tree/with space/deep/$i"
+done
+echo text > tree/text
+: > tree/nothing
+head -c 5000000 /dev/urandom > tree/large
+)sh";
+
+TEST_F(ProgramsTest, GitKeepsARepositoryThere) {
+  TARN_SKIP_WITHOUT("git");
+  ASSERT_EQ(MountServer(), 0);
+  EXPECT_EQ(Run(kMakeTree + std::string(R"sh(
+export GIT_AUTHOR_NAME=a GIT_AUTHOR_EMAIL=a@b GIT_COMMITTER_NAME=a GIT_COMMITTER_EMAIL=a@b
+git init -q tree && git -C tree add . && git -C tree commit -qm first
+git clone -q --no-hardlinks tree "$V/clone"
+cd "$V/clone"
+echo more >> text && git commit -qam second
+git mv text renamed && git commit -qm third
+git gc -q && git fsck --strict
+test -z "$(git status --porcelain)"
+git init -q "$V/new" && cd "$V/new"
+echo x > file && git add file && git commit -qm x && git fsck
+)sh")),
+            0);
+  EXPECT_EQ(UnmountAndCompare(R"sh(
+git config --global --add safe.directory '*'
+git clone -q "$R/clone" again && git -C again fsck
+test "$(git -C again log --format=%s | tr '\n' ' ')" = "third second first "
+cmp again/large tree/large
+)sh"),
+            0);
+}
+
+TEST_F(ProgramsTest, ArchivesAreUnpackedAndFoldersCopied) {
+  ASSERT_EQ(MountServer(), 0);
+  EXPECT_EQ(Run(kMakeTree + std::string(R"sh(
+tar cf tree.tar tree && mkdir "$V/tar" && tar xf tree.tar -C "$V/tar"
+diff -r tree "$V/tar/tree"
+tar cf "$V/tree.tar" -C "$V/tar" tree && tar tf "$V/tree.tar" > /dev/null
+)sh")),
+            0);
+  std::string compare =
+      "diff -r tree \"$R/tar/tree\"\ntar df \"$R/tree.tar\" tree | grep -v 'time differs' && exit "
+      "1\n";
+  if (Has("zip") && Has("unzip")) {
+    EXPECT_EQ(
+        Run(R"sh(zip -qr tree.zip tree && unzip -q tree.zip -d "$V/zip" && diff -r tree "$V/zip/tree")sh"),
+        0);
+    compare += "diff -r tree \"$R/zip/tree\"\n";
+  } else {
+    std::cerr << "no zip or unzip here: not tried\n";
+  }
+  if (Has("rsync")) {
+    EXPECT_EQ(Run(R"sh(
+rsync -a --stats tree/ "$V/rsync/" | grep -q 'files transferred: 63'
+rsync -ac --stats tree/ "$V/rsync/" > stats
+grep -q 'files transferred: 0' stats || { cat stats; exit 1; }
+echo other > tree/text
+rsync -ac --stats tree/ "$V/rsync/" | grep -q 'files transferred: 1$'
+echo text > tree/text
+)sh"),
+              0);
+    compare += "diff -rq tree \"$R/rsync\" | grep -v '/text differ' && exit 1\n";
+  } else {
+    std::cerr << "no rsync here: not tried\n";
+  }
+  EXPECT_EQ(UnmountAndCompare(compare + "true"), 0);
+}
+
+TEST_F(ProgramsTest, ADatabaseStaysWhole) {
+  TARN_SKIP_WITHOUT("sqlite3");
+  ASSERT_EQ(MountServer(), 0);
+  EXPECT_EQ(Run(R"sh(
+sqlite3 "$V/db" 'create table t(id integer primary key, text)'
+for n in 1 2 3; do
+  sqlite3 "$V/db" "begin; with recursive c(x) as (select 1 union all select x+1 from c where x<2000)
+    insert into t(text) select hex(randomblob(50)) from c; commit;"
+  sqlite3 "$V/db" "begin; delete from t; rollback;"
+done
+sqlite3 "$V/db" "update t set text = 'x' where id % 7 = 0; vacuum;"
+test "$(sqlite3 "$V/db" 'pragma integrity_check; select count(*) from t')" = "ok
+6000"
+)sh"),
+            0);
+  EXPECT_EQ(UnmountAndCompare(R"sh(cp "$R/db" db
+test "$(sqlite3 db 'pragma integrity_check; select count(*) from t where text = "x"')" = "ok
+857")sh"),
+            0);
+}
+
+TEST_F(ProgramsTest, EditorsAndShellsSaveAsTheyDo) {
+  ASSERT_EQ(MountServer(), 0);
+  EXPECT_EQ(Run(R"sh(
+cd "$V"
+echo first > text
+for i in 1 2 3 4 5; do
+  mv text text~ && echo "version $i" > text && rm text~
+  echo "line $i" >> log
+  cp text text~ && echo "then $i" > .text.swp && mv .text.swp text
+done
+test "$(cat text text~)" = "then 5
+version 5"
+mv log LOG && test "$(ls)" = "LOG
+text
+text~"
+touch -d '2020-02-02 02:02:02' text
+chmod 644 text && ! chmod 755 text 2> error && grep -q 'not permitted' error && rm error
+! ln text hard 2> /dev/null && ! ln -s text soft 2> /dev/null
+truncate -s 3 LOG && truncate -s 6 LOG && dd if=/dev/zero of=sparse bs=1 seek=3000000 count=1 status=none
+)sh"),
+            0);
+  EXPECT_EQ(::link((volume / "text").c_str(), (volume / "hard").c_str()), -1);
+  EXPECT_EQ(errno, EPERM);
+  const UniqueFd locked = Open("text", O_RDWR);
+  ASSERT_EQ(::flock(locked.get(), LOCK_EX), 0);
+  EXPECT_EQ(Run("! flock -n \"$V/text\" true"), 0);
+  ASSERT_EQ(::flock(locked.get(), LOCK_UN), 0);
+  EXPECT_EQ(Run("flock -n \"$V/text\" true"), 0);
+  EXPECT_EQ(UnmountAndCompare(R"sh(
+cd "$R"
+test "$(cat text text~)" = "then 5
+version 5"
+printf 'lin\0\0\0' | cmp LOG
+head -c 3000001 /dev/zero | cmp sparse
+test "$(ls)" = "LOG
+sparse
+text
+text~"
+)sh"),
+            0);
+}
+
+TEST_F(ProgramsTest, FilesAreChangedInPlaceWhileTheyAreOpenRemovedAndRenamed) {
+  constexpr size_t kSize = 64UL << 20;
+  constexpr size_t kMiddle = kSize / 2 + 5;
+  std::string content(kSize, 'o');
+  server.WriteFile("large", content);
+  ASSERT_EQ(MountServer(), 0);
+  {
+    const UniqueFd file = Open("large", O_RDWR);
+    ASSERT_EQ(::pwrite(file.get(), "middle", 6, kMiddle), 6);
+    void* const mapped =
+        ::mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 4096);
+    ASSERT_NE(mapped, MAP_FAILED);
+    std::fill_n(static_cast<char*>(mapped) + 100, 5000, 'm');
+    EXPECT_EQ(::munmap(mapped, 8192), 0);
+    EXPECT_EQ(::ftruncate(file.get(), kSize - 3), 0);
+    EXPECT_EQ(::rename((volume / "large").c_str(), (volume / "renamed").c_str()), 0);
+    EXPECT_EQ(::pwrite(file.get(), "after", 5, 0), 5);
+  }
+  content.replace(kMiddle, 6, "middle").replace(4196, 5000, 5000, 'm').replace(0, 5, "after");
+  content.resize(kSize - 3);
+  const UniqueFd removed = Open("removed", O_RDWR | O_CREAT);
+  ASSERT_EQ(::pwrite(removed.get(), "kept", 4, 0), 4);
+  ASSERT_EQ(::unlink((volume / "removed").c_str()), 0);
+  char bytes[4] = {};
+  EXPECT_EQ(::pread(removed.get(), bytes, 4, 0), 4);
+  EXPECT_EQ(std::string(bytes, 4), "kept");
+  EXPECT_TRUE(ReadFile(volume / "renamed") == content);
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_TRUE(server.ReadFile("renamed") == content);
+  EXPECT_FALSE(fs::exists(server.Root() / "large"));
+  EXPECT_FALSE(fs::exists(server.Root() / "removed"));
+}
+
+TEST_F(ProgramsTest, AFullDiskIsToldToTheProgramThatWritesAndHarmsNothingElse) {
+  const fs::path journals = home.MakeFolder("Library/Application Support/tarnsvc/_unsent_");
+  if (::mount("tmpfs", journals.c_str(), "tmpfs", 0, "size=4m,mode=700") != 0) {
+    GTEST_SKIP() << "no file system of a small size may be mounted here";
+  }
+  ASSERT_EQ(MountServer(), 0);
+  const std::string closed(1 << 20, 'c');
+  const auto stop_server = [&](int signal) {
+    for (const pid_t process : ChildrenOf(server.Pid())) {
+      ASSERT_EQ(::kill(process, signal), 0);
+    }
+  };
+  UniqueFd kept = Open("closed", O_WRONLY | O_CREAT);
+  {
+    const UniqueFd file = Open("too large", O_WRONLY | O_CREAT);
+    ASSERT_NO_FATAL_FAILURE(stop_server(SIGSTOP));
+    ASSERT_TRUE(WriteAll(kept.get(), closed.data(), closed.size()));
+    ASSERT_EQ(::close(kept.release()), 0);
+    const std::string piece(1 << 20, 'x');
+    int error = 0;
+    for (int i = 0; i < 8 && error == 0; ++i) {
+      error = ::write(file.get(), piece.data(), piece.size()) < 0 ? errno : 0;
+    }
+    EXPECT_EQ(error, ENOSPC);
+    ASSERT_NO_FATAL_FAILURE(stop_server(SIGCONT));
+    EXPECT_EQ(::unlink((volume / "too large").c_str()), 0);
+  }
+  EXPECT_EQ(ReadFile(volume / "closed"), closed);
+  WriteFile(volume / "next", "fits again");
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_EQ(server.ReadFile("closed"), closed);
+  EXPECT_EQ(server.ReadFile("next"), "fits again");
+  EXPECT_FALSE(fs::exists(server.Root() / "too large"));
+  EXPECT_EQ(::umount2(journals.c_str(), MNT_DETACH), 0);
+}
+
+// Takes 5 GiB of disk and some minutes: only where TARN_LARGE_FILE is set.
+TEST_F(ProgramsTest, ALargeFileGoesThroughASmallCache) {
+  if (std::getenv("TARN_LARGE_FILE") == nullptr) {
+    GTEST_SKIP() << "TARN_LARGE_FILE is not set";
+  }
+  const fs::path cache = home.MakeFolder("cache");
+  ASSERT_EQ(::mount("tmpfs", cache.c_str(), "tmpfs", 0, "size=256m,mode=700"), 0);
+  WriteFile(home.Path() / "Library/Application Support/tarnsvc/tarncache.ini",
+            "[CACHE]\r\npath = " + cache.string() + "\r\nsize = 1\r\n");
+  ASSERT_EQ(Run(R"sh(
+truncate -s 2G large
+for at in 0 700 1400 2040; do
+  dd if=/dev/urandom of=large bs=1M count=8 seek=$at conv=notrunc status=none
+done)sh"),
+            0);
+  const auto look = [&](const char* what, const std::string& script) {
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(Run(script), 0);
+    const auto end = std::chrono::steady_clock::now();
+    const std::string status =
+        FileContent("/proc/" + std::to_string(service.DriveProcesses().at(0)) + "/status");
+    const size_t memory = status.find("VmHWM");
+    std::cerr << what << ": " << std::chrono::duration<double>(end - begin).count() << " s, "
+              << status.substr(memory, status.find('\n', memory) - memory) << ", cache "
+              << (fs::space(cache).capacity - fs::space(cache).free) / 1024 << " KiB\n";
+  };
+  ASSERT_EQ(MountServer(), 0);
+  look("copied there", "cp large \"$V/large\" && sync \"$V/large\"");
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_EQ(Run("cmp large \"$R/large\""), 0);
+  ASSERT_EQ(MountServer(), 0);
+  look("read", "cmp large \"$V/large\"");
+  look("changed in the middle",
+       "dd if=/dev/zero of=\"$V/large\" bs=4096 count=1 seek=300000 "
+       "conv=notrunc,fsync status=none");
+  EXPECT_EQ(Unmount(volume), 0);
+  EXPECT_EQ(::umount2(cache.c_str(), MNT_DETACH), 0);
+}
+
+}  // namespace
+}  // namespace tarn::test

@@ -33,7 +33,7 @@ class LimitedProtocol {
 
   // Waits for what the protocol says that it can do, as for every answer.
   LimitedProtocol(std::shared_ptr<IProtocol_V2> limited, const Limits& times,
-                  Reachability::Listener listener);
+                  Reachability::Listener told);
   ~LimitedProtocol();
   LimitedProtocol(const LimitedProtocol&) = delete;
   LimitedProtocol& operator=(const LimitedProtocol&) = delete;

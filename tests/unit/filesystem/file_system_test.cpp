@@ -20,6 +20,7 @@ class FileSystemTest : public testing::Test {
     files->GetEvents().SetSink(events);
     files->AddProtocol(Share(protocol));
   }
+  ~FileSystemTest() override { files->CloseAll(); }
 
   int Open(const std::string& path, int flags) {
     int file = -1;

@@ -257,13 +257,12 @@ void Write(fuse_req_t request, fuse_ino_t /*ino*/, const char* data, size_t leng
 }
 
 void Flush(fuse_req_t request, fuse_ino_t /*ino*/, fuse_file_info* open) {
-  Serve(request, [&](FileSystem& files) {
-    const int error = files.Flush(open->fh);
-    if (error == 0) {
-      (void)fuse_reply_err(request, 0);
-    }
-    return error;
-  });
+  ServeWaiting(  // what is on its way goes on, as in Sync
+      request, [&](FileSystem& files) { return files.Flush(open->fh); },
+      [&](FileSystem&, int error) {
+        (void)fuse_reply_err(request, error);
+        return 0;
+      });
 }
 
 void Sync(fuse_req_t request, fuse_ino_t /*ino*/, int /*only_data*/, fuse_file_info* open) {

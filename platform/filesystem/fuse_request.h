@@ -39,9 +39,9 @@ void Serve(fuse_req_t request, Work work) {
 }
 
 // The same for a request that a signal may end while `work` waits for the remote. Such a `work`
-// changes nothing there, and does not answer: `reply` does, with the error that `work` returned,
-// and returns as in Serve. `take_back` undoes what a successful `work` has counted, when nobody
-// wants the answer any more.
+// changes nothing there that the program must learn of, and does not answer: `reply` does, with the
+// error that `work` returned, and returns as in Serve. `take_back` undoes what a successful `work`
+// has counted, when nobody wants the answer any more.
 template <typename Work, typename Reply, typename TakeBack>
 void ServeWaiting(fuse_req_t request, Work work, Reply reply, TakeBack take_back) {
   FileSystem& files = Files(request);

@@ -104,10 +104,11 @@ void DavServer::MakeCertificate() const {
 std::string DavServer::ApacheConfiguration() const {
   const std::string base = folder.path();
   std::string lines = LoadModules({"mpm_event", "authz_core", "dav", "dav_fs"});
-  lines +=
-      "ServerRoot " + base + "\nServerName 127.0.0.1\nListen 127.0.0.1:" + std::to_string(port) +
-      "\nPidFile " + base + "/pid\nErrorLog " + base + "/log\nDavLockDB " + base +
-      "/work/locks\nDocumentRoot " + base + "/root\nStartServers 1\nAllowEncodedSlashes NoDecode\n";
+  lines += "ServerRoot " + base +
+           "\nServerName 127.0.0.1\nListen 127.0.0.1:" + std::to_string(port) + "\nPidFile " +
+           base + "/pid\nErrorLog " + base + "/log\nDavLockDB " + base +
+           "/work/locks\nDocumentRoot " + base +
+           "/root\nStartServers 1\nLimitRequestBody 0\nAllowEncodedSlashes NoDecode\n";
   if (::geteuid() == 0) {
     lines += std::string("User ") + kServersUser + "\nGroup " + kServersUser + "\n";
   }

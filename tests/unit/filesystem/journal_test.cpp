@@ -6,14 +6,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/service/wait.h"
 #include "tests/unit/filesystem/direct_calls.h"
 #include "tests/unit/filesystem/lent_libraries.h"
 #include "tests/unit/filesystem/recording_events.h"
 
 namespace tarn::test {
 namespace {
-
-constexpr std::chrono::seconds kPatience{20};
 
 // A drive with a journal over a remote in memory. Its end without SendAll is that of a process
 // which died: nothing of the objects' ends touches what was kept.
@@ -98,6 +97,58 @@ TEST_F(JournalTest, AnUploadThatCameThereBeforeTheProcessDiedMakesNoConflict) {
   Drive again(base.path(), "drive", protocol);
   EXPECT_EQ(again.files->SendAll(kPatience), 0U);
   EXPECT_EQ(protocol.Paths(), std::vector<std::string>{"/file"});
+}
+
+TEST_F(JournalTest, AFileThatCameThereUnnoticedIsReplacedRemovedAndRenamedAsOurs) {
+  const std::vector<std::string> names = {"/changed", "/removed", "/renamed"};
+  {
+    Drive drive(base.path(), "drive", protocol);
+    protocol.loses_answers = true;
+    for (const std::string& name : names) {
+      EXPECT_EQ(drive.calls.WriteFile(name, "first"), 0);
+      EXPECT_TRUE(WaitUntil([&] { return protocol.Content(name) == "first"; }));
+    }
+    EXPECT_EQ(drive.calls.WriteFile("/changed", "second"), 0);
+  }
+  protocol.loses_answers = false;
+  protocol.failure = FILE_WRITE_FAILED;  // of what is sent at once
+  Drive again(base.path(), "drive", protocol);
+  protocol.failure = SUCCESS;
+  EXPECT_EQ(again.calls.Unlink("/removed"), 0);
+  EXPECT_EQ(again.calls.Rename("/renamed", "/new name"), 0);
+  EXPECT_EQ(again.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/changed", "/new name"}));
+  EXPECT_EQ(protocol.Content("/changed"), "second");
+}
+
+TEST_F(JournalTest, AMoveThatTheProcessDidNotLiveToSeeHasHappenedOrNot) {
+  for (const bool has_happened : {false, true}) {
+    protocol.Remove("/b");
+    protocol.Write("/a", "theirs");
+    FS_INFO source = {};
+    ASSERT_EQ(protocol.GetInfo("/a", &source), SUCCESS);
+    fs::Journal::Record record{.remote = "memory:", .path = "/b", .size = 4, .replaces = ""};
+    {
+      const auto journal = fs::Journal::Open(base.path(), "drive");
+      std::shared_ptr<fs::Content> content;
+      size_t written = 0;
+      ASSERT_EQ(fs::Content::Make(journal->GetFolder(), true, content), 0);
+      ASSERT_EQ(content->Write(0, "ours", 4, written), 0);
+      ASSERT_EQ(journal->Put("one", record, *content), 0);
+      ASSERT_EQ(journal->Put(fs::Journal::Move{"two", "memory:", "/a", "/b", false, source.size,
+                                               source.modified, "one"}),
+                0);
+    }
+    if (has_happened) {
+      ASSERT_EQ(protocol.Move("/a", "/b"), SUCCESS);
+    }
+    Drive drive(base.path(), "drive", protocol);
+    EXPECT_EQ(drive.calls.Content("/b"), has_happened ? "theirs" : "ours");
+    EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+    EXPECT_EQ(protocol.Content("/b"), has_happened ? "theirs" : "ours");
+    EXPECT_EQ(protocol.Paths().size(), has_happened ? 1U : 2U);
+  }
+  EXPECT_EQ(FilesOnDisk(), 0U);
 }
 
 TEST_F(JournalTest, AChangedFileThatSomebodyElseChangedMeanwhileIsKeptBesideTheirs) {

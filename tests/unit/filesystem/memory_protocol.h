@@ -59,6 +59,7 @@ class MemoryProtocol : public IProtocol_V2 {
   std::atomic<int> latency_ms = 0;                   // before every operation
   std::atomic<bool> reads_versions = true;           // a capability
   std::atomic<AERROR> failure = SUCCESS;             // of every operation, when not SUCCESS
+  std::atomic<bool> loses_answers = false;           // uploads come, but fail nevertheless
   std::atomic<int> lists = 0, infos = 0, reads = 0;  // operations so far
 
   void Release() override {}  // lives as long as its test wants
@@ -137,7 +138,7 @@ class MemoryProtocol : public IProtocol_V2 {
       stored.modified = *source->modified;
     }
     std::memcpy(source->version, Describe(stored).version, sizeof source->version);
-    return SUCCESS;
+    return loses_answers ? FILE_WRITE_FAILED : SUCCESS;
   }
   AERROR CreateFolder(const char* path) override {
     if (const AERROR error = Begin(); error != SUCCESS) {

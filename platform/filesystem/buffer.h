@@ -5,7 +5,8 @@
 
 namespace tarn::fs {
 
-// Memory for content on its way, which goes back to the system at once.
+// Memory for content on its way. Large ones of one size are used again while content flows; the
+// rest goes back to the system at once.
 //
 // Threads: any; who shares the content sees to it that nobody reads what another one writes.
 class Buffer {
@@ -14,6 +15,10 @@ class Buffer {
   [[nodiscard]] static std::shared_ptr<Buffer> Make(size_t length);
   // Bytes in all buffers of this process.
   [[nodiscard]] static size_t Total();
+  // Gives back to the system what is only kept to be used again.
+  static void Trim();
+
+  static constexpr size_t kReusedBytes = size_t{2} << 20;
 
   Buffer() = default;
   ~Buffer();

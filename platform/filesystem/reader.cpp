@@ -102,6 +102,7 @@ void Reader::Given(const PiecePtr& piece, size_t count) {
 }
 
 void Reader::Stop() {
+  Buffer::Trim();
   const MutexLock guard(lock);
   stopped = true;
   DropWaiting();

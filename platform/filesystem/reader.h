@@ -50,7 +50,7 @@ class Reader : public std::enable_shared_from_this<Reader> {
   // The unit of the cache and of a read at a random place: as much as the kernel asks for at a time
   // when it reads ahead, and no more than 5 ms on a line of 200 Mbit/s, well below a round trip.
   static constexpr size_t kBlockBytes = size_t{128} << 10;
-  static constexpr size_t kPieceBytes = size_t{2} << 20;  // of one request at most
+  static constexpr size_t kPieceBytes = Buffer::kReusedBytes;  // of one request at most
   // Fetched ahead at a time: what the background workers of the queue have in hand, fourteen of
   // its sixteen.
   static constexpr size_t kMaxAheadBytes = 14 * kPieceBytes;

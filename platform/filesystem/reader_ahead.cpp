@@ -23,6 +23,8 @@ constexpr std::uint64_t kGrowth = 2;
 constexpr std::uint64_t kCheapGrowth = 8;
 constexpr milliseconds kCheapTime{50};
 constexpr std::uint64_t kPiecesAtLeast = 4;  // of what is fetched ahead: at the same time
+// With a way this short, or one that is not known, to fetch around random reads saves nothing.
+constexpr milliseconds kShortWay{2};
 // On a thin line what the program needs next would wait for what it needs last.
 constexpr milliseconds kPieceTime{250};
 constexpr milliseconds kAheadTime{1000};
@@ -156,7 +158,7 @@ std::vector<Reader::PiecePtr> Reader::AddAround(std::uint64_t offset) {
 // one that takes much longer does not. In between, nothing changes.
 void Reader::LearnFrom(const Piece& piece, Clock::duration taken) {
   const Clock::duration round_trip = source->GetLine().RoundTrip();
-  if (!piece.is_fetched || round_trip == Clock::duration::zero()) {
+  if (!piece.is_fetched || round_trip < kShortWay) {
     return;
   }
   const MutexLock guard(lock);

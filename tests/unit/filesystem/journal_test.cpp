@@ -22,7 +22,10 @@ struct Drive {
     files->UseJournal(fs::Journal::Open(base, label));
     files->AddProtocol(Share(protocol));
   }
-  ~Drive() { files->CloseAll(); }
+  ~Drive() {
+    files->CloseAll();
+    EXPECT_TRUE(WaitUntil([&] { return files.use_count() == 1; })) << "or the folder stays locked";
+  }
   Drive(const Drive&) = delete;
   Drive& operator=(const Drive&) = delete;
 

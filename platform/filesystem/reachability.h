@@ -29,8 +29,8 @@ class Reachability {
   using Probe = std::function<bool()>;  // asks the remote; true: it answered. Ends in bounded time
   using Listener = std::function<void(bool is_reachable)>;  // told of every change
 
-  Reachability(Pauses between, Probe asking, Listener told)
-      : pauses(between), probe(std::move(asking)), listener(std::move(told)) {}
+  Reachability(Pauses between, Probe question, Listener told)
+      : pauses(between), probe(std::move(question)), listener(std::move(told)) {}
   ~Reachability() { Stop(); }
   Reachability(const Reachability&) = delete;
   Reachability& operator=(const Reachability&) = delete;

@@ -205,6 +205,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   void LearnFromWait(Clock::duration waited) TARN_REQUIRES(lock);
   void PlanFolder(const SmallFile& start) TARN_REQUIRES(lock);
   bool PlanFoldersBeside() TARN_REQUIRES(lock);
+  [[nodiscard]] bool IsHere(Ino folder, const Entry& entry) const TARN_REQUIRES(lock);
   [[nodiscard]] std::optional<SmallFile> NextSmall(Clock::time_point now) TARN_REQUIRES(lock);
   void FetchNextSmall() TARN_EXCLUDES(lock);
   void ListAgain(Ino folder) TARN_EXCLUDES(lock);

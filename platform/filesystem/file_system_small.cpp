@@ -54,9 +54,14 @@ void FileSystem::OpenedSmall(const OpenFile& file, const Beginning& begun, Clock
     small.last = opened;
     small.last_opened = now;
     small.opened_folders.insert(opened.folder);
+    if (small.files > 0 && small.planned_folders.count(opened.folder) != 0) {
+      --small.files;
+      small.bytes -= std::min<std::uint64_t>(small.bytes, file.remote.size);
+    }
     if (begun.reader && ++small.misses > 1) {
       LearnFromWait(waited);
-      if (small.planned_folders.insert(opened.folder).second) {
+      const bool all_came = small.planned.empty() && small.on_way == 0;
+      if (small.planned_folders.insert(opened.folder).second || all_came) {
         PlanFolder(opened);
       }
     }
@@ -75,7 +80,7 @@ void FileSystem::LearnFromWait(Clock::duration waited) {
   }
 }
 
-// The small files of a folder, those after `start` first.
+// The small files of a folder that are not here yet, those after `start` first.
 void FileSystem::PlanFolder(const SmallFile& start) {
   const auto path = nodes.PathOf(start.folder);
   FolderContent known;
@@ -90,12 +95,20 @@ void FileSystem::PlanFolder(const SmallFile& start) {
   for (const Entry& entry : entries) {
     const Attributes& attributes = entry.attributes;
     if (!attributes.is_folder && attributes.size > 0 && attributes.size <= kSmallFileBytes &&
-        small.files < kMaxFiles && small.bytes + attributes.size <= kMaxBytes) {
+        small.files < kMaxFiles && small.bytes + attributes.size <= kMaxBytes &&
+        !IsHere(start.folder, entry)) {
       small.planned.push_back({start.folder, entry.name});
       ++small.files;
       small.bytes += attributes.size;
     }
   }
+}
+
+bool FileSystem::IsHere(Ino folder, const Entry& entry) const {
+  const auto ino = nodes.Find(folder, entry.name);
+  const auto known = ino ? kernel.find(*ino) : kernel.end();
+  return known != kernel.end() &&
+         (known->second.fetched_ahead || known->second.version == entry.attributes.version);
 }
 
 // The folders beside the one that was opened last, where a program goes from folder to folder.

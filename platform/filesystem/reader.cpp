@@ -254,9 +254,11 @@ void Reader::KeepInCache(const PiecePtr& piece) {
   }
   const MutexLock guard(lock);
   piece->is_cached = true;
-  in_cache.resize((file.size + kBlockBytes - 1) / kBlockBytes);
-  for (size_t at = 0; at < piece->length; at += kBlockBytes) {
-    in_cache[(piece->offset + at) / kBlockBytes] = true;
+  if (file.size <= kMaxTrackedBytes) {
+    in_cache.resize((file.size + kBlockBytes - 1) / kBlockBytes);
+    for (size_t at = 0; at < piece->length; at += kBlockBytes) {
+      in_cache[(piece->offset + at) / kBlockBytes] = true;
+    }
   }
   if (piece->is_spare || piece->given >= piece->length || Buffer::Total() > kMaxBufferBytes) {
     LetGo(piece);

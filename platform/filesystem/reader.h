@@ -81,6 +81,9 @@ class Reader : public std::enable_shared_from_this<Reader> {
   [[nodiscard]] bool HasChanged();
 
  private:
+  // Of larger files it is not known which blocks went to the cache, which no cache holds anyway.
+  static constexpr std::uint64_t kMaxTrackedBytes = std::uint64_t{64} << 30;
+
   enum class State { kWaiting, kBusy, kDone, kDropped };
   struct Piece {
     std::uint64_t offset;

@@ -121,7 +121,7 @@ void Reader::ReadAround(std::uint64_t offset) {
   std::vector<PiecePtr> around;
   {
     const MutexLock guard(lock);
-    if (stopped || has_changed || around_bytes <= kBlockBytes ||
+    if (stopped || has_changed || around_bytes <= kBlockBytes || file.size > kMaxTrackedBytes ||
         spare_bytes + around_bytes > room) {
       return;
     }

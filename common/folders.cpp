@@ -18,6 +18,8 @@ namespace tarn {
 
 namespace {
 
+constexpr int kMostAttempts = 100;  // while others remove the folder that they have claimed
+
 bool IsSameFolder(int fd, const std::string& path) {
   struct stat opened = {};
   struct stat named = {};
@@ -53,13 +55,13 @@ std::string FolderName(const std::string& label) {
 Claim LockFolder(const std::string& path, UniqueFd& lock) {
   UniqueFd folder = OpenFile(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
   if (!folder.valid()) {
-    return Claim::kFailed;
+    return errno == ENOENT ? Claim::kGone : Claim::kFailed;
   }
   if (RetryOnInterrupt([&] { return ::flock(folder.get(), LOCK_EX | LOCK_NB); }) != 0) {
     return errno == EWOULDBLOCK ? Claim::kInUse : Claim::kFailed;
   }
   if (!IsSameFolder(folder.get(), path)) {
-    return Claim::kFailed;
+    return Claim::kGone;
   }
   lock = std::move(folder);
   return Claim::kOurs;
@@ -70,8 +72,12 @@ Claim ClaimFolder(const std::string& path, mode_t mode, UniqueFd& lock) {
   if (::lstat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
     (void)std::remove(path.c_str());  // making the folder fails if it is still there
   }
-  (void)::mkdir(path.c_str(), mode);  // opening it tells
-  return LockFolder(path, lock);
+  Claim claim = Claim::kGone;
+  for (int i = 0; i < kMostAttempts && claim == Claim::kGone; ++i) {
+    (void)::mkdir(path.c_str(), mode);  // opening it tells
+    claim = LockFolder(path, lock);
+  }
+  return claim == Claim::kGone ? Claim::kFailed : claim;
 }
 
 }  // namespace tarn

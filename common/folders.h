@@ -13,7 +13,7 @@ namespace tarn {
 // A drive's label as the name of one folder: it never leads out of the folder above.
 [[nodiscard]] std::string FolderName(const std::string& label);
 
-enum class Claim { kOurs, kInUse, kFailed };
+enum class Claim { kOurs, kInUse, kGone, kFailed };
 
 // Locks a folder against other processes, for as long as `lock` lives. kFailed also when it is not
 // a folder but a link to one.

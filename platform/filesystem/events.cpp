@@ -37,7 +37,7 @@ void Events::Uploading(const std::string& path, long long total, long long sent,
 }
 
 void Events::EndUpload(AERROR error, const std::string& path) {
-  if (error != SUCCESS) {
+  if (error != SUCCESS && error != UPLOAD_CANCELED) {
     Log(LOGLEVEL_ERROR, "upload of %s failed: %d", path.c_str(), static_cast<int>(error));
   }
   if (const auto listener = Sink(); listener) {
@@ -67,10 +67,13 @@ void Events::ReachabilityChanged(bool is_reachable) {
   }
 }
 
-void Events::LeftUnsent(const std::string& mount_point, size_t count) {
-  const std::string message = std::to_string(count) +
-                              " files were not sent; they wait on this machine until the drive is "
-                              "mounted again";
+void Events::LeftUnsent(const std::string& mount_point, size_t kept, size_t lost) {
+  std::string message = std::to_string(kept) +
+                        " files were not sent; they wait on this machine until the drive is "
+                        "mounted again";
+  if (lost > 0) {
+    message += "; " + std::to_string(lost) + " more could not be kept and are lost";
+  }
   Log(LOGLEVEL_ERROR, "%s: %s", mount_point.c_str(), message.c_str());
   if (const auto listener = Sink(); listener) {
     listener->Error(FS_EVENT_CREATE_FILE, SAVE_TO_LOCAL, mount_point.c_str(), mount_point.c_str(),

@@ -25,8 +25,9 @@ class Events {
   // Tells of it once; while the remote cannot be reached, calls of programs that fail for it are
   // not.
   void ReachabilityChanged(bool is_reachable);
-  // Files wait on this machine for the drive to be mounted again.
-  void LeftUnsent(const std::string& mount_point, size_t count);
+  // Of the files that were not sent, some wait on this machine for the drive to be mounted again;
+  // others could not be kept either, which their programs were told.
+  void LeftUnsent(const std::string& mount_point, size_t kept, size_t lost);
   void Unmounted(const std::string& mount_point);
 
  private:

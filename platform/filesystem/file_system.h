@@ -145,6 +145,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Sends everything that the remote lacks, for as long as that makes progress: at most `patience`
   // without any. Returns the number of files that the remote still lacks.
   size_t SendAll(Clock::duration patience);
+  // Of these, files that are not in the journal either.
+  [[nodiscard]] size_t CountLost() const;
   // Nothing is open any more, whatever was not closed, and nothing is sent.
   void CloseAll();
 
@@ -234,6 +236,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   Opened MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) TARN_REQUIRES(lock);
   [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(lock);
+  void CloseHandle(std::uint64_t handle) TARN_EXCLUDES(lock);
   [[nodiscard]] int FindForOpen(Ino ino, int flags, Attributes& attributes, Beginning& begun);
   [[nodiscard]] bool TrustsForOpen(Ino ino) TARN_EXCLUDES(lock);
   [[nodiscard]] bool WasStoredSince(Ino ino, const Attributes& answer) const TARN_REQUIRES(lock);
@@ -246,7 +249,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
                             std::shared_ptr<WorkFile>& work);
   [[nodiscard]] WorkFile::Base BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length)
       TARN_EXCLUDES(lock);
-  [[nodiscard]] int Complete(const OpenFile& file) TARN_EXCLUDES(lock);
+  [[nodiscard]] int Complete(OpenFile& file) TARN_EXCLUDES(lock);
   std::shared_ptr<Reader> ReaderFor(OpenFile& file) TARN_EXCLUDES(lock);
   static void DropReader(OpenFile& file);
   // Keeps the inode number of a file that was read, and so its blocks in the cache.
@@ -262,16 +265,20 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Puts what is not stored into the journal.
   [[nodiscard]] int Publish(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
   // Its place, or what it replaces, has changed.
-  void PublishAnew(const std::shared_ptr<OpenFile>& file, const std::string& superseded_id = "")
+  void PublishAnew(const OpenFile& file, const std::string& superseded_id = "")
       TARN_EXCLUDES(publishing, lock);
-  // Tells the journal of the new places of those at or below `path`, and of what was replaced.
-  void UnsentMoved(const std::string& path, bool at_remote, const std::string& superseded_id)
+  // What waits to be sent of a node and those below it, and where it goes.
+  [[nodiscard]] std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> UnsentAt(
+      Ino top) const TARN_REQUIRES(lock);
+  // Tells the journal of their new places, and of what was replaced.
+  void UnsentMoved(Ino top, bool at_remote, const std::string& superseded_id)
       TARN_EXCLUDES(publishing, lock);
   [[nodiscard]] int PutRecord(const OpenFile& file, const std::string& path,
                               const WorkFile::Snapshot& snapshot,
                               const std::string& superseded_id = "") TARN_REQUIRES(publishing);
   // Notes a move that concerns unsent files before the remote hears of it. Unset: concerns none.
-  [[nodiscard]] std::optional<Journal::Move> NoteMove(const std::vector<std::string>& paths,
+  [[nodiscard]] std::optional<Journal::Move> NoteMove(Ino source_ino,
+                                                      const std::vector<std::string>& paths,
                                                       const OpenFile* target) TARN_EXCLUDES(lock);
   // Puts right what a process that ended in the middle of a move left.
   void Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found) TARN_EXCLUDES(lock);
@@ -284,9 +291,13 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   std::shared_ptr<Uploads> GetUploads() TARN_EXCLUDES(lock);
   [[nodiscard]] AERROR SendInBackground(Ino ino) TARN_EXCLUDES(lock);
-  // Sends what is not stored: what was published, or without a journal what there is. SUCCESS: the
-  // remote has it, or nobody wants it any more. RETRY_UPLOAD: was given up, perhaps for a rename.
-  [[nodiscard]] AERROR Send(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
+  enum class What {
+    kSaved,    // what is in the journal, or could not be put there
+    kCurrent,  // what there is now
+  };
+  // SUCCESS: the remote has it, or there was nothing to send, or nobody wants it any more.
+  // RETRY_UPLOAD: was given up, perhaps for a rename.
+  [[nodiscard]] AERROR Send(const std::shared_ptr<OpenFile>& file, What what) TARN_EXCLUDES(lock);
   // What is to be sent of a file next.
   struct Outgoing {
     std::shared_ptr<WorkFile> work;
@@ -295,10 +306,11 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
     std::shared_ptr<Sending> sending = std::make_shared<Sending>();
     bool is_first_attempt = false;
   };
-  // False: the remote has it all. Otherwise the snapshot is one of the file's attempts from now on;
-  // it is empty when the work file is to be completed first.
-  [[nodiscard]] bool BeginSending(OpenFile& file, Outgoing& outgoing)
+  // The snapshot is one of the file's attempts from now on; without one there is nothing to send.
+  [[nodiscard]] AERROR BeginSending(OpenFile& file, What what, Outgoing& outgoing)
       TARN_EXCLUDES(publishing, lock);
+  [[nodiscard]] bool Remedy(const std::shared_ptr<OpenFile>& file, const std::string& path,
+                            const Outgoing& outgoing, AERROR& error, Attributes& stored);
   // Takes back that attempt where the remote cannot have it.
   void NotSent(OpenFile& file, const Outgoing& outgoing) TARN_EXCLUDES(publishing, lock);
   // Those that are not what is in the journal go.
@@ -311,14 +323,12 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] bool HasCome(const std::shared_ptr<OpenFile>& file, const std::string& path)
       TARN_EXCLUDES(lock);
   [[nodiscard]] int SendNow(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
-  [[nodiscard]] AERROR Upload(const std::string& path, const WorkFile::Snapshot& snapshot,
-                              const std::optional<std::string>& replaces, Sending& sending,
+  [[nodiscard]] AERROR Upload(const std::string& path, const Outgoing& outgoing,
                               Attributes& stored);
-  // The remote has something else there than what was to be replaced. SUCCESS: that is what was
-  // sent; RETRY_UPLOAD: ours can be sent now, under another name if need be.
-  [[nodiscard]] AERROR SettleConflict(const std::shared_ptr<OpenFile>& file,
-                                      const std::string& path, const WorkFile::Snapshot& snapshot,
-                                      Attributes& stored);
+  [[nodiscard]] bool SettleConflict(const std::shared_ptr<OpenFile>& file, const std::string& path,
+                                    const Outgoing& outgoing, AERROR& error, Attributes& stored);
+  [[nodiscard]] std::string FreeConflictName(Ino folder, const std::string& name) const
+      TARN_REQUIRES(lock);
   [[nodiscard]] bool IsAtRemote(const std::string& path, const Attributes& attributes,
                                 const WorkFile::Snapshot& snapshot);
   // Somebody else has a file of this name: ours takes another one beside it.
@@ -333,7 +343,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] bool IsAsOpened(const OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
   void TakeNewVersion(OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
   [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
-  [[nodiscard]] bool SetUnsentModified(const std::shared_ptr<OpenFile>& file, const FS_TIME& time)
+  [[nodiscard]] bool SetUnsentModified(Ino ino, const FS_TIME& time)
       TARN_EXCLUDES(publishing, lock);
   [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
@@ -342,10 +352,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
                    const std::string& new_name) TARN_REQUIRES(lock);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
              const std::vector<std::string>& paths) TARN_REQUIRES(lock);
-  // Whether something at or below the path waits to be sent.
-  [[nodiscard]] bool IsUnsentAt(const std::string& path) const TARN_REQUIRES(lock);
   // Whether the folder has files that only this side knows of; and adds them to a listing.
-  [[nodiscard]] bool HoldsUnsent(const std::string& folder) const TARN_REQUIRES(lock);
+  [[nodiscard]] bool HoldsUnsent(Ino folder, const std::string& name) const TARN_REQUIRES(lock);
   void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const TARN_REQUIRES(lock);
   void AskSpace();
   // How far a file is on its way to the remote: "clean", "unsent", "sending" or "failed: reason".

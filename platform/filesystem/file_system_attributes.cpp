@@ -72,39 +72,40 @@ bool FileSystem::MayHave(mode_t permissions, const Stat& stat) const {
 }
 
 int FileSystem::SetSize(Ino ino, std::uint64_t size) {
-  std::shared_ptr<OpenFile> file;
+  Opened opened;
   {
     const MutexLock guard(lock);
-    file = FindOpenFile(ino);
-    if (file && file->writers > 0) {
-      ++file->writers;  // keeps the work file until the end of this function
-    } else {
-      file = nullptr;
+    if (const auto file = FindOpenFile(ino); file && file->writers > 0) {
+      opened = MakeHandle(file, O_WRONLY);  // those who have it open close it later
     }
   }
-  Opened opened;
-  if (!file) {  // by its name: as if it was opened and closed for it
+  if (opened.handle == 0) {
     if (const int error = Open(ino, size == 0 ? O_WRONLY | O_TRUNC : O_WRONLY, opened);
         error != 0) {
       return error;
     }
-    file = GetHandle(opened.handle)->file;
   }
+  const auto file = GetHandle(opened.handle)->file;
   std::shared_ptr<WorkFile> work;
   int error = WorkFor(file, size, work);
   error = error == 0 ? work->SetSize(size) : error;
-  if (opened.handle != 0) {
-    error = error == 0 ? Flush(opened.handle) : error;
-    Release(opened.handle);
-    return error;
+  bool is_last = false;
+  {
+    const MutexLock guard(lock);
+    is_last = file->writers == 1;
   }
-  const MutexLock guard(lock);
-  --file->writers;
-  DropOpenFileIfUnused(file);
+  if (is_last) {
+    const int save_error = Save(file);
+    error = error == 0 ? save_error : error;
+  }
+  CloseHandle(opened.handle);
   return error;
 }
 
 int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
+  if (SetUnsentModified(ino, time)) {
+    return 0;
+  }
   std::vector<std::string> paths;
   const auto hold = HoldPlaces({{ino, ""}}, paths);
   if (!hold) {
@@ -117,7 +118,7 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
     file = FindOpenFile(ino);
     work = file ? file->work : nullptr;
   }
-  if (file && SetUnsentModified(file, time)) {
+  if (SetUnsentModified(ino, time)) {  // it was changed while this waited
     return 0;
   }
   const bool is_as_opened = file && IsAsOpened(*file, paths[0]);
@@ -156,16 +157,19 @@ void FileSystem::TakeNewVersion(OpenFile& file, const std::string& path) {
   if (Find(path, true, now) != 0 || now.known != Listings::Known::kPresent) {
     return;
   }
-  const MutexLock guard(lock);
-  if (now.attributes.size != file.remote.size) {
-    return;
+  {
+    const MutexLock guard(lock);
+    if (now.attributes.size != file.remote.size) {
+      return;
+    }
+    if (kernel[file.ino].version == file.remote.version) {
+      kernel[file.ino].version = now.attributes.version;
+    }
+    file.remote = now.attributes;
+    file.is_fresh = false;
+    DropReader(file);
   }
-  if (kernel[file.ino].version == file.remote.version) {
-    kernel[file.ino].version = now.attributes.version;
-  }
-  file.remote = now.attributes;
-  file.is_fresh = false;
-  DropReader(file);
+  PublishAnew(file);
 }
 
 }  // namespace tarn::fs

@@ -64,6 +64,8 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
   }
   const Ino ino = nodes.Ensure(folder, name, false);
   const auto file = EnsureOpenFile(ino);
+  const auto folder_path = nodes.PathOf(folder).value_or("/");
+  file->remote.protocol = listings.Find(folder_path, Clock::now()).attributes.protocol;
   file->work = std::move(work);
   file->created_with = permissions;
   nodes.AddLookup(ino);
@@ -245,7 +247,11 @@ int FileSystem::Sync(std::uint64_t handle) {
   if (HasJournalFor(*open->file)) {
     (void)Publish(open->file);  // what cannot be kept is sent all the same
   }
-  return SendNow(open->file);
+  const int error = SendNow(open->file);
+  if (error != 0 && HasJournalFor(*open->file)) {
+    GetUploads()->Add(open->file->ino);  // tried again
+  }
+  return error;
 }
 
 // Pages of a mapping may come after the close. The kernel tells of the end of a file late, though:
@@ -265,11 +271,27 @@ void FileSystem::Release(std::uint64_t handle) {
   if (open->may_write && HasNewsAtRelease(*open->file)) {
     (void)Save(open->file);  // events tell of failure
   }
-  const MutexLock guard(lock);
-  handles.erase(handle);
-  --open->file->handles;
-  open->file->writers -= open->may_write ? 1 : 0;
-  DropOpenFileIfUnused(open->file);
+  CloseHandle(handle);
+}
+
+void FileSystem::CloseHandle(std::uint64_t handle) {
+  std::optional<std::string> torn;
+  {
+    const MutexLock guard(lock);
+    const auto open = handles.extract(handle);
+    const auto& file = open.mapped().file;
+    --file->handles;
+    file->writers -= open.mapped().may_write ? 1 : 0;
+    if (file->writers == 0 && file->is_torn) {  // it can never be whole; the close has told
+      torn = nodes.PathOf(file->ino);
+      file->work.reset();
+      file->is_torn = false;
+    }
+    DropOpenFileIfUnused(file);
+  }
+  if (torn) {
+    events.Failed(FS_EVENT_CREATE_FILE, SHARING_VIOLATION, *torn, *torn);
+  }
 }
 
 }  // namespace tarn::fs

@@ -1,6 +1,5 @@
 // Keeping: what programs wrote is safe on this machine's disk until the remote has it.
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -27,17 +26,6 @@ std::string WorkFolder() {
   return temporary != nullptr && *temporary == '/' ? temporary : "/tmp";
 }
 
-// Empty when the module does not tell; then nothing can be kept for another time.
-std::string IdentityOf(IProtocol_V2& protocol) {
-  std::array<char, 4096> text = {};
-  int length = static_cast<int>(text.size());
-  if (protocol.GetIdentity(text.data(), &length) != SUCCESS || length < 0 ||
-      static_cast<size_t>(length) >= text.size()) {
-    return "";
-  }
-  return {text.data(), static_cast<size_t>(length)};
-}
-
 bool IsSame(const Attributes& file, std::uint64_t size, const FS_TIME& modified) {
   return file.size == size && file.modified.seconds == modified.seconds &&
          file.modified.nanoseconds == modified.nanoseconds;
@@ -50,14 +38,13 @@ void FileSystem::UseJournal(std::unique_ptr<Journal> unsent_files) {
 }
 
 void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
-  const std::string identity = IdentityOf(*protocol);
-  remote.Add(std::move(protocol));
-  int index = 0;
+  const int index = remote.Add(std::move(protocol));
+  const std::string identity = remote.GetIdentity(index);
   {
     const MutexLock guard(lock);
     listings.ForgetTree("/");
-    index = static_cast<int>(identities.size());
-    identities.push_back(identity);
+    identities.resize(std::max(identities.size(), static_cast<size_t>(index) + 1));
+    identities[static_cast<size_t>(index)] = identity;
   }
   if (journal && !identity.empty()) {
     std::vector<Journal::Move> moves;
@@ -88,7 +75,7 @@ void FileSystem::Adopt(Journal::Unsent unsent, int protocol) {
       folder = nodes.Ensure(folder, record.path.substr(start, end - start), true);
     }
     if (const auto other = FindOpenFile(folder, name); other && other->work) {
-      name = ConflictName(name, std::time(nullptr));
+      name = FreeConflictName(folder, name);
     }
     ino = nodes.Ensure(folder, name, false);
     const auto file = EnsureOpenFile(ino);
@@ -98,7 +85,8 @@ void FileSystem::Adopt(Journal::Unsent unsent, int protocol) {
     file->is_kept = true;
     for (size_t i = 0; i < unsent.attempts.size(); ++i) {
       const WorkFile::State state{.change = 0, .size = record.attempts[i].size, .modified = {}};
-      file->attempts.push_back({unsent.attempts[i], state});
+      file->attempts.push_back(
+          {.content = unsent.attempts[i], .state = state, .sent_bytes = nullptr});
     }
     file->attempts.push_back(file->unsent);
     file->at_remote = !record.replaces || !record.replaces->empty();
@@ -125,56 +113,59 @@ bool FileSystem::HasJournalFor(const OpenFile& file) {
 }
 
 // Of what was changed, all that the remote had and that was not needed before.
-int FileSystem::Complete(const OpenFile& file) {
+int FileSystem::Complete(OpenFile& file) {
   std::shared_ptr<WorkFile> work;
   {
     const MutexLock guard(lock);
     work = file.work;
   }
-  return work && work->IsDirty() ? work->Complete() : 0;
+  const int error = work && work->IsDirty() ? work->Complete() : 0;
+  if (error != 0) {
+    const MutexLock guard(lock);
+    file.is_kept = false;
+    file.is_torn = error == ESTALE;
+  }
+  return error == ESTALE ? EIO : error;
 }
 
 int FileSystem::Save(const std::shared_ptr<OpenFile>& file) {
-  if (const int error = Complete(*file); error != 0) {
-    return error;
-  }
-  if (!HasJournalFor(*file) || Publish(file) != 0) {  // the disk is full, perhaps
-    return SendNow(file);
+  int error = Complete(*file);
+  if (error == 0 && (!HasJournalFor(*file) || Publish(file) != 0)) {  // the disk is full, perhaps
+    error = SendNow(file);
   }
   bool is_unsent = false;
   {
     const MutexLock guard(lock);
-    is_unsent = file->unsent.content != nullptr;
+    is_unsent = file->unsent.content || (error != 0 && !file->is_torn);
   }
   if (is_unsent) {
     GetUploads()->Add(file->ino);
   }
-  return 0;
+  return error;
 }
 
 int FileSystem::Publish(const std::shared_ptr<OpenFile>& file) {
-  const MutexLock one_at_a_time(publishing);
   std::shared_ptr<WorkFile> work;
-  std::optional<std::string> path;
   {
     const MutexLock guard(lock);
     work = file->work;
+  }
+  if (!work || !work->IsDirty() || !work->IsComplete()) {
+    return 0;
+  }
+  WorkFile::Snapshot snapshot = work->TakeSnapshot();  // may wait for a change that copies it all
+  const MutexLock one_at_a_time(publishing);
+  std::optional<std::string> path;
+  {
+    const MutexLock guard(lock);
     path = nodes.PathOf(file->ino);
     if (file->id.empty()) {
       file->id = Journal::MakeId();
     }
-  }
-  if (!path || !work || !work->IsDirty()) {
-    return 0;
-  }
-  if (!work->IsComplete()) {
-    const MutexLock guard(lock);
-    file->is_kept = false;
-    return 0;
-  }
-  WorkFile::Snapshot snapshot = work->TakeSnapshot();
-  if (file->unsent.content && file->unsent.state.change == snapshot.state.change) {
-    return 0;
+    const bool is_old = file->unsent.content && file->unsent.state.change >= snapshot.state.change;
+    if (!path || !work->IsDirty() || is_old) {
+      return 0;
+    }
   }
   if (const int error = PutRecord(*file, *path, snapshot); error != 0) {
     Log(LOGLEVEL_ERROR, "%s cannot be kept until it is sent: %d", path->c_str(), error);
@@ -182,15 +173,12 @@ int FileSystem::Publish(const std::shared_ptr<OpenFile>& file) {
     file->is_kept = false;
     return error;
   }
-  {
-    const MutexLock guard(lock);
-    std::swap(file->unsent, snapshot);
-    file->is_kept = true;
-  }
   const MutexLock guard(lock);
-  const bool is_attempt =
-      std::any_of(file->attempts.begin(), file->attempts.end(),
-                  [&](const auto& attempt) { return attempt.content == snapshot.content; });
+  std::swap(file->unsent, snapshot);
+  file->is_kept = true;
+  const bool is_attempt = std::any_of(
+      file->attempts.begin(), file->attempts.end(),
+      [&](const auto& attempt) { return attempt.content.get() == snapshot.content.get(); });
   if (snapshot.content && !is_attempt) {
     Discard({snapshot}, file->unsent);
   }
@@ -218,38 +206,55 @@ int FileSystem::PutRecord(const OpenFile& file, const std::string& path,
   return journal->Put(file.id, record, *snapshot.content);
 }
 
-void FileSystem::PublishAnew(const std::shared_ptr<OpenFile>& file,
-                             const std::string& superseded_id) {
+void FileSystem::PublishAnew(const OpenFile& file, const std::string& superseded_id) {
   const MutexLock one_at_a_time(publishing);
   std::optional<std::string> path;
   WorkFile::Snapshot snapshot;
   {
     const MutexLock guard(lock);
-    path = nodes.PathOf(file->ino);
-    snapshot = file->unsent;
+    path = nodes.PathOf(file.ino);
+    snapshot = file.unsent;
   }
   if (!path || !snapshot.content) {
     return;
   }
-  if (const int error = PutRecord(*file, *path, snapshot, superseded_id); error != 0) {
+  if (const int error = PutRecord(file, *path, snapshot, superseded_id); error != 0) {
     Log(LOGLEVEL_ERROR, "the record of %s cannot be changed: %d", path->c_str(), error);
   }
 }
 
+std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> FileSystem::UnsentAt(Ino top) const {
+  std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> found;
+  const auto add = [&](const std::shared_ptr<OpenFile>& file) TARN_REQUIRES(lock) {
+    if (const auto place = nodes.PathOf(file->ino); place && file->work && file->work->IsDirty()) {
+      found.emplace_back(file, *place);
+    }
+  };
+  if (!nodes.Exists(top)) {
+    return found;
+  }
+  if (!nodes.IsFolder(top)) {
+    if (const auto file = FindOpenFile(top); file) {
+      add(file);
+    }
+    return found;
+  }
+  const auto path = nodes.PathOf(top).value_or("");
+  for (const auto& [ino, file] : open_files) {
+    if (const auto place = nodes.PathOf(ino); place && IsWithin(*place, path)) {
+      add(file);
+    }
+  }
+  return found;
+}
+
 // A move may have changed the versions, too: what is still ours is to be replaced under the new
 // one.
-void FileSystem::UnsentMoved(const std::string& path, bool at_remote,
-                             const std::string& superseded_id) {
+void FileSystem::UnsentMoved(Ino top, bool at_remote, const std::string& superseded_id) {
   std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> moved;
   {
     const MutexLock guard(lock);
-    for (const auto& [ino, file] : open_files) {
-      const bool is_dirty = file->work && file->work->IsDirty();
-      const auto place = is_dirty ? nodes.PathOf(ino) : std::nullopt;
-      if (place && IsWithin(*place, path)) {
-        moved.emplace_back(file, *place);
-      }
-    }
+    moved = UnsentAt(top);
   }
   for (const auto& [file, place] : moved) {
     Attributes now;
@@ -258,11 +263,12 @@ void FileSystem::UnsentMoved(const std::string& path, bool at_remote,
       const bool is_the_same = IsSame(now, file->remote.size, file->remote.modified);
       file->remote = is_the_same ? now : file->remote;
     }
-    PublishAnew(file, place == path ? superseded_id : "");
+    PublishAnew(*file, file->ino == top ? superseded_id : "");
   }
 }
 
-std::optional<Journal::Move> FileSystem::NoteMove(const std::vector<std::string>& paths,
+std::optional<Journal::Move> FileSystem::NoteMove(Ino source_ino,
+                                                  const std::vector<std::string>& paths,
                                                   const OpenFile* target) {
   Journal::Move move;
   {
@@ -270,7 +276,7 @@ std::optional<Journal::Move> FileSystem::NoteMove(const std::vector<std::string>
     if (target != nullptr && target->unsent.content) {
       move.replaced_id = target->id;
     }
-    if (!journal || (move.replaced_id.empty() && !IsUnsentAt(paths[0]))) {
+    if (!journal || (move.replaced_id.empty() && UnsentAt(source_ino).empty())) {
       return std::nullopt;
     }
   }
@@ -320,17 +326,19 @@ void FileSystem::Settle(const Journal::Move& move, std::vector<Journal::Unsent>&
 }
 
 // True when the file waits to be sent: the time goes with it.
-bool FileSystem::SetUnsentModified(const std::shared_ptr<OpenFile>& file, const FS_TIME& time) {
+bool FileSystem::SetUnsentModified(Ino ino, const FS_TIME& time) {
+  std::shared_ptr<OpenFile> file;
   {
     const MutexLock one_at_a_time(publishing);
     const MutexLock guard(lock);
-    if (!file->work || !file->work->IsDirty()) {
+    file = FindOpenFile(ino);
+    if (!file || !file->work || !file->work->IsDirty()) {
       return false;
     }
     file->work->SetModified(time);
     file->unsent.state.modified = time;
   }
-  PublishAnew(file);
+  PublishAnew(*file);
   return true;
 }
 

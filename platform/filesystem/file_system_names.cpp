@@ -1,6 +1,7 @@
 // Names: looking up, listing, making, removing and renaming.
 #include <algorithm>
 #include <cerrno>
+#include <unordered_set>
 #include <utility>
 
 #include "platform/filesystem/errors.h"
@@ -16,11 +17,6 @@ int CheckName(const std::string& name) {
     return ENAMETOOLONG;
   }
   return IsValidName(name) ? 0 : EILSEQ;
-}
-
-bool HasEntry(const std::vector<Entry>& entries, const std::string& name) {
-  return std::any_of(entries.begin(), entries.end(),
-                     [&](const Entry& entry) { return entry.name == name; });
 }
 
 }  // namespace
@@ -71,14 +67,16 @@ int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
   if (!nodes.Exists(folder)) {
     return ESTALE;
   }
+  if (const auto file = FindOpenFile(folder, name); file && file->work) {
+    nodes.AddLookup(file->ino);
+    stat = LocalStat(*file);  // made while the remote was asked
+    return 0;
+  }
   const Ino ino = nodes.Ensure(folder, name, answer.attributes.is_folder);
   nodes.AddLookup(ino);
   stat = RemoteStat(ino, answer.attributes, answer.believable);
   if (answer.asked >= begin) {
     kernel[ino].looked_up = Clock::now();
-  }
-  if (const auto file = FindOpenFile(ino); file && file->work) {
-    stat = LocalStat(*file);  // made while the remote was asked
   }
   return 0;
 }
@@ -171,7 +169,7 @@ int FileSystem::RemoveFolder(Ino folder, const std::string& name) {
   }
   {
     const MutexLock guard(lock);
-    if (HoldsUnsent(paths[0])) {
+    if (HoldsUnsent(folder, name)) {
       return ENOTEMPTY;
     }
   }
@@ -197,6 +195,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     return error;
   }
   GiveUpUploadsAt(folder, name, false);
+  GiveUpUploadsAt(new_folder, new_name, true);
   std::vector<std::string> paths;
   const auto hold = HoldPlaces({{folder, name}, {new_folder, new_name}}, paths);
   if (!hold) {
@@ -209,7 +208,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     source = FindOpenFile(folder, name);
     target = FindOpenFile(new_folder, new_name);
     target = target == source ? nullptr : target;
-    if (paths[0] != paths[1] && HoldsUnsent(paths[1])) {
+    if (paths[0] != paths[1] && HoldsUnsent(new_folder, new_name)) {
       return ENOTEMPTY;
     }
   }
@@ -220,7 +219,8 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     return error;
   }
   const bool is_at_remote = HasCome(source, paths[0]);
-  const auto noted = is_at_remote ? NoteMove(paths, target.get()) : std::nullopt;
+  const auto noted =
+      is_at_remote ? NoteMove(InoOf(folder, name), paths, target.get()) : std::nullopt;
   if (const int error = is_at_remote ? MoveAtRemote(paths[0], paths[1]) : 0; error != 0) {
     if (noted) {
       journal->Remove(*noted);
@@ -238,7 +238,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     }
     Moved(folder, name, new_folder, new_name, paths);
   }
-  UnsentMoved(paths[1], is_at_remote, target ? target->id : "");
+  UnsentMoved(InoOf(new_folder, new_name), is_at_remote, target ? target->id : "");
   if (target) {
     DropUnsent(*target);
     const MutexLock guard(lock);
@@ -358,9 +358,13 @@ int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
   }
   ListAhead(*path, content.entries);
   const MutexLock guard(lock);
+  std::unordered_set<std::string> names;
+  for (const Entry& entry : content.entries) {
+    names.insert(entry.name);
+  }
   for (const Entry& entry : unsent) {
     const auto known = listings.Find(JoinPath(*path, entry.name), Clock::now());
-    if (known.known == Listings::Known::kPresent && !HasEntry(content.entries, entry.name)) {
+    if (known.known == Listings::Known::kPresent && names.insert(entry.name).second) {
       content.entries.push_back({entry.name, known.attributes});
     }
   }
@@ -411,30 +415,22 @@ Ino FileSystem::InoOf(Ino folder, const std::string& name) const {
   return nodes.Find(folder, name).value_or(0);
 }
 
-bool FileSystem::HoldsUnsent(const std::string& folder) const {
-  return std::any_of(
-      open_files.begin(), open_files.end(), [&](const auto& open) TARN_REQUIRES(lock) {
-        const auto path = nodes.PathOf(open.first);
-        return !open.second->at_remote && path && *path != folder && IsWithin(*path, folder);
-      });
-}
-
-bool FileSystem::IsUnsentAt(const std::string& path) const {
-  return std::any_of(
-      open_files.begin(), open_files.end(), [&](const auto& open) TARN_REQUIRES(lock) {
-        const auto place = open.second->unsent.content ? nodes.PathOf(open.first) : std::nullopt;
-        return place && IsWithin(*place, path);
-      });
+bool FileSystem::HoldsUnsent(Ino folder, const std::string& name) const {
+  const auto ino = nodes.Find(folder, name);
+  const auto unsent = ino && nodes.IsFolder(*ino) ? UnsentAt(*ino) : decltype(UnsentAt(kRootIno)){};
+  return std::any_of(unsent.begin(), unsent.end(),
+                     [](const auto& file) { return !file.first->at_remote; });
 }
 
 void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entries) const {
+  std::unordered_set<std::string> known;
+  for (const Entry& entry : entries) {
+    known.insert(entry.name);
+  }
   for (const auto& [ino, file] : open_files) {
-    const auto path = nodes.PathOf(ino);
-    if (file->at_remote || !path || FolderOf(*path) != folder) {
-      continue;
-    }
-    if (std::string name(NameOf(*path)); !HasEntry(entries, name)) {
-      entries.push_back({std::move(name), {}});
+    const auto path = file->at_remote ? std::nullopt : nodes.PathOf(ino);
+    if (path && FolderOf(*path) == folder && known.insert(std::string(NameOf(*path))).second) {
+      entries.push_back({std::string(NameOf(*path)), {}});
     }
   }
 }
@@ -448,13 +444,17 @@ bool FileSystem::LookUpEntry(Ino folder, const Entry& entry, Clock::time_point a
   if (!path || (known.known == Listings::Known::kAbsent && !is_local)) {
     return false;
   }
+  if (is_local) {  // whatever the remote has there by now
+    nodes.AddLookup(unsent->ino);
+    stat = LocalStat(*unsent);
+    return true;
+  }
   const bool is_known = known.known == Listings::Known::kPresent;  // perhaps sent since
   const Attributes& attributes = is_known ? known.attributes : entry.attributes;
   const Ino ino = nodes.Ensure(folder, entry.name, attributes.is_folder);
   nodes.AddLookup(ino);
   const auto valid_for = std::max(Clock::duration::zero(), asked + time_out - Clock::now());
-  stat = is_local ? LocalStat(*unsent)
-                  : RemoteStat(ino, attributes, is_known ? known.believable : valid_for);
+  stat = RemoteStat(ino, attributes, is_known ? known.believable : valid_for);
   return true;
 }
 

@@ -38,7 +38,10 @@ struct SnapshotSource {
     }
     self.offset += received;
     self.sending->was_read = self.sending->was_read || self.offset == self.snapshot->state.size;
-    ++*self.progress;
+    if (self.offset > *self.snapshot->sent_bytes) {  // not what is only sent again
+      *self.snapshot->sent_bytes = self.offset;
+      ++*self.progress;
+    }
     return static_cast<long long>(received);
   }
 
@@ -84,88 +87,102 @@ AERROR FileSystem::SendInBackground(Ino ino) {
   if (!remote.CanReach(protocol)) {
     return DEVICE_NOT_READY;  // not tried, so there is nothing to tell
   }
-  const AERROR error = Send(file);
+  const AERROR error = Send(file, What::kSaved);
   const MutexLock guard(lock);
   DropOpenFileIfUnused(file);
-  return error == SUCCESS && file->unsent.content ? RETRY_UPLOAD : error;
+  const bool is_newer = file->unsent.content && nodes.PathOf(ino);
+  return error == SUCCESS && is_newer ? RETRY_UPLOAD : error;
 }
 
 int FileSystem::SendNow(const std::shared_ptr<OpenFile>& file) {
-  AERROR error = Send(file);
+  AERROR error = Send(file, What::kCurrent);
   for (int attempt = 1; error == RETRY_UPLOAD && attempt < kMaxSendAttempts; ++attempt) {
-    error = Send(file);
+    error = Send(file, What::kCurrent);
   }
   return ErrnoOf(error);
 }
 
-AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file) {
-  AERROR error = RETRY_UPLOAD;
-  for (int attempt = 0; error == RETRY_UPLOAD && attempt < kMaxSendAttempts; ++attempt) {
+AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file, What what) {
+  for (int attempt = 1;; ++attempt) {
     std::vector<std::string> paths;
     const auto hold = HoldPlaces({{file->ino, ""}}, paths);
     if (!hold) {
       return SUCCESS;  // removed: nobody wants it any more
     }
     Outgoing outgoing;
-    if (!BeginSending(*file, outgoing)) {
+    AERROR error = BeginSending(*file, what, outgoing);
+    if (error != SUCCESS || !outgoing.snapshot.content) {
+      return error;
+    }
+    Attributes stored;
+    error = Upload(paths[0], outgoing, stored);
+    const bool is_given_up = outgoing.sending->give_up;
+    const bool again = error != SUCCESS && !is_given_up &&
+                       Remedy(file, paths[0], outgoing, error, stored) &&
+                       attempt < kMaxSendAttempts;
+    if (error == SUCCESS) {
+      Stored(*file, paths[0], *outgoing.work, outgoing.snapshot.state, stored);
       return SUCCESS;
     }
-    if (!outgoing.snapshot.content) {  // it has to be whole first
-      if (outgoing.work->Complete() != 0) {
-        return FILE_READ_FAILED;
-      }
-      continue;
-    }
-    const WorkFile::Snapshot& snapshot = outgoing.snapshot;
-    Attributes stored;
-    error = Upload(paths[0], snapshot, outgoing.replaces, *outgoing.sending, stored);
-    if (error == PATH_NOT_FOUND && MakeFoldersAbove(paths[0])) {
-      error = RETRY_UPLOAD;
-    } else if (error == SHARING_VIOLATION && outgoing.replaces) {
-      error = SettleConflict(file, paths[0], snapshot, stored);
-    }
-    if (error != SUCCESS) {
-      NotSent(*file, outgoing);
-    }
-    if (error == SUCCESS) {
-      Stored(*file, paths[0], *outgoing.work, snapshot.state, stored);
-    } else if (outgoing.sending->give_up) {
+    NotSent(*file, outgoing);
+    if (is_given_up) {
       return RETRY_UPLOAD;
-    } else if (error != RETRY_UPLOAD) {
+    }
+    if (!again) {
       events.Failed(FS_EVENT_CREATE_FILE, error, paths[0], paths[0]);
+      return error;
     }
   }
-  return error;
 }
 
-bool FileSystem::BeginSending(OpenFile& file, Outgoing& outgoing) {
-  const MutexLock one_at_a_time(publishing);
+AERROR FileSystem::BeginSending(OpenFile& file, What what, Outgoing& outgoing) {
   bool is_kept = false;
   {
     const MutexLock guard(lock);
     is_kept = file.is_kept;
     outgoing.work = file.work;
-    outgoing.snapshot = file.unsent;
     outgoing.replaces = file.Replaces();
+    if (!file.work || !file.work->IsDirty()) {
+      return SUCCESS;
+    }
+    if (what == What::kSaved && is_kept) {
+      if (!file.unsent.content) {
+        return SUCCESS;  // what is written now comes when it is closed
+      }
+      outgoing.snapshot = file.unsent;
+    }
     file.sending = outgoing.sending;
   }
-  const bool is_sent = !outgoing.snapshot.content && is_kept;  // what is written now comes later
-  if (!outgoing.work || !outgoing.work->IsDirty() || is_sent) {
-    return false;
-  }
-  if (!outgoing.snapshot.content && !outgoing.work->IsComplete()) {
-    return true;
-  }
   if (!outgoing.snapshot.content) {
+    if (Complete(file) != 0) {
+      return FILE_READ_FAILED;
+    }
     outgoing.snapshot = outgoing.work->TakeSnapshot();
   }
   outgoing.sending->was_read = outgoing.snapshot.state.size == 0;
+  const MutexLock one_at_a_time(publishing);
   const MutexLock guard(lock);
   outgoing.is_first_attempt = FindAttempt(file.attempts, outgoing.snapshot) == file.attempts.end();
   if (outgoing.is_first_attempt) {
     file.attempts.push_back(outgoing.snapshot);
   }
-  return true;
+  return SUCCESS;
+}
+
+// What can be done about a failed upload. True: it is worth another attempt; `error` becomes
+// SUCCESS when the remote turns out to have it.
+bool FileSystem::Remedy(const std::shared_ptr<OpenFile>& file, const std::string& path,
+                        const Outgoing& outgoing, AERROR& error, Attributes& stored) {
+  switch (error) {
+    case PATH_NOT_FOUND:
+      return MakeFoldersAbove(path);
+    case SHARING_VIOLATION:
+    case ALREADY_EXISTS:
+    case FILE_EXISTS:
+      return SettleConflict(file, path, outgoing, error, stored);
+    default:
+      return false;
+  }
 }
 
 void FileSystem::NotSent(OpenFile& file, const Outgoing& outgoing) {
@@ -203,23 +220,25 @@ bool FileSystem::HasCome(const std::shared_ptr<OpenFile>& file, const std::strin
   return ErrnoOf(remote.GetInfo(path, there)) != ENOENT;
 }
 
-AERROR FileSystem::Upload(const std::string& path, const WorkFile::Snapshot& snapshot,
-                          const std::optional<std::string>& replaces, Sending& sending,
-                          Attributes& stored) {
-  SnapshotSource content{&snapshot, &sending, &progress};
+AERROR FileSystem::Upload(const std::string& path, const Outgoing& outgoing, Attributes& stored) {
+  const WorkFile::Snapshot& snapshot = outgoing.snapshot;
+  SnapshotSource content{&snapshot, outgoing.sending.get(), &progress};
   FS_SOURCE source = {};
   source.context = &content;
   source.read = &SnapshotSource::Read;
   source.rewind = &SnapshotSource::Rewind;
   source.modified = &snapshot.state.modified;
-  source.replaces = replaces ? replaces->c_str() : nullptr;
+  source.replaces = outgoing.replaces ? outgoing.replaces->c_str() : nullptr;
   UploadEvents upload_events(events, path, static_cast<long long>(snapshot.state.size));
   stored = {.is_folder = false,
             .size = snapshot.state.size,
             .modified = snapshot.state.modified,
             .version = {}};
-  const AERROR error = remote.Upload(path, source, snapshot.state.size, &UploadEvents::OnProgress,
-                                     &upload_events, stored.protocol);
+  AERROR error = remote.Upload(path, source, snapshot.state.size, &UploadEvents::OnProgress,
+                               &upload_events, stored.protocol);
+  if (error != SUCCESS && outgoing.sending->give_up) {
+    error = UPLOAD_CANCELED;
+  }
   if (error == SUCCESS) {
     ++progress;
     stored.version = source.version;
@@ -232,34 +251,39 @@ AERROR FileSystem::Upload(const std::string& path, const WorkFile::Snapshot& sna
   return error;
 }
 
-AERROR FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std::string& path,
-                                  const WorkFile::Snapshot& snapshot, Attributes& stored) {
+// The remote has something else there than what was to be replaced, or somebody has locked it.
+bool FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std::string& path,
+                                const Outgoing& outgoing, AERROR& error, Attributes& stored) {
   Attributes there;
-  const AERROR error = remote.GetInfo(path, there);
-  if (ErrnoOf(error) == ENOENT) {
+  const AERROR asked = remote.GetInfo(path, there);
+  const bool is_absent = ErrnoOf(asked) == ENOENT;
+  if (is_absent && outgoing.replaces && !outgoing.replaces->empty()) {
     const MutexLock guard(lock);
     file->at_remote = false;  // removed by somebody else; ours is kept as a new one
-    return RETRY_UPLOAD;
+    return true;
   }
-  if (error != SUCCESS) {
-    return error;
+  const bool is_locked =
+      !there.is_folder && (is_absent || !outgoing.replaces || there.version == *outgoing.replaces);
+  if (asked != SUCCESS || is_locked) {
+    return false;
   }
   // An upload whose answer was lost, or that this process did not live to see, has come there.
-  if (IsAtRemote(path, there, snapshot)) {
+  if (IsAtRemote(path, there, outgoing.snapshot)) {
     stored = there;
-    return SUCCESS;
+    error = SUCCESS;
+    return false;
   }
-  if (IsAnAttempt(*file, path, there)) {
-    {
-      const MutexLock guard(lock);
-      file->at_remote = true;
-      file->remote = there;
-    }
-    PublishAnew(file);
-    return RETRY_UPLOAD;
+  if (!IsAnAttempt(*file, path, there)) {
+    MoveAside(file, path);
+    return true;
   }
-  MoveAside(file, path);
-  return RETRY_UPLOAD;
+  {
+    const MutexLock guard(lock);
+    file->at_remote = true;
+    file->remote = there;
+  }
+  PublishAnew(*file);
+  return true;
 }
 
 bool FileSystem::IsAnAttempt(const OpenFile& file, const std::string& path,
@@ -296,33 +320,49 @@ bool FileSystem::IsAtRemote(const std::string& path, const Attributes& attribute
   return remote.GetInfo(path, now) == SUCCESS && now.version == attributes.version;
 }
 
+// A name that nothing here has yet.
+std::string FileSystem::FreeConflictName(Ino folder, const std::string& name) const {
+  const std::time_t now = std::time(nullptr);
+  int number = 1;
+  std::string free = ConflictName(name, now, number);
+  while (nodes.Find(folder, free)) {
+    free = ConflictName(name, now, ++number);
+  }
+  return free;
+}
+
 void FileSystem::MoveAside(const std::shared_ptr<OpenFile>& file, const std::string& path) {
   std::string new_path;
   {
     const MutexLock guard(lock);
-    const std::string name = ConflictName(std::string(NameOf(path)), std::time(nullptr));
+    const Ino folder = nodes.FolderOf(file->ino);
+    const std::string name = FreeConflictName(folder, std::string(NameOf(path)));
     new_path = JoinPath(FolderOf(path), name);
-    nodes.Move(file->ino, nodes.FolderOf(file->ino), name);
+    nodes.Move(file->ino, folder, name);
     file->at_remote = false;
     listings.Forget(path);
     listings.Forget(new_path);
   }
-  PublishAnew(file);
+  PublishAnew(*file);
   events.Failed(FS_EVENT_CREATE_FILE, SHARING_VIOLATION, new_path, path);
 }
 
 // For files that waited while their folder went.
 bool FileSystem::MakeFoldersAbove(const std::string& path) {
-  AERROR error = PATH_NOT_FOUND;
+  bool has_made = false;
+  if (remote.Count() > 1) {
+    return false;  // which of them lost it is not known
+  }
   for (size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
-    error = remote.CreateFolder(path.substr(0, end));
+    const AERROR error = remote.CreateFolder(path.substr(0, end));
+    has_made = has_made || error == SUCCESS;
     if (error != SUCCESS && error != ALREADY_EXISTS && error != FILE_EXISTS) {
       return false;
     }
     const MutexLock guard(lock);
     listings.Forget(path.substr(0, end));
   }
-  return error != PATH_NOT_FOUND;
+  return has_made;
 }
 
 void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
@@ -343,7 +383,7 @@ void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
       DropReader(file);
       kernel[file.ino].version = stored.version;
       listings.SetPresent(path, stored, Clock::now());
-      (file.unsent.state.change == state.change ? sent : newer) = file.unsent;
+      (file.unsent.state.change <= state.change ? sent : newer) = file.unsent;
       if (sent.content) {
         file.unsent = {};
       }
@@ -380,12 +420,24 @@ size_t FileSystem::SendAll(Clock::duration patience) {
   }
   const auto sender = GetUploads();
   for (const auto& file : files) {
-    if (HasJournalFor(*file)) {
-      (void)Publish(file);  // what cannot be kept is sent all the same
+    // What cannot be kept is sent all the same.
+    if (Complete(*file) != 0 || !HasJournalFor(*file) || Publish(file) != 0) {
+      const MutexLock guard(lock);
+      file->is_kept = false;
     }
     sender->Add(file->ino);
   }
   return sender->Finish(patience, [this] { return progress.load(); });
+}
+
+size_t FileSystem::CountLost() const {
+  const MutexLock guard(lock);
+  return static_cast<size_t>(std::count_if(
+      open_files.begin(), open_files.end(), [&](const auto& open) TARN_REQUIRES(lock) {
+        const OpenFile& file = *open.second;
+        return file.work && file.work->IsDirty() && !file.unsent.content &&
+               nodes.PathOf(file.ino).has_value();
+      }));
 }
 
 void FileSystem::CloseAll() {

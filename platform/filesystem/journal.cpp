@@ -46,14 +46,42 @@ void Extract(const Json& json, std::uint64_t& size, FS_TIME& modified) {
   modified.nanoseconds = static_cast<int>(json.GetObject("modified/nanoseconds"));
 }
 
+// Versions and names of remotes are any bytes, records are UTF-8.
+std::string Escape(const std::string& bytes) {
+  std::string text;
+  for (const char c : bytes) {
+    if (c >= ' ' && c <= '~' && c != '%') {
+      text += c;
+    } else {
+      std::array<char, 4> code = {};
+      std::snprintf(code.data(), code.size(), "%%%02x", static_cast<unsigned char>(c));
+      text += code.data();
+    }
+  }
+  return text;
+}
+
+std::string Unescape(const std::string& text) {
+  std::string bytes;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size()) {
+      bytes += static_cast<char>(std::strtol(text.substr(i + 1, 2).c_str(), nullptr, 16));
+      i += 2;
+    } else {
+      bytes += text[i];
+    }
+  }
+  return bytes;
+}
+
 std::string ToText(const Journal::Record& record, const std::string& content_name) {
   Json json;
-  json.Insert("remote", record.remote);
+  json.Insert("remote", Escape(record.remote));
   json.Insert("path", record.path);
   Insert(json, record.size, record.modified);
   json.Insert("content", content_name);
   if (record.replaces) {
-    json.Insert("replaces", *record.replaces);
+    json.Insert("replaces", Escape(*record.replaces));
   }
   JsonObject attempts;
   for (const Journal::Record::Attempt& attempt : record.attempts) {
@@ -70,7 +98,7 @@ std::string ToText(const Journal::Record& record, const std::string& content_nam
 
 std::string ToText(const Journal::Move& move) {
   Json json;
-  json.Insert("remote", move.remote);
+  json.Insert("remote", Escape(move.remote));
   json.Insert("from", move.from);
   json.Insert("to", move.to);
   json.Insert("folder", move.is_folder ? 1 : 0);
@@ -97,12 +125,12 @@ bool IsPathInDrive(const std::string& path) {
 bool FromText(const std::string& text, Journal::Record& record, std::string& content_name) {
   try {
     const Json json(text.c_str());
-    record.remote = std::string(json.GetObject("remote"));
+    record.remote = Unescape(std::string(json.GetObject("remote")));
     record.path = std::string(json.GetObject("path"));
     Extract(json, record.size, record.modified);
     content_name = std::string(json.GetObject("content"));
     if (json.HasObject("replaces")) {
-      record.replaces = std::string(json.GetObject("replaces"));
+      record.replaces = Unescape(std::string(json.GetObject("replaces")));
     }
     if (json.HasObject("supersedes")) {
       record.supersedes = std::string(json.GetObject("supersedes"));
@@ -129,7 +157,7 @@ bool FromText(const std::string& text, Journal::Record& record, std::string& con
 bool FromText(const std::string& text, Journal::Move& move) {
   try {
     const Json json(text.c_str());
-    move.remote = std::string(json.GetObject("remote"));
+    move.remote = Unescape(std::string(json.GetObject("remote")));
     move.from = std::string(json.GetObject("from"));
     move.to = std::string(json.GetObject("to"));
     move.is_folder = static_cast<int>(json.GetObject("folder")) != 0;
@@ -266,6 +294,10 @@ std::vector<Journal::Move> Journal::ReadMoves(const std::string& remote) const {
 }
 
 void Journal::Remove(const std::string& id, Content& content) {
+  {
+    const MutexLock guard(lock);
+    in_use.erase(id);
+  }
   (void)::unlink((folder + "/" + id + std::string(kRecordEnd)).c_str());  // it may have none
   content.Discard();
 }

@@ -69,21 +69,22 @@ std::string_view NameOf(std::string_view path) {
   return path.substr(path.rfind('/') + 1);
 }
 
-std::string ConflictName(const std::string& name, std::time_t now) {
+std::string ConflictName(const std::string& name, std::time_t now, int number) {
   std::tm local = {};
   (void)::localtime_r(&now, &local);  // fails only for years that no clock shows
-  std::array<char, 48> mark = {};
-  const size_t mark_length =
-      std::strftime(mark.data(), mark.size(), " (conflict %Y-%m-%d %H.%M.%S)", &local);
+  std::array<char, 48> text = {};
+  (void)std::strftime(text.data(), text.size(), " (conflict %Y-%m-%d %H.%M.%S", &local);
+  const std::string mark =
+      std::string(text.data()) + (number > 1 ? " " + std::to_string(number) : "") + ")";
   size_t dot = name.rfind('.');
   if (dot == std::string::npos || dot == 0 || name.size() - dot > kMaxNameBytes / 2) {
     dot = name.size();
   }
-  size_t stem = std::min(dot, kMaxNameBytes - mark_length - (name.size() - dot));
+  size_t stem = std::min(dot, kMaxNameBytes - mark.size() - (name.size() - dot));
   while (stem > 0 && stem < dot && (static_cast<unsigned char>(name[stem]) & 0xC0) == 0x80) {
     --stem;  // not in the middle of a character
   }
-  return name.substr(0, stem) + std::string(mark.data(), mark_length) + name.substr(dot);
+  return name.substr(0, stem) + mark + name.substr(dot);
 }
 
 bool IsWithin(std::string_view path, std::string_view folder) {

@@ -18,8 +18,9 @@ inline constexpr size_t kMaxNameBytes = 255;
 [[nodiscard]] std::string_view NameOf(std::string_view path);    // of the root: empty
 
 // The name under which a file goes beside one that somebody else has made:
-// "name (conflict 2026-03-14 09.26.53).ext", in local time. Still valid if `name` was.
-[[nodiscard]] std::string ConflictName(const std::string& name, std::time_t now);
+// "name (conflict 2026-03-14 09.26.53).ext", in local time; from the second one on with the number
+// behind the time. Still valid if `name` was.
+[[nodiscard]] std::string ConflictName(const std::string& name, std::time_t now, int number = 1);
 
 // Whether `path` is `folder` itself or lies below it.
 [[nodiscard]] bool IsWithin(std::string_view path, std::string_view folder);

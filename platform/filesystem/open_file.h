@@ -47,6 +47,8 @@ struct OpenFile {
   // may be one of these. Changed as `unsent` is.
   std::vector<WorkFile::Snapshot> attempts;
   std::shared_ptr<Sending> sending;  // the last
+  // The remote's file has changed before all of it that is needed was fetched.
+  bool is_torn = false;
 
   // The version that an upload may replace; empty: nothing may be there; unset: whatever is there.
   [[nodiscard]] std::optional<std::string> Replaces() const {

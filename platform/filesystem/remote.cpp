@@ -72,11 +72,25 @@ AERROR Remote::Run(int index, Operation operation) {
   return error;
 }
 
-void Remote::Add(std::shared_ptr<IProtocol_V2> protocol) {
+int Remote::Add(std::shared_ptr<IProtocol_V2> protocol) {
   auto limited = std::make_shared<LimitedProtocol>(
       std::move(protocol), limits, [this](bool is_reachable) { Told(is_reachable); });
   const MutexLock guard(lock);
   protocols.push_back(std::move(limited));
+  return static_cast<int>(protocols.size()) - 1;
+}
+
+std::string Remote::GetIdentity(int protocol) {
+  constexpr int buffer_bytes = 4096;
+  const auto text = std::make_shared<std::string>(buffer_bytes, '\0');
+  const auto length = std::make_shared<int>(buffer_bytes);
+  const AERROR error = Run(protocol, [&](LimitedProtocol& limited) {
+    return limited.Ask([text, length](IProtocol_V2& called) {
+      return called.GetIdentity(text->data(), length.get());
+    });
+  });
+  const bool is_told = error == SUCCESS && *length > 0 && *length < buffer_bytes;
+  return is_told ? text->substr(0, static_cast<size_t>(*length)) : "";
 }
 
 void Remote::Told(bool is_reachable) {

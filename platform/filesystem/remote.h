@@ -32,7 +32,10 @@ class Remote {
   explicit Remote(const Limits& times = {}, Reachability::Listener told = nullptr)
       : limits(times), listener(std::move(told)) {}
 
-  void Add(std::shared_ptr<IProtocol_V2> protocol);
+  int Add(std::shared_ptr<IProtocol_V2> protocol);  // its index
+  // Names the remote in the same way each time; empty when it does not tell. Then nothing can be
+  // kept for another time.
+  [[nodiscard]] std::string GetIdentity(int protocol);
   [[nodiscard]] int Count() const;
   [[nodiscard]] std::shared_ptr<IProtocol_V2> At(int index) const;  // null: no such index
 

@@ -62,7 +62,8 @@ void Volume::SendWhatIsLeft() {
   if (left > 0) {
     files->GetRemote().Cancel();
     if (!gave_up.exchange(true)) {
-      files->GetEvents().LeftUnsent(given_path, left);
+      const size_t lost = std::min(left, files->CountLost());
+      files->GetEvents().LeftUnsent(given_path, left - lost, lost);
     }
   }
 }
@@ -85,6 +86,7 @@ AERROR Volume::Stop() {
   if (!IsGone()) {
     SendWhatIsLeft();
     if (!TakeAway()) {
+      gave_up = false;
       return FS_UNMOUNT_FAILED;
     }
   }

@@ -73,7 +73,7 @@ int WorkFile::Fetch(const Range& needed) {
     size_t received = 0;
     if (const int error = source->read(range.begin, buffer.data(), buffer.size(), received);
         error != 0 || received == 0) {
-      return error == 0 || error == ESTALE ? EIO : error;
+      return error == 0 ? EIO : error;
     }
     range.end = range.begin + received;
     if (const int error = Fill(range, buffer.data()); error != 0) {
@@ -99,16 +99,15 @@ int WorkFile::Fill(const Range& range, const char* data) {
         error != 0) {
       return error;
     }
+    std::shared_ptr<const Base> done;
     const MutexLock guard(lock);
-    NotMissing(*part);
+    done = NotMissing(*part);
   }
 }
 
-void WorkFile::NotMissing(const Range& range) {
+std::shared_ptr<const WorkFile::Base> WorkFile::NotMissing(const Range& range) {
   missing.Take(range);
-  if (missing.IsEmpty()) {
-    base.reset();
-  }
+  return missing.IsEmpty() ? std::exchange(base, nullptr) : nullptr;
 }
 
 int WorkFile::Read(std::uint64_t offset, void* buffer, size_t length, size_t& received) {
@@ -158,8 +157,9 @@ int WorkFile::WriteAt(std::uint64_t offset, const void* data, size_t length, siz
   if (written == 0) {
     return error;
   }
+  std::shared_ptr<const Base> done;
   const MutexLock guard(lock);
-  NotMissing({offset, offset + written});
+  done = NotMissing({offset, offset + written});
   state.size = std::max(state.size, offset + written);
   Changed();
   return 0;
@@ -186,8 +186,9 @@ int WorkFile::SetSize(std::uint64_t size) {
   if (const int error = GetContent()->SetSize(size); error != 0) {
     return error;
   }
+  std::shared_ptr<const Base> done;
   const MutexLock guard(lock);
-  NotMissing({size, kMaxSize});
+  done = NotMissing({size, kMaxSize});
   state.size = size;
   Changed();
   return 0;
@@ -216,7 +217,9 @@ WorkFile::Snapshot WorkFile::TakeSnapshot() {
     holders = std::make_shared<std::shared_ptr<Content>>(content);
     snapshots = holders;
   }
-  return {std::shared_ptr<Content>(holders, content.get()), state};
+  return {.content = std::shared_ptr<Content>(holders, content.get()),
+          .state = state,
+          .sent_bytes = std::make_shared<std::atomic<std::uint64_t>>(0)};
 }
 
 bool WorkFile::IsDirty() const {

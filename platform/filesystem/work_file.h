@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -31,6 +32,7 @@ class WorkFile {
   struct Snapshot {
     std::shared_ptr<Content> content;  // stays as it is while this lives
     State state = {};
+    std::shared_ptr<std::atomic<std::uint64_t>> sent_bytes;  // of the attempt that came furthest
   };
 
   // The remote's file. `read` gives at least one byte, and the first `length` bytes of the file at
@@ -47,7 +49,7 @@ class WorkFile {
   // Before anybody else knows of this object: it is the remote's file.
   [[nodiscard]] int SetBase(Base remote_file);
   // Fetches what is missing. Before a snapshot is taken.
-  [[nodiscard]] int Complete();
+  [[nodiscard]] int Complete();  // ESTALE: the remote's file has changed
   [[nodiscard]] bool IsComplete() const;
 
   [[nodiscard]] int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received);
@@ -71,7 +73,8 @@ class WorkFile {
   [[nodiscard]] int Fetch(const Range& needed);
   // Takes bytes of the remote's file, but where something was written meanwhile.
   [[nodiscard]] int Fill(const Range& range, const char* data) TARN_EXCLUDES(changing, lock);
-  void NotMissing(const Range& range) TARN_REQUIRES(lock);
+  // Returns what is not needed any more, to end after the locks.
+  std::shared_ptr<const Base> NotMissing(const Range& range) TARN_REQUIRES(lock);
   [[nodiscard]] int MakeOwn(std::uint64_t keep_bytes) TARN_REQUIRES(changing);
   [[nodiscard]] std::shared_ptr<Content> GetContent() const;
   void Changed() TARN_REQUIRES(lock);

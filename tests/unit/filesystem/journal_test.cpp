@@ -23,6 +23,7 @@ struct Drive {
     files->AddProtocol(Share(protocol));
   }
   ~Drive() {
+    (void)files->GetRemote().Close();
     files->CloseAll();
     EXPECT_TRUE(WaitUntil([&] { return files.use_count() == 1; })) << "or the folder stays locked";
   }
@@ -32,6 +33,20 @@ struct Drive {
   std::shared_ptr<RecordingEvents> events = std::make_shared<RecordingEvents>();
   std::shared_ptr<fs::FileSystem> files = std::make_shared<fs::FileSystem>();
   DirectCalls calls{*files};
+};
+
+// A remote that may keep files locked.
+class LockingProtocol : public MemoryProtocol {
+ public:
+  AERROR Upload(const char* path, FS_SOURCE* source, unsigned long long size, FS_PROGRESS progress,
+                void* context) override {
+    ++uploads;
+    return is_locked ? SHARING_VIOLATION
+                     : MemoryProtocol::Upload(path, source, size, progress, context);
+  }
+
+  std::atomic<bool> is_locked = false;
+  std::atomic<int> uploads = 0;
 };
 
 class JournalTest : public testing::Test {
@@ -46,7 +61,7 @@ class JournalTest : public testing::Test {
 
   TempFolder base;
   LentLibraries libraries;
-  MemoryProtocol protocol;
+  LockingProtocol protocol;
 };
 
 TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
@@ -250,6 +265,94 @@ TEST_F(JournalTest, ManyFilesAreSentSeveralAtOnceAndHoldNoDescriptors) {
   for (int i = 0; i < kFiles; ++i) {
     EXPECT_EQ(protocol.Content("/" + std::to_string(i)), std::to_string(i));
   }
+}
+
+TEST_F(JournalTest, FsyncMeansWhatThereIsNowAlsoWhenTheJournalTakesNothing) {
+  Drive drive(base.path(), "drive", protocol);
+  std::vector<std::string> names;
+  EXPECT_EQ(drive.calls.List("/", names), 0);
+  protocol.is_locked = true;
+  EXPECT_EQ(drive.calls.WriteFile("/file", "old"), 0);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(base.path())) {
+    if (const auto path = entry.path(); path.extension() == ".record") {
+      std::filesystem::remove(path);
+      std::filesystem::create_directory(path);  // no record can take its place
+    }
+  }
+  int file = -1;
+  EXPECT_EQ(drive.calls.Open("/file", O_RDWR, file), 0);
+  EXPECT_EQ(drive.calls.Write(file, 0, "new"), 0);
+  EXPECT_NE(drive.calls.Sync(file), 0);
+  protocol.is_locked = false;
+  EXPECT_EQ(drive.calls.Sync(file), 0);
+  EXPECT_EQ(protocol.Content("/file"), "new");
+  EXPECT_EQ(drive.calls.Close(file), 0);
+}
+
+TEST_F(JournalTest, ALockedFileIsNoConflictAndWhatCannotBeSentIsNotSentAllTheTime) {
+  protocol.Write("/file", "before");
+  protocol.MakeFolder("/folder");
+  Drive drive(base.path(), "drive", protocol);
+  std::vector<std::string> names;
+  EXPECT_EQ(drive.calls.List("/", names), 0);
+  EXPECT_EQ(drive.calls.List("/folder", names), 0);
+  protocol.is_locked = true;
+  EXPECT_EQ(drive.calls.WriteFile("/file", "ours"), 0);
+  EXPECT_EQ(drive.calls.WriteFile("/new", "new"), 0);
+  EXPECT_EQ(drive.files->SendAll(kPatience), 2U) << "refused, so not waited for";
+  EXPECT_LT(protocol.uploads, 20);
+  protocol.is_locked = false;
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/file", "/folder", "/new"}));
+  EXPECT_EQ(protocol.Content("/file"), "ours");
+
+  protocol.is_locked = true;
+  EXPECT_EQ(drive.calls.WriteFile("/folder/lost", "x"), 0);
+  protocol.Remove("/folder");
+  protocol.Write("/folder", "a file by now");
+  protocol.is_locked = false;
+  const int before = protocol.uploads;
+  EXPECT_EQ(drive.files->SendAll(kPatience), 1U);
+  EXPECT_LT(protocol.uploads - before, 20);
+}
+
+TEST_F(JournalTest, AFolderMadeElsewhereUnderTheNameOfAnUnsentFileStandsBesideIt) {
+  Drive drive(base.path(), "drive", protocol);
+  std::vector<std::string> names;
+  EXPECT_EQ(drive.calls.List("/", names), 0);
+  protocol.is_locked = true;
+  EXPECT_EQ(drive.calls.WriteFile("/name", "ours"), 0);
+  protocol.MakeFolder("/name");
+  fs::Stat stat;
+  const fs::Entry folder{"name", {.is_folder = true, .version = {}}};
+  ASSERT_TRUE(drive.files->LookUpEntry(fs::kRootIno, folder, fs::Clock::now(), stat));
+  EXPECT_FALSE(stat.is_folder);
+  protocol.is_locked = false;
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  const auto paths = protocol.Paths();
+  ASSERT_EQ(paths.size(), 2U);
+  EXPECT_EQ(protocol.Content(paths[1]), "ours") << paths[1];
+}
+
+TEST_F(JournalTest, ATimeThatIsSetWhileTheFileIsSentArrivesWithoutWaiting) {
+  Drive drive(base.path(), "drive", protocol);
+  std::vector<std::string> names;
+  EXPECT_EQ(drive.calls.List("/", names), 0);
+  protocol.latency_ms = 1000;
+  EXPECT_EQ(drive.calls.WriteFile("/file", "content"), 0);
+  fs::Stat stat;
+  ASSERT_EQ(drive.files->Lookup(fs::kRootIno, "file", stat), 0);
+  fs::AttributeChange change;
+  change.modified = FS_TIME{1'000'000'000, 0};
+  const int infos = protocol.infos;
+  EXPECT_EQ(drive.files->SetAttributes(stat.ino, change, stat), 0);
+  EXPECT_EQ(protocol.infos, infos);
+  EXPECT_EQ(protocol.Content("/file"), "") << "still on its way";
+  protocol.latency_ms = 0;
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  FS_INFO info = {};
+  ASSERT_EQ(protocol.GetInfo("/file", &info), SUCCESS);
+  EXPECT_EQ(info.modified.seconds, 1'000'000'000);
 }
 
 }  // namespace

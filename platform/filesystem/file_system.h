@@ -316,8 +316,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Those that are not what is in the journal go.
   static void Discard(const std::vector<WorkFile::Snapshot>& attempts,
                       const WorkFile::Snapshot& unsent);
-  [[nodiscard]] bool IsAnAttempt(const OpenFile& file, const std::string& path,
-                                 const Attributes& there) TARN_EXCLUDES(lock);
+  // Unset: cannot be found out now.
+  [[nodiscard]] std::optional<bool> IsAnAttempt(const OpenFile& file, const std::string& path,
+                                                const Attributes& there) TARN_EXCLUDES(lock);
   // Whether the remote has something under the file's name, as far as that is known or can be
   // asked.
   [[nodiscard]] bool HasCome(const std::shared_ptr<OpenFile>& file, const std::string& path)
@@ -329,8 +330,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
                                     const Outgoing& outgoing, AERROR& error, Attributes& stored);
   [[nodiscard]] std::string FreeConflictName(Ino folder, const std::string& name) const
       TARN_REQUIRES(lock);
-  [[nodiscard]] bool IsAtRemote(const std::string& path, const Attributes& attributes,
-                                const WorkFile::Snapshot& snapshot);
+  [[nodiscard]] std::optional<bool> IsAtRemote(const std::string& path,
+                                               const Attributes& attributes,
+                                               const WorkFile::Snapshot& snapshot);
   // Somebody else has a file of this name: ours takes another one beside it.
   void MoveAside(const std::shared_ptr<OpenFile>& file, const std::string& path)
       TARN_EXCLUDES(lock);

@@ -136,32 +136,31 @@ AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file, What what) {
 }
 
 AERROR FileSystem::BeginSending(OpenFile& file, What what, Outgoing& outgoing) {
-  bool is_kept = false;
+  std::shared_ptr<WorkFile> work;
   {
     const MutexLock guard(lock);
-    is_kept = file.is_kept;
-    outgoing.work = file.work;
-    outgoing.replaces = file.Replaces();
-    if (!file.work || !file.work->IsDirty()) {
-      return SUCCESS;
-    }
-    if (what == What::kSaved && is_kept) {
-      if (!file.unsent.content) {
-        return SUCCESS;  // what is written now comes when it is closed
-      }
-      outgoing.snapshot = file.unsent;
-    }
-    file.sending = outgoing.sending;
+    work = file.work;
+    what = file.is_kept ? what : What::kCurrent;
   }
-  if (!outgoing.snapshot.content) {
-    if (Complete(file) != 0) {
-      return FILE_READ_FAILED;
-    }
-    outgoing.snapshot = outgoing.work->TakeSnapshot();
+  if (!work || !work->IsDirty()) {
+    return SUCCESS;
   }
-  outgoing.sending->was_read = outgoing.snapshot.state.size == 0;
+  if (what == What::kCurrent && Complete(file) != 0) {
+    return FILE_READ_FAILED;
+  }
+  WorkFile::Snapshot current = what == What::kCurrent ? work->TakeSnapshot() : WorkFile::Snapshot{};
   const MutexLock one_at_a_time(publishing);
   const MutexLock guard(lock);
+  // What is written since the last close comes with the next.
+  outgoing.snapshot = what == What::kCurrent ? std::move(current) : file.unsent;
+  outgoing.work = std::move(work);
+  outgoing.replaces = file.Replaces();
+  if (!outgoing.snapshot.content || !outgoing.work->IsDirty()) {
+    outgoing.snapshot = {};
+    return SUCCESS;
+  }
+  file.sending = outgoing.sending;
+  outgoing.sending->was_read = outgoing.snapshot.state.size == 0;
   outgoing.is_first_attempt = FindAttempt(file.attempts, outgoing.snapshot) == file.attempts.end();
   if (outgoing.is_first_attempt) {
     file.attempts.push_back(outgoing.snapshot);
@@ -268,12 +267,17 @@ bool FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std
     return false;
   }
   // An upload whose answer was lost, or that this process did not live to see, has come there.
-  if (IsAtRemote(path, there, outgoing.snapshot)) {
+  const auto is_ours = IsAtRemote(path, there, outgoing.snapshot);
+  const auto is_attempt = is_ours == false ? IsAnAttempt(*file, path, there) : is_ours;
+  if (!is_attempt) {
+    return false;  // not to be found out now
+  }
+  if (is_ours == true) {
     stored = there;
     error = SUCCESS;
     return false;
   }
-  if (!IsAnAttempt(*file, path, there)) {
+  if (is_attempt == false) {
     MoveAside(file, path);
     return true;
   }
@@ -286,38 +290,45 @@ bool FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std
   return true;
 }
 
-bool FileSystem::IsAnAttempt(const OpenFile& file, const std::string& path,
-                             const Attributes& there) {
+std::optional<bool> FileSystem::IsAnAttempt(const OpenFile& file, const std::string& path,
+                                            const Attributes& there) {
   std::vector<WorkFile::Snapshot> attempts;
   {
     const MutexLock guard(lock);
     attempts = file.attempts;
   }
-  return std::any_of(attempts.begin(), attempts.end(), [&](const WorkFile::Snapshot& attempt) {
-    return IsAtRemote(path, there, attempt);
-  });
+  for (const WorkFile::Snapshot& attempt : attempts) {
+    if (const auto is_this = IsAtRemote(path, there, attempt); is_this != false) {
+      return is_this;
+    }
+  }
+  return false;
 }
 
-bool FileSystem::IsAtRemote(const std::string& path, const Attributes& attributes,
-                            const WorkFile::Snapshot& snapshot) {
+std::optional<bool> FileSystem::IsAtRemote(const std::string& path, const Attributes& attributes,
+                                           const WorkFile::Snapshot& snapshot) {
   if (attributes.is_folder || attributes.size != snapshot.state.size) {
     return false;
   }
+  bool is_same = true;
   std::vector<char> ours(std::min<std::uint64_t>(kCompareBytes, attributes.size));
-  for (std::uint64_t offset = 0; offset < attributes.size; offset += ours.size()) {
+  for (std::uint64_t offset = 0; is_same && offset < attributes.size; offset += ours.size()) {
     const size_t length = std::min<std::uint64_t>(ours.size(), attributes.size - offset);
     const auto theirs = Buffer::Make(length);
     size_t of_ours = 0;
     size_t of_theirs = 0;
     if (snapshot.content->Read(offset, ours.data(), length, of_ours) != 0 || of_ours != length ||
         !theirs || remote.Read(attributes.protocol, path, offset, theirs, of_theirs) != SUCCESS ||
-        of_theirs != length || std::memcmp(ours.data(), theirs->data(), length) != 0) {
-      return false;
+        of_theirs != length) {
+      return std::nullopt;
     }
+    is_same = std::memcmp(ours.data(), theirs->data(), length) == 0;
     ++progress;
   }
   Attributes now;
-  return remote.GetInfo(path, now) == SUCCESS && now.version == attributes.version;
+  const bool is_as_asked =
+      remote.GetInfo(path, now) == SUCCESS && now.version == attributes.version;
+  return is_as_asked ? std::optional(is_same) : std::nullopt;
 }
 
 // A name that nothing here has yet.

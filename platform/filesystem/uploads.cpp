@@ -161,7 +161,7 @@ void Uploads::Sent(Ino ino, AERROR error) {
   } else {
     file.state = State::kFailed;
     file.error = error;
-    file.refused = finishing && !IsUnreachable(error) && !IsCancelled(error);
+    file.refused = file.is_last_try && !IsUnreachable(error) && !IsCancelled(error);
     file.due = Clock::now() + PauseAfter(++file.failures);
   }
   if (remote_is_back) {
@@ -212,6 +212,7 @@ void Uploads::SendAllReady() {
         continue;
       }
       file->second.state = State::kSending;
+      file->second.is_last_try = finishing;
       ++sending;
     }
     const AERROR error = send(ino);

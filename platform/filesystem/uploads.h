@@ -69,7 +69,8 @@ class Uploads : public std::enable_shared_from_this<Uploads> {
     int failures = 0;    // one after the other
     AERROR error = SUCCESS;
     Clock::time_point due = {};  // when failed
-    bool refused = false;        // failed since Finish began, by a remote that can be reached
+    bool is_last_try = false;    // begun since Finish began
+    bool refused = false;        // such a try failed, by a remote that can be reached
   };
   struct Task;
 

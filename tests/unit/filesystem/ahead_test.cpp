@@ -12,6 +12,7 @@ namespace {
 class AheadTest : public testing::Test {
  protected:
   void SetUp() override { files->AddProtocol(Share(protocol)); }
+  void TearDown() override { End(files); }
 
   [[nodiscard]] std::string Path(int i) const { return folder + "/" + std::to_string(100 + i); }
   // Makes a folder of files and lists it.

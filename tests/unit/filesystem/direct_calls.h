@@ -1,12 +1,21 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <map>
 
 #include "platform/filesystem/file_system.h"
 #include "platform/filesystem/names.h"
+#include "tests/support/service/wait.h"
 #include "tests/unit/filesystem/drive.h"
 
 namespace tarn::test {
+
+// Ends it as a volume does: nothing of it uses the remote or the journal's folder any more.
+inline void End(const std::shared_ptr<fs::FileSystem>& files) {
+  (void)files->GetRemote().Close();
+  files->CloseAll();
+  EXPECT_TRUE(WaitUntil([&] { return files.use_count() == 1; }));
+}
 
 // Calls on a FileSystem, as the kernel makes them: each component looked up, every lookup
 // forgotten.

@@ -20,7 +20,7 @@ class FileSystemTest : public testing::Test {
     files->GetEvents().SetSink(events);
     files->AddProtocol(Share(protocol));
   }
-  ~FileSystemTest() override { files->CloseAll(); }
+  ~FileSystemTest() override { End(files); }
 
   int Open(const std::string& path, int flags) {
     int file = -1;

@@ -22,11 +22,7 @@ struct Drive {
     files->UseJournal(fs::Journal::Open(base, label));
     files->AddProtocol(Share(protocol));
   }
-  ~Drive() {
-    (void)files->GetRemote().Close();
-    files->CloseAll();
-    EXPECT_TRUE(WaitUntil([&] { return files.use_count() == 1; })) << "or the folder stays locked";
-  }
+  ~Drive() { End(files); }
   Drive(const Drive&) = delete;
   Drive& operator=(const Drive&) = delete;
 

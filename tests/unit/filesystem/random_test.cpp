@@ -237,6 +237,7 @@ TEST_P(RandomTest, WithoutAMountEveryStepIsThatOfAPlainFolder) {
   DirectCalls drive(*files);
   ASSERT_EQ(RandomOperations(drive, plain, GetParam()).Run(400), "");
   CompareWithRemote();
+  End(files);
 }
 
 TEST_P(RandomTest, WithAJournalEveryStepIsThatOfAPlainFolder) {
@@ -250,7 +251,7 @@ TEST_P(RandomTest, WithAJournalEveryStepIsThatOfAPlainFolder) {
   }
   EXPECT_EQ(files->SendAll(std::chrono::seconds(30)), 0U);
   CompareWithRemote();
-  files->CloseAll();
+  End(files);
 }
 
 TEST_P(RandomTest, OnAMountEveryStepIsThatOfAPlainFolder) {

@@ -43,7 +43,9 @@ void FileSystem::OpenedSmall(const OpenFile& file, const Beginning& begun, Clock
       return;
     }
     if (small.last_opened + kPause < now) {
-      small = {.on_way = small.on_way};
+      const size_t on_way = small.on_way;
+      small = {};
+      small.on_way = on_way;
     }
     const SmallFile opened{nodes.FolderOf(file.ino), std::string(NameOf(*path))};
     const auto following =

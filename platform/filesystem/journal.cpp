@@ -177,7 +177,7 @@ int WriteWhole(const std::string& folder, const std::string& name, const std::st
     return errno;
   }
   int error = WriteAll(file.get(), text.data(), text.size()) ? 0 : errno;
-  if (error == 0 && std::rename(temporary.c_str(), (folder + "/" + name).c_str()) != 0) {
+  if (error == 0 && std::rename(temporary.c_str(), (JoinPath(folder, name)).c_str()) != 0) {
     error = errno;
   }
   if (error != 0) {
@@ -201,11 +201,12 @@ std::vector<std::string> RecordsByAge(const std::string& folder) {
   for (const std::string& name : NamesIn(folder)) {
     std::error_code error;
     if (name.ends_with(kRecordEnd)) {
-      aged.emplace_back(files::last_write_time(folder + "/" + name, error), name);
+      aged.emplace_back(files::last_write_time(JoinPath(folder, name), error), name);
     }
   }
   std::sort(aged.begin(), aged.end());
   std::vector<std::string> names;
+  names.reserve(aged.size());
   for (auto& [time, name] : aged) {
     names.push_back(std::move(name));
   }
@@ -284,7 +285,7 @@ std::vector<Journal::Move> Journal::ReadMoves(const std::string& remote) const {
   for (const std::string& name : NamesIn(folder)) {
     Move move;
     std::string text;
-    if (name.ends_with(kMoveEnd) && ReadFile(folder + "/" + name, kMaxRecordBytes, text) &&
+    if (name.ends_with(kMoveEnd) && ReadFile(JoinPath(folder, name), kMaxRecordBytes, text) &&
         FromText(text, move) && move.remote == remote) {
       move.id = name.substr(0, name.size() - kMoveEnd.size());
       moves.push_back(std::move(move));
@@ -312,7 +313,7 @@ std::vector<Journal::Unsent> Journal::Read(const std::string& of_folder, const s
     unsent.id = name.substr(0, name.size() - kRecordEnd.size());
     std::string text;
     std::string content_name;
-    if (!ReadFile(of_folder + "/" + name, kMaxRecordBytes, text) ||
+    if (!ReadFile(JoinPath(of_folder, name), kMaxRecordBytes, text) ||
         !FromText(text, unsent.record, content_name)) {
       ++unreadable;
       continue;
@@ -323,7 +324,7 @@ std::vector<Journal::Unsent> Journal::Read(const std::string& of_folder, const s
     if (!remote.empty() && unsent.record.remote != remote) {
       continue;
     }
-    const std::string path = of_folder + "/" + content_name;
+    const std::string path = JoinPath(of_folder, content_name);
     std::error_code error;
     if (Content::Open(path, unsent.content) != 0 ||
         files::file_size(path, error) != unsent.record.size) {
@@ -337,7 +338,7 @@ std::vector<Journal::Unsent> Journal::Read(const std::string& of_folder, const s
     found.push_back(std::move(unsent));
   }
   for (const std::string& id : superseded) {
-    (void)::unlink((of_folder + "/" + id + std::string(kRecordEnd)).c_str());  // mostly gone
+    (void)::unlink((JoinPath(of_folder, id) + std::string(kRecordEnd)).c_str());  // mostly gone
   }
   std::erase_if(found, [&](const Unsent& unsent) { return superseded.count(unsent.id) != 0; });
   return found;
@@ -346,7 +347,7 @@ std::vector<Journal::Unsent> Journal::Read(const std::string& of_folder, const s
 // One that is missing is one less to be recognised at the remote.
 void Journal::OpenAttempts(const std::string& of_folder, Unsent& unsent) {
   std::erase_if(unsent.record.attempts, [&](const Record::Attempt& attempt) {
-    const std::string path = of_folder + "/" + attempt.name;
+    const std::string path = JoinPath(of_folder, attempt).name;
     std::shared_ptr<Content> content;
     std::error_code error;
     if (files::file_size(path, error) != attempt.size || Content::Open(path, content) != 0) {
@@ -371,7 +372,7 @@ void Journal::RemoveLeftOvers(const std::string& of_folder) {
     const bool is_temporary = name.starts_with(".work-") || name.starts_with(".record-");
     const bool is_unused = name.ends_with(kContentEnd) && used.count(name) == 0 && unreadable == 0;
     if (is_temporary || is_unused) {
-      (void)::unlink((of_folder + "/" + name).c_str());  // tried again the next time
+      (void)::unlink((JoinPath(of_folder, name)).c_str());  // tried again the next time
     }
   }
 }
@@ -411,7 +412,7 @@ void Journal::TakeFrom(const std::string& other_folder, const std::string& remot
   RemoveLeftOvers(other_folder);
   for (const std::string& name : NamesIn(other_folder)) {
     if (name.ends_with(kMoveEnd)) {
-      (void)std::rename((other_folder + "/" + name).c_str(), (folder + "/" + name).c_str());
+      (void)std::rename((other_folder + "/" + name).c_str(), (JoinPath(folder, name)).c_str());
     }
   }
   (void)::rmdir(other_folder.c_str());  // stays while there is anything in it
@@ -427,7 +428,7 @@ std::vector<Journal::Unsent> Journal::TakeOver(const std::string& remote,
                              TARN_REQUIRES(lock) { return in_use.count(unsent.id) != 0; });
   }
   for (const std::string& name : NamesIn(base)) {
-    if (const std::string other = base + "/" + name; other != folder) {
+    if (const std::string other = JoinPath(base, name); other != folder) {
       TakeFrom(other, remote, taken);
     }
   }

@@ -30,8 +30,8 @@ class Journal {
     std::string path;        // within the drive
     std::uint64_t size = 0;  // bytes
     FS_TIME modified = {};
-    std::optional<std::string>
-        replaces;  // the version; empty: a new file; unset: whatever is there
+    // The version; empty: a new file; unset: whatever is there.
+    std::optional<std::string> replaces = std::nullopt;
     // Earlier contents that may have come to the remote, for all that is known.
     struct Attempt {
       std::string name;  // in the folder

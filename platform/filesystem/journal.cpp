@@ -177,7 +177,7 @@ int WriteWhole(const std::string& folder, const std::string& name, const std::st
     return errno;
   }
   int error = WriteAll(file.get(), text.data(), text.size()) ? 0 : errno;
-  if (error == 0 && std::rename(temporary.c_str(), (JoinPath(folder, name)).c_str()) != 0) {
+  if (error == 0 && std::rename(temporary.c_str(), JoinPath(folder, name).c_str()) != 0) {
     error = errno;
   }
   if (error != 0) {
@@ -347,7 +347,7 @@ std::vector<Journal::Unsent> Journal::Read(const std::string& of_folder, const s
 // One that is missing is one less to be recognised at the remote.
 void Journal::OpenAttempts(const std::string& of_folder, Unsent& unsent) {
   std::erase_if(unsent.record.attempts, [&](const Record::Attempt& attempt) {
-    const std::string path = JoinPath(of_folder, attempt).name;
+    const std::string path = JoinPath(of_folder, attempt.name);
     std::shared_ptr<Content> content;
     std::error_code error;
     if (files::file_size(path, error) != attempt.size || Content::Open(path, content) != 0) {
@@ -412,7 +412,7 @@ void Journal::TakeFrom(const std::string& other_folder, const std::string& remot
   RemoveLeftOvers(other_folder);
   for (const std::string& name : NamesIn(other_folder)) {
     if (name.ends_with(kMoveEnd)) {
-      (void)std::rename((other_folder + "/" + name).c_str(), (JoinPath(folder, name)).c_str());
+      (void)std::rename((other_folder + "/" + name).c_str(), JoinPath(folder, name).c_str());
     }
   }
   (void)::rmdir(other_folder.c_str());  // stays while there is anything in it

@@ -11,17 +11,13 @@ namespace {
 
 class AheadTest : public testing::Test {
  protected:
-  void SetUp() override { files->AddProtocol(Share(protocol)); }
-  void TearDown() override { End(files); }
-
   [[nodiscard]] std::string Path(int i) const { return folder + "/" + std::to_string(100 + i); }
   // Makes a folder of files and lists it.
   void FillFolder(int count, const std::string& content) {
     for (int i = 0; i < count; ++i) {
       protocol.Write(Path(i), content + std::to_string(i));
     }
-    std::vector<std::string> names;
-    ASSERT_EQ(drive.List(folder, names), 0);
+    (void)drive.Names(folder);
   }
   void ExpectContents(int begin, int end, const std::string& content) {
     for (int i = begin; i < end; ++i) {
@@ -32,8 +28,7 @@ class AheadTest : public testing::Test {
   std::string folder = "/folder";
   LentLibraries libraries{64 * 1024 * 1024};
   MemoryProtocol protocol;
-  std::shared_ptr<fs::FileSystem> files = std::make_shared<fs::FileSystem>();
-  DirectCalls drive{*files};
+  Drive drive{protocol};
 };
 
 TEST_F(AheadTest, OneListingAnswersForEveryNameInItsFolder) {
@@ -53,15 +48,12 @@ TEST_F(AheadTest, FoldersBelowAListedOneAreListedAhead) {
   for (int i = 0; i < 20; ++i) {
     protocol.Write("/folder" + std::to_string(i) + "/file", "x");
   }
-  std::vector<std::string> names;
-  ASSERT_EQ(drive.List("/", names), 0);
+  const auto names = drive.Names("/");
   libraries.WaitIdle();
   EXPECT_EQ(protocol.lists, 21);
   const int infos = protocol.infos;
   for (const std::string& name : names) {
-    std::vector<std::string> below;
-    EXPECT_EQ(drive.List("/" + name, below), 0);
-    EXPECT_EQ(below, std::vector<std::string>{"file"});
+    EXPECT_EQ(drive.Names("/" + name), std::vector<std::string>{"file"});
   }
   EXPECT_EQ(protocol.lists, 21);
   EXPECT_EQ(protocol.infos, infos);
@@ -86,10 +78,9 @@ TEST_F(AheadTest, InAnyOrderTheFoldersBesideFollowAndNothingComesOnceTheProgramP
   for (int i = 0; i < 300; ++i) {
     protocol.Write(path(i), "content" + std::to_string(i));
   }
-  std::vector<std::string> names;
-  ASSERT_EQ(drive.List("/tree", names), 0);
+  (void)drive.Names("/tree");
   for (int i = 0; i < kFolders; ++i) {
-    ASSERT_EQ(drive.List("/tree/" + std::to_string(i), names), 0);
+    (void)drive.Names("/tree/" + std::to_string(i));
   }
   protocol.latency_ms = 5;
   for (int i = 7; i < 300 * 7; i += 7) {

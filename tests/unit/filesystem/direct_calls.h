@@ -4,18 +4,13 @@
 #include <map>
 
 #include "platform/filesystem/file_system.h"
+#include "platform/filesystem/journal.h"
 #include "platform/filesystem/names.h"
 #include "tests/support/service/wait.h"
 #include "tests/unit/filesystem/drive.h"
+#include "tests/unit/filesystem/recording_events.h"
 
 namespace tarn::test {
-
-// Ends it as a volume does: nothing of it uses the remote or the journal's folder any more.
-inline void End(const std::shared_ptr<fs::FileSystem>& files) {
-  (void)files->GetRemote().Close();
-  files->CloseAll();
-  EXPECT_TRUE(WaitUntil([&] { return files.use_count() == 1; }));
-}
 
 // Calls on a FileSystem, as the kernel makes them: each component looked up, every lookup
 // forgotten.
@@ -41,12 +36,12 @@ class DirectCalls : public Calls {
     }
     if (error == 0) {
       file = next++;
-      opened.emplace(file, Opened{stat.ino, handle.handle});
+      opened.emplace(file, OpenFile{stat.ino, handle.handle});
     }
     return error;
   }
   int Close(int file) override {
-    const Opened closed = opened.at(file);
+    const OpenFile closed = opened.at(file);
     opened.erase(file);
     const int error = files.Flush(closed.handle);
     files.Release(closed.handle);
@@ -134,7 +129,7 @@ class DirectCalls : public Calls {
   }
 
  private:
-  struct Opened {
+  struct OpenFile {
     fs::Ino ino;
     std::uint64_t handle;
   };
@@ -165,8 +160,35 @@ class DirectCalls : public Calls {
   static std::string Name(const std::string& path) { return std::string(fs::NameOf(path)); }
 
   fs::FileSystem& files;
-  std::map<int, Opened> opened;
+  std::map<int, OpenFile> opened;
   int next = 1;
+};
+
+// A drive without a mount. Its end is that of a volume: nothing of it uses the remotes or the
+// journal's folder any more. Without SendAll it is also that of a process which died: nothing of
+// the objects' ends touches what was kept.
+class Drive : public DirectCalls {
+ public:
+  explicit Drive(std::shared_ptr<fs::FileSystem> made = std::make_shared<fs::FileSystem>())
+      : DirectCalls(*made), files(std::move(made)) {
+    files->GetEvents().SetSink(events);
+  }
+  explicit Drive(IProtocol_V2& protocol) : Drive() { files->AddProtocol(Share(protocol)); }
+  Drive(IProtocol_V2& protocol, const std::string& journals, const std::string& label = "drive")
+      : Drive() {
+    files->UseJournal(fs::Journal::Open(journals, label));
+    files->AddProtocol(Share(protocol));
+  }
+  ~Drive() override {
+    (void)files->GetRemote().Close();
+    files->CloseAll();
+    EXPECT_TRUE(WaitUntil([&] { return files.use_count() == 1; }));
+  }
+  Drive(const Drive&) = delete;
+  Drive& operator=(const Drive&) = delete;
+
+  const std::shared_ptr<RecordingEvents> events = std::make_shared<RecordingEvents>();
+  const std::shared_ptr<fs::FileSystem> files;
 };
 
 }  // namespace tarn::test

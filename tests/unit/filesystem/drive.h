@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <sys/mount.h>
@@ -63,6 +64,22 @@ class Calls {
     std::string content;
     return ReadFile(path, content) == 0 ? content : "(error)";
   }
+  std::string ReadAt(int file, std::uint64_t offset, size_t length) {  // "(errno N)"
+    std::string content;
+    const int error = Read(file, offset, length, content);
+    return error == 0 ? content : "(errno " + std::to_string(error) + ")";
+  }
+  // What must be there.
+  int Opened(const std::string& path, int flags) {
+    int file = -1;
+    EXPECT_EQ(Open(path, flags, file), 0) << path;
+    return file;
+  }
+  std::vector<std::string> Names(const std::string& path) {  // sorted
+    std::vector<std::string> names;
+    EXPECT_EQ(List(path, names), 0) << path;
+    return names;
+  }
 };
 
 // Calls on a folder of this machine.
@@ -110,18 +127,13 @@ class FolderCalls : public Calls {
   }
   int List(const std::string& path, std::vector<std::string>& names) override {
     names.clear();
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir((root + path).c_str()), &::closedir);
-    if (!folder) {
-      return errno;
-    }
-    errno = 0;
-    while (const dirent* entry = ::readdir(folder.get())) {
-      if (const std::string name = entry->d_name; name != "." && name != "..") {
-        names.push_back(name);
-      }
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(root + path, error), end; entry != end;
+         entry.increment(error)) {
+      names.push_back(entry->path().filename());
     }
     std::sort(names.begin(), names.end());
-    return errno;
+    return error.value();
   }
 
  private:

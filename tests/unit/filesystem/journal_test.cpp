@@ -9,27 +9,9 @@
 #include "tests/support/service/wait.h"
 #include "tests/unit/filesystem/direct_calls.h"
 #include "tests/unit/filesystem/lent_libraries.h"
-#include "tests/unit/filesystem/recording_events.h"
 
 namespace tarn::test {
 namespace {
-
-// A drive with a journal over a remote in memory. Its end without SendAll is that of a process
-// which died: nothing of the objects' ends touches what was kept.
-struct Drive {
-  Drive(const std::string& base, const std::string& label, IProtocol_V2& protocol) {
-    files->GetEvents().SetSink(events);
-    files->UseJournal(fs::Journal::Open(base, label));
-    files->AddProtocol(Share(protocol));
-  }
-  ~Drive() { End(files); }
-  Drive(const Drive&) = delete;
-  Drive& operator=(const Drive&) = delete;
-
-  std::shared_ptr<RecordingEvents> events = std::make_shared<RecordingEvents>();
-  std::shared_ptr<fs::FileSystem> files = std::make_shared<fs::FileSystem>();
-  DirectCalls calls{*files};
-};
 
 // A remote that may keep files locked.
 class LockingProtocol : public MemoryProtocol {
@@ -55,6 +37,17 @@ class JournalTest : public testing::Test {
     return count;
   }
 
+  // Puts a new file into a journal, as "one".
+  static void PutOne(fs::Journal& journal, const std::string& path, const std::string& text,
+                     const std::string& remote = "memory:") {
+    fs::Journal::Record record{.remote = remote, .path = path, .size = text.size(), .replaces = ""};
+    std::shared_ptr<fs::Content> content;
+    size_t written = 0;
+    ASSERT_EQ(fs::Content::Make(journal.GetFolder(), true, content), 0);
+    ASSERT_EQ(content->Write(0, text.data(), text.size(), written), 0);
+    ASSERT_EQ(journal.Put("one", record, *content), 0);
+  }
+
   TempFolder base;
   LentLibraries libraries;
   LockingProtocol protocol;
@@ -64,29 +57,27 @@ TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
   protocol.MakeFolder("/folder");
   protocol.Write("/changed", "theirs");
   {
-    Drive drive(base.path(), "drive", protocol);
-    EXPECT_EQ(drive.calls.Content("/changed"), "theirs");
-    std::vector<std::string> names;
-    EXPECT_EQ(drive.calls.List("/folder", names), 0);
-    int changed = -1;
-    EXPECT_EQ(drive.calls.Open("/changed", O_WRONLY | O_TRUNC, changed), 0);
+    Drive drive(protocol, base.path());
+    EXPECT_EQ(drive.Content("/changed"), "theirs");
+    (void)drive.Names("/folder");
+    const int changed = drive.Opened("/changed", O_WRONLY | O_TRUNC);
     protocol.failure = DEVICE_NOT_READY;
-    EXPECT_EQ(drive.calls.Write(changed, 0, "ours"), 0);
-    EXPECT_EQ(drive.calls.Close(changed), 0);
-    EXPECT_EQ(drive.calls.WriteFile("/folder/new", "new"), 0);
-    EXPECT_EQ(drive.calls.WriteFile("/folder/removed", "x"), 0);
-    EXPECT_EQ(drive.calls.Unlink("/folder/removed"), 0);
-    EXPECT_EQ(drive.calls.Rename("/folder/new", "/folder/renamed"), 0);
-    EXPECT_EQ(drive.calls.Content("/folder/renamed"), "new");
-    int half = -1;  // never closed, so nobody was promised anything
-    EXPECT_EQ(drive.calls.Open("/folder/renamed", O_WRONLY, half), 0);
-    EXPECT_EQ(drive.calls.Write(half, 0, "NEW"), 0);
+    EXPECT_EQ(drive.Write(changed, 0, "ours"), 0);
+    EXPECT_EQ(drive.Close(changed), 0);
+    EXPECT_EQ(drive.WriteFile("/folder/new", "new"), 0);
+    EXPECT_EQ(drive.WriteFile("/folder/removed", "x"), 0);
+    EXPECT_EQ(drive.Unlink("/folder/removed"), 0);
+    EXPECT_EQ(drive.Rename("/folder/new", "/folder/renamed"), 0);
+    EXPECT_EQ(drive.Content("/folder/renamed"), "new");
+    // Never closed, so nobody was promised anything.
+    const int half = drive.Opened("/folder/renamed", O_WRONLY);
+    EXPECT_EQ(drive.Write(half, 0, "NEW"), 0);
   }
   protocol.failure = SUCCESS;
   protocol.Remove("/folder");
   {
-    Drive other(base.path(), "another label", protocol);
-    EXPECT_EQ(other.calls.Content("/changed"), "ours") << "from the first moment";
+    Drive other(protocol, base.path(), "another label");
+    EXPECT_EQ(other.Content("/changed"), "ours") << "from the first moment";
     EXPECT_EQ(other.files->SendAll(kPatience), 0U);
     EXPECT_EQ(protocol.Content("/changed"), "ours");
     EXPECT_EQ(protocol.Content("/folder/renamed"), "new");
@@ -97,18 +88,14 @@ TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
 
 TEST_F(JournalTest, AnUploadThatCameThereBeforeTheProcessDiedMakesNoConflict) {
   {
-    Drive drive(base.path(), "drive", protocol);
+    Drive drive(protocol, base.path());
+    (void)drive.Names("/");
     protocol.failure = DEVICE_NOT_READY;
-    fs::Stat stat;
-    fs::FileSystem::Opened opened;
-    size_t written = 0;
-    ASSERT_EQ(drive.files->Create(fs::kRootIno, "file", O_WRONLY, stat, opened), 0);
-    ASSERT_EQ(drive.files->Write(opened.handle, 0, "ours", 4, false, written), 0);
-    ASSERT_EQ(drive.files->Flush(opened.handle), 0);
+    EXPECT_EQ(drive.WriteFile("/file", "ours"), 0);
   }
   protocol.failure = SUCCESS;
   protocol.Write("/file", "ours");
-  Drive again(base.path(), "drive", protocol);
+  Drive again(protocol, base.path());
   EXPECT_EQ(again.files->SendAll(kPatience), 0U);
   EXPECT_EQ(protocol.Paths(), std::vector<std::string>{"/file"});
 }
@@ -116,20 +103,20 @@ TEST_F(JournalTest, AnUploadThatCameThereBeforeTheProcessDiedMakesNoConflict) {
 TEST_F(JournalTest, AFileThatCameThereUnnoticedIsReplacedRemovedAndRenamedAsOurs) {
   const std::vector<std::string> names = {"/changed", "/removed", "/renamed"};
   {
-    Drive drive(base.path(), "drive", protocol);
+    Drive drive(protocol, base.path());
     protocol.loses_answers = true;
     for (const std::string& name : names) {
-      EXPECT_EQ(drive.calls.WriteFile(name, "first"), 0);
+      EXPECT_EQ(drive.WriteFile(name, "first"), 0);
       EXPECT_TRUE(WaitUntil([&] { return protocol.Content(name) == "first"; }));
     }
-    EXPECT_EQ(drive.calls.WriteFile("/changed", "second"), 0);
+    EXPECT_EQ(drive.WriteFile("/changed", "second"), 0);
   }
   protocol.loses_answers = false;
   protocol.failure = FILE_WRITE_FAILED;  // of what is sent at once
-  Drive again(base.path(), "drive", protocol);
+  Drive again(protocol, base.path());
   protocol.failure = SUCCESS;
-  EXPECT_EQ(again.calls.Unlink("/removed"), 0);
-  EXPECT_EQ(again.calls.Rename("/renamed", "/new name"), 0);
+  EXPECT_EQ(again.Unlink("/removed"), 0);
+  EXPECT_EQ(again.Rename("/renamed", "/new name"), 0);
   EXPECT_EQ(again.files->SendAll(kPatience), 0U);
   EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/changed", "/new name"}));
   EXPECT_EQ(protocol.Content("/changed"), "second");
@@ -141,14 +128,9 @@ TEST_F(JournalTest, AMoveThatTheProcessDidNotLiveToSeeHasHappenedOrNot) {
     protocol.Write("/a", "theirs");
     FS_INFO source = {};
     ASSERT_EQ(protocol.GetInfo("/a", &source), SUCCESS);
-    fs::Journal::Record record{.remote = "memory:", .path = "/b", .size = 4, .replaces = ""};
     {
       const auto journal = fs::Journal::Open(base.path(), "drive");
-      std::shared_ptr<fs::Content> content;
-      size_t written = 0;
-      ASSERT_EQ(fs::Content::Make(journal->GetFolder(), true, content), 0);
-      ASSERT_EQ(content->Write(0, "ours", 4, written), 0);
-      ASSERT_EQ(journal->Put("one", record, *content), 0);
+      PutOne(*journal, "/b", "ours");
       ASSERT_EQ(journal->Put(fs::Journal::Move{"two", "memory:", "/a", "/b", false, source.size,
                                                source.modified, "one"}),
                 0);
@@ -156,8 +138,8 @@ TEST_F(JournalTest, AMoveThatTheProcessDidNotLiveToSeeHasHappenedOrNot) {
     if (has_happened) {
       ASSERT_EQ(protocol.Move("/a", "/b"), SUCCESS);
     }
-    Drive drive(base.path(), "drive", protocol);
-    EXPECT_EQ(drive.calls.Content("/b"), has_happened ? "theirs" : "ours");
+    Drive drive(protocol, base.path());
+    EXPECT_EQ(drive.Content("/b"), has_happened ? "theirs" : "ours");
     EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
     EXPECT_EQ(protocol.Content("/b"), has_happened ? "theirs" : "ours");
     EXPECT_EQ(protocol.Paths().size(), has_happened ? 1U : 2U);
@@ -167,13 +149,12 @@ TEST_F(JournalTest, AMoveThatTheProcessDidNotLiveToSeeHasHappenedOrNot) {
 
 TEST_F(JournalTest, AChangedFileThatSomebodyElseChangedMeanwhileIsKeptBesideTheirs) {
   protocol.Write("/report.txt", "before");
-  Drive drive(base.path(), "drive", protocol);
-  int file = -1;
-  ASSERT_EQ(drive.calls.Open("/report.txt", O_RDWR, file), 0);
-  ASSERT_EQ(drive.calls.Write(file, 0, "ours!!"), 0);
+  Drive drive(protocol, base.path());
+  const int file = drive.Opened("/report.txt", O_RDWR);
+  ASSERT_EQ(drive.Write(file, 0, "ours!!"), 0);
   protocol.Write("/report.txt", "theirs");
-  EXPECT_EQ(drive.calls.Sync(file), 0);
-  EXPECT_EQ(drive.calls.Close(file), 0);
+  EXPECT_EQ(drive.Sync(file), 0);
+  EXPECT_EQ(drive.Close(file), 0);
   ASSERT_EQ(drive.files->SendAll(kPatience), 0U);
   const auto paths = protocol.Paths();
   ASSERT_EQ(paths.size(), 2U);
@@ -184,33 +165,26 @@ TEST_F(JournalTest, AChangedFileThatSomebodyElseChangedMeanwhileIsKeptBesideThei
 
 TEST_F(JournalTest, WhatWasClosedIsNotChangedByWhatIsWrittenAfterwards) {
   {
-    Drive drive(base.path(), "drive", protocol);
-    std::vector<std::string> names;
-    EXPECT_EQ(drive.calls.List("/", names), 0);
+    Drive drive(protocol, base.path());
+    (void)drive.Names("/");
     protocol.failure = DEVICE_NOT_READY;
-    ASSERT_EQ(drive.calls.WriteFile("/log", "closed"), 0);
-    int file = -1;
-    ASSERT_EQ(drive.calls.Open("/log", O_RDWR, file), 0);
-    ASSERT_EQ(drive.calls.Write(file, 0, "not yet"), 0);
-    ASSERT_EQ(drive.calls.Truncate(file, 2), 0);
-    EXPECT_EQ(drive.calls.Sync(file), EIO);
+    ASSERT_EQ(drive.WriteFile("/log", "closed"), 0);
+    const int file = drive.Opened("/log", O_RDWR);
+    ASSERT_EQ(drive.Write(file, 0, "not yet"), 0);
+    ASSERT_EQ(drive.Truncate(file, 2), 0);
+    EXPECT_EQ(drive.Sync(file), EIO);
   }
   protocol.failure = SUCCESS;
-  Drive again(base.path(), "drive", protocol);
+  Drive again(protocol, base.path());
   // A failed fsync has put the newer state into the journal, whole.
   EXPECT_EQ(again.files->SendAll(kPatience), 0U);
   EXPECT_EQ(protocol.Content("/log"), "no");
 }
 
 TEST_F(JournalTest, OnlyFilesOfTheSameRemoteAreTakenAndDamagedRecordsHarmNobody) {
-  fs::Journal::Record record{.remote = "elsewhere", .path = "/file", .size = 2};
   {
     const auto journal = fs::Journal::Open(base.path(), "drive");
-    std::shared_ptr<fs::Content> content;
-    size_t written = 0;
-    ASSERT_EQ(fs::Content::Make(journal->GetFolder(), true, content), 0);
-    ASSERT_EQ(content->Write(0, "ab", 2, written), 0);
-    ASSERT_EQ(journal->Put("one", record, *content), 0);
+    PutOne(*journal, "/file", "ab", "elsewhere");
     std::ofstream(journal->GetFolder() + "/damaged.record") << "{\"remote\":\"elsew";
     std::ofstream(journal->GetFolder() + "/evil.record")
         << R"({"remote":"elsewhere","path":"/../../x","content":"a.content"})";
@@ -228,14 +202,13 @@ TEST_F(JournalTest, OnlyFilesOfTheSameRemoteAreTakenAndDamagedRecordsHarmNobody)
 }
 
 TEST_F(JournalTest, FailedUploadsAreReportedTriedAgainAndWaitedForWhileTheyMove) {
-  Drive drive(base.path(), "drive", protocol);
-  std::vector<std::string> names;
-  EXPECT_EQ(drive.calls.List("/", names), 0);
+  Drive drive(protocol, base.path());
+  (void)drive.Names("/");
   protocol.failure = ACCESS_DENIED;
-  EXPECT_EQ(drive.calls.WriteFile("/file", "content"), 0);
+  EXPECT_EQ(drive.WriteFile("/file", "content"), 0);
   EXPECT_EQ(drive.files->SendAll(kPatience), 1U) << "a refusal is not waited for";
   EXPECT_THAT(drive.events->Texts(), testing::IsSupersetOf({"end /file 23", "error 2 /file 23"}));
-  EXPECT_EQ(drive.calls.Content("/file"), "content");
+  EXPECT_EQ(drive.Content("/file"), "content");
   protocol.failure = DEVICE_NOT_READY;
   EXPECT_EQ(drive.files->SendAll(std::chrono::milliseconds(50)), 1U);
   protocol.failure = SUCCESS;
@@ -244,9 +217,8 @@ TEST_F(JournalTest, FailedUploadsAreReportedTriedAgainAndWaitedForWhileTheyMove)
 }
 
 TEST_F(JournalTest, ManyFilesAreSentSeveralAtOnceAndHoldNoDescriptors) {
-  Drive drive(base.path(), "drive", protocol);
-  std::vector<std::string> names;
-  EXPECT_EQ(drive.calls.List("/", names), 0);
+  Drive drive(protocol, base.path());
+  (void)drive.Names("/");
   protocol.latency_ms = 20;
   const auto count_descriptors = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -254,7 +226,7 @@ TEST_F(JournalTest, ManyFilesAreSentSeveralAtOnceAndHoldNoDescriptors) {
   const auto before = count_descriptors();
   constexpr int kFiles = 200;
   for (int i = 0; i < kFiles; ++i) {
-    ASSERT_EQ(drive.calls.WriteFile("/" + std::to_string(i), std::to_string(i)), 0);
+    ASSERT_EQ(drive.WriteFile("/" + std::to_string(i), std::to_string(i)), 0);
   }
   EXPECT_LT(count_descriptors() - before, 50);
   EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
@@ -264,37 +236,34 @@ TEST_F(JournalTest, ManyFilesAreSentSeveralAtOnceAndHoldNoDescriptors) {
 }
 
 TEST_F(JournalTest, FsyncMeansWhatThereIsNowAlsoWhenTheJournalTakesNothing) {
-  Drive drive(base.path(), "drive", protocol);
-  std::vector<std::string> names;
-  EXPECT_EQ(drive.calls.List("/", names), 0);
+  Drive drive(protocol, base.path());
+  (void)drive.Names("/");
   protocol.is_locked = true;
-  EXPECT_EQ(drive.calls.WriteFile("/file", "old"), 0);
+  EXPECT_EQ(drive.WriteFile("/file", "old"), 0);
   for (const auto& entry : std::filesystem::recursive_directory_iterator(base.path())) {
     if (const auto path = entry.path(); path.extension() == ".record") {
       std::filesystem::remove(path);
       std::filesystem::create_directory(path);  // no record can take its place
     }
   }
-  int file = -1;
-  EXPECT_EQ(drive.calls.Open("/file", O_RDWR, file), 0);
-  EXPECT_EQ(drive.calls.Write(file, 0, "new"), 0);
-  EXPECT_NE(drive.calls.Sync(file), 0);
+  const int file = drive.Opened("/file", O_RDWR);
+  EXPECT_EQ(drive.Write(file, 0, "new"), 0);
+  EXPECT_NE(drive.Sync(file), 0);
   protocol.is_locked = false;
-  EXPECT_EQ(drive.calls.Sync(file), 0);
+  EXPECT_EQ(drive.Sync(file), 0);
   EXPECT_EQ(protocol.Content("/file"), "new");
-  EXPECT_EQ(drive.calls.Close(file), 0);
+  EXPECT_EQ(drive.Close(file), 0);
 }
 
 TEST_F(JournalTest, ALockedFileIsNoConflictAndWhatCannotBeSentIsNotSentAllTheTime) {
   protocol.Write("/file", "before");
   protocol.MakeFolder("/folder");
-  Drive drive(base.path(), "drive", protocol);
-  std::vector<std::string> names;
-  EXPECT_EQ(drive.calls.List("/", names), 0);
-  EXPECT_EQ(drive.calls.List("/folder", names), 0);
+  Drive drive(protocol, base.path());
+  (void)drive.Names("/");
+  (void)drive.Names("/folder");
   protocol.is_locked = true;
-  EXPECT_EQ(drive.calls.WriteFile("/file", "ours"), 0);
-  EXPECT_EQ(drive.calls.WriteFile("/new", "new"), 0);
+  EXPECT_EQ(drive.WriteFile("/file", "ours"), 0);
+  EXPECT_EQ(drive.WriteFile("/new", "new"), 0);
   EXPECT_EQ(drive.files->SendAll(kPatience), 2U) << "refused, so not waited for";
   EXPECT_LT(protocol.uploads, 20);
   protocol.is_locked = false;
@@ -303,7 +272,7 @@ TEST_F(JournalTest, ALockedFileIsNoConflictAndWhatCannotBeSentIsNotSentAllTheTim
   EXPECT_EQ(protocol.Content("/file"), "ours");
 
   protocol.is_locked = true;
-  EXPECT_EQ(drive.calls.WriteFile("/folder/lost", "x"), 0);
+  EXPECT_EQ(drive.WriteFile("/folder/lost", "x"), 0);
   protocol.Remove("/folder");
   protocol.Write("/folder", "a file by now");
   protocol.is_locked = false;
@@ -313,11 +282,10 @@ TEST_F(JournalTest, ALockedFileIsNoConflictAndWhatCannotBeSentIsNotSentAllTheTim
 }
 
 TEST_F(JournalTest, AFolderMadeElsewhereUnderTheNameOfAnUnsentFileStandsBesideIt) {
-  Drive drive(base.path(), "drive", protocol);
-  std::vector<std::string> names;
-  EXPECT_EQ(drive.calls.List("/", names), 0);
+  Drive drive(protocol, base.path());
+  (void)drive.Names("/");
   protocol.is_locked = true;
-  EXPECT_EQ(drive.calls.WriteFile("/name", "ours"), 0);
+  EXPECT_EQ(drive.WriteFile("/name", "ours"), 0);
   protocol.MakeFolder("/name");
   fs::Stat stat;
   const fs::Entry folder{"name", {.is_folder = true, .version = {}}};
@@ -331,11 +299,10 @@ TEST_F(JournalTest, AFolderMadeElsewhereUnderTheNameOfAnUnsentFileStandsBesideIt
 }
 
 TEST_F(JournalTest, ATimeThatIsSetWhileTheFileIsSentArrivesWithoutWaiting) {
-  Drive drive(base.path(), "drive", protocol);
-  std::vector<std::string> names;
-  EXPECT_EQ(drive.calls.List("/", names), 0);
+  Drive drive(protocol, base.path());
+  (void)drive.Names("/");
   protocol.latency_ms = 1000;
-  EXPECT_EQ(drive.calls.WriteFile("/file", "content"), 0);
+  EXPECT_EQ(drive.WriteFile("/file", "content"), 0);
   fs::Stat stat;
   ASSERT_EQ(drive.files->Lookup(fs::kRootIno, "file", stat), 0);
   fs::AttributeChange change;

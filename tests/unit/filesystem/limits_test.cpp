@@ -15,7 +15,6 @@
 #include "tests/support/service/wait.h"
 #include "tests/unit/filesystem/direct_calls.h"
 #include "tests/unit/filesystem/lent_libraries.h"
-#include "tests/unit/filesystem/recording_events.h"
 
 namespace tarn::test {
 namespace {
@@ -76,10 +75,7 @@ std::atomic<std::chrono::nanoseconds> asleep = {};
 
 class LimitsTest : public testing::Test {
  protected:
-  LimitsTest() {
-    files->GetEvents().SetSink(events);
-    files->AddProtocol(shared);
-  }
+  LimitsTest() { files->AddProtocol(shared); }
   ~LimitsTest() override { protocol.SetHanging(false); }
 
   // The time that some calls take.
@@ -91,24 +87,21 @@ class LimitsTest : public testing::Test {
   }
   bool IsReachable() { return files->GetRemote().IsReachable(); }
   int CountErrors() {
-    const auto texts = events->Texts();
+    const auto texts = drive.events->Texts();
     return static_cast<int>(std::count(texts.begin(), texts.end(), "error 1 / 17"));
   }
 
   LentLibraries libraries;
   const std::shared_ptr<SharedProtocol> shared = std::make_shared<SharedProtocol>();
   MemoryProtocol& protocol = *shared;
-  std::shared_ptr<RecordingEvents> events = std::make_shared<RecordingEvents>();
   // Attributes expire at once, so that only the remote's absence lets them be believed.
-  std::shared_ptr<fs::FileSystem> files =
-      std::make_shared<fs::FileSystem>(milliseconds(1), ShortLimits());
-  DirectCalls drive{*files};
+  Drive drive{std::make_shared<fs::FileSystem>(milliseconds(1), ShortLimits())};
+  const std::shared_ptr<fs::FileSystem>& files = drive.files;
 };
 
 TEST_F(LimitsTest, EveryCallComesBackFromARemoteThatNeverAnswersAndLaterOnesAtOnce) {
   protocol.Write("/file", "content");
-  int file = -1;
-  ASSERT_EQ(drive.Open("/file", O_RDONLY, file), 0);
+  const int file = drive.Opened("/file", O_RDONLY);
   protocol.SetHanging(true);
   std::string content;
   EXPECT_LT(TimeOf([&] { EXPECT_EQ(drive.Read(file, 0, 10, content), EIO); }), milliseconds(5000));
@@ -122,8 +115,7 @@ TEST_F(LimitsTest, EveryCallComesBackFromARemoteThatNeverAnswersAndLaterOnesAtOn
   EXPECT_EQ(CountErrors(), 1);
   protocol.SetHanging(false);
   EXPECT_TRUE(WaitUntil([&] { return IsReachable(); }));
-  EXPECT_EQ(drive.Read(file, 0, 10, content), 0);
-  EXPECT_EQ(content, "content");
+  EXPECT_EQ(drive.ReadAt(file, 0, 10), "content");
   EXPECT_EQ(CountErrors(), 1);
   drive.Close(file);
 }
@@ -131,24 +123,19 @@ TEST_F(LimitsTest, EveryCallComesBackFromARemoteThatNeverAnswersAndLaterOnesAtOn
 TEST_F(LimitsTest, WhatIsKnownAndCachedStaysUsableWhileTheRemoteIsGone) {
   protocol.Write("/folder/read", "content");
   protocol.Write("/folder/other", "never read");
-  std::vector<std::string> names;
-  ASSERT_EQ(drive.List("/folder", names), 0);
+  (void)drive.Names("/folder");
   ASSERT_EQ(drive.Content("/folder/read"), "content");
-  int unsent = -1;
-  ASSERT_EQ(drive.Open("/folder/unsent", O_RDWR | O_CREAT, unsent), 0);
+  const int unsent = drive.Opened("/folder/unsent", O_RDWR | O_CREAT);
   protocol.failure = DEVICE_NOT_READY;
   // Something may have been answered just now, and count as a sign of life.
   ASSERT_TRUE(WaitUntil([&] { return drive.MakeFolder("/folder/no") != 0 && !IsReachable(); }));
-  EXPECT_EQ(drive.List("/folder", names), 0);
-  EXPECT_EQ(names, (std::vector<std::string>{"other", "read", "unsent"}));
+  EXPECT_EQ(drive.Names("/folder"), (std::vector<std::string>{"other", "read", "unsent"}));
   EXPECT_EQ(drive.Content("/folder/read"), "content");
   std::string content;
   EXPECT_EQ(drive.ReadFile("/folder/other", content), EIO);
   EXPECT_EQ(drive.Write(unsent, 0, "written"), 0);
-  EXPECT_EQ(drive.Read(unsent, 0, 10, content), 0);
-  EXPECT_EQ(content, "written");
-  int made = -1;
-  EXPECT_EQ(drive.Open("/folder/new", O_WRONLY | O_CREAT, made), 0);
+  EXPECT_EQ(drive.ReadAt(unsent, 0, 10), "written");
+  const int made = drive.Opened("/folder/new", O_WRONLY | O_CREAT);
   protocol.failure = SUCCESS;
   ASSERT_TRUE(WaitUntil([&] { return IsReachable(); }));
   EXPECT_EQ(drive.Close(made), 0);
@@ -248,8 +235,7 @@ class LimitedVolumeTest : public testing::Test {
 TEST_F(LimitedVolumeTest, AProgramThatWaitsForADeadRemoteCanBeKilledAndHoldsUpNobody) {
   protocol.Write("/folder/file", std::string(4 << 20, 'x'));
   FolderCalls calls(path);
-  std::vector<std::string> names;
-  ASSERT_EQ(calls.List("/folder", names), 0);
+  (void)calls.Names("/folder");
   const int file = ::open((path + "/folder/file").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(file, 0);
   protocol.SetHanging(true);
@@ -268,7 +254,7 @@ TEST_F(LimitedVolumeTest, AProgramThatWaitsForADeadRemoteCanBeKilledAndHoldsUpNo
   EXPECT_EQ(Extended("", "user.tarn.remote"), "ok") << "that was quick";
   struct statvfs space = {};
   EXPECT_EQ(::statvfs(path.c_str(), &space), 0);
-  EXPECT_EQ(calls.List("/folder", names), 0);
+  (void)calls.Names("/folder");
   EXPECT_EQ(volume->Stop(), SUCCESS);
 }
 

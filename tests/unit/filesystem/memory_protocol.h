@@ -22,30 +22,31 @@ class MemoryProtocol : public IProtocol_V2 {
   void Write(const std::string& path, const std::string& content) {
     MakeFolder(FolderOf(path));
     const MutexLock guard(lock);
-    PutFile(path, content);
+    tree.PutFile(path, content);
   }
   void MakeFolder(const std::string& path) {
     if (path != "/") {
       MakeFolder(FolderOf(path));
       const MutexLock guard(lock);
-      PutFolder(path);
+      tree.PutFolder(path);
     }
   }
   void Remove(const std::string& path) {
     const MutexLock guard(lock);
-    std::erase_if(items, [&](const auto& item) { return IsWithin(item.first, path); });
+    std::erase_if(tree.items, [&](const auto& item) { return IsWithin(item.first, path); });
   }
   [[nodiscard]] std::string Content(const std::string& path) const {  // empty when there is none
     const MutexLock guard(lock);
-    const auto item = items.find(path);
-    return item == items.end() || !item->second.content ? "" : *item->second.content;
+    const auto item = tree.items.find(path);
+    return item == tree.items.end() || !item->second.content ? "" : *item->second.content;
   }
   [[nodiscard]] std::vector<std::string> Paths() const {  // sorted, without the root
     std::vector<std::string> paths;
     const MutexLock guard(lock);
-    for (auto item = std::next(items.begin()); item != items.end(); ++item) {
-      paths.push_back(item->first);
+    for (const auto& [path, item] : tree.items) {
+      paths.push_back(path);
     }
+    paths.erase(paths.begin());
     return paths;
   }
 
@@ -73,37 +74,33 @@ class MemoryProtocol : public IProtocol_V2 {
   int SetSize(unsigned long long /*total*/, unsigned long long /*used*/) override { return 0; }
   AERROR List(const char* path, FS_LIST_SINK sink, void* context) override {
     ++lists;
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
-    }
-    const MutexLock guard(lock);
-    const auto folder = items.find(path);
-    if (folder == items.end() || folder->second.content) {
-      return folder == items.end() ? PATH_NOT_FOUND : INVALID_DIRECTORY;
-    }
-    const std::string prefix = Below(path);
-    for (auto item = items.upper_bound(prefix);
-         item != items.end() && item->first.starts_with(prefix); ++item) {
-      const std::string name = item->first.substr(prefix.size());
-      const FS_INFO info = Describe(item->second);
-      if (name.find('/') == std::string::npos && sink(context, name.c_str(), &info) == 0) {
-        break;
+    return Do([&](Tree& all) {
+      const Item* const folder = all.Find(path);
+      if (folder == nullptr || folder->content) {
+        return folder == nullptr ? PATH_NOT_FOUND : INVALID_DIRECTORY;
       }
-    }
-    return SUCCESS;
+      const std::string prefix = Below(path);
+      for (auto item = all.items.upper_bound(prefix);
+           item != all.items.end() && item->first.starts_with(prefix); ++item) {
+        const std::string name = item->first.substr(prefix.size());
+        const FS_INFO info = Describe(item->second);
+        if (name.find('/') == std::string::npos && sink(context, name.c_str(), &info) == 0) {
+          break;
+        }
+      }
+      return SUCCESS;
+    });
   }
   AERROR GetInfo(const char* path, FS_INFO* info) override {
     ++infos;
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
-    }
-    const MutexLock guard(lock);
-    const auto item = items.find(path);
-    if (item == items.end()) {
-      return FILE_NOT_FOUND;
-    }
-    *info = Describe(item->second);
-    return SUCCESS;
+    return Do([&](Tree& all) {
+      const Item* const item = all.Find(path);
+      if (item == nullptr) {
+        return FILE_NOT_FOUND;
+      }
+      *info = Describe(*item);
+      return SUCCESS;
+    });
   }
   AERROR Read(const char* path, unsigned long long offset, void* buffer, unsigned long long length,
               unsigned long long* received) override {
@@ -122,18 +119,15 @@ class MemoryProtocol : public IProtocol_V2 {
       return FILE_READ_FAILED;
     }
     const MutexLock guard(lock);
-    if (const AERROR error = CheckParent(path); error != SUCCESS) {
-      return error;
+    const Item* const present = tree.Find(path);
+    if (!tree.HasParent(path) || (present != nullptr && !present->content)) {
+      return present != nullptr ? ALREADY_EXISTS : PATH_NOT_FOUND;
     }
-    const auto present = items.find(path);
-    if (present != items.end() && !present->second.content) {
-      return ALREADY_EXISTS;
-    }
-    const FS_INFO replaced = present == items.end() ? FS_INFO{} : Describe(present->second);
+    const FS_INFO replaced = present == nullptr ? FS_INFO{} : Describe(*present);
     if (source->replaces != nullptr && std::string_view(source->replaces) != replaced.version) {
       return SHARING_VIOLATION;
     }
-    Item& stored = PutFile(path, std::move(content));
+    Item& stored = tree.PutFile(path, std::move(content));
     if (source->modified != nullptr) {
       stored.modified = *source->modified;
     }
@@ -141,59 +135,50 @@ class MemoryProtocol : public IProtocol_V2 {
     return loses_answers ? FILE_WRITE_FAILED : SUCCESS;
   }
   AERROR CreateFolder(const char* path) override {
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
-    }
-    const MutexLock guard(lock);
-    const AERROR error = items.count(path) != 0 ? ALREADY_EXISTS : CheckParent(path);
-    if (error == SUCCESS) {
-      PutFolder(path);
-    }
-    return error;
+    return Do([&](Tree& all) {
+      if (all.Find(path) != nullptr || !all.HasParent(path)) {
+        return all.Find(path) != nullptr ? ALREADY_EXISTS : PATH_NOT_FOUND;
+      }
+      all.PutFolder(path);
+      return SUCCESS;
+    });
   }
   AERROR DeleteFile(const char* path) override { return Delete(path, false); }
   AERROR DeleteFolder(const char* path) override { return Delete(path, true); }
   AERROR Move(const char* from, const char* to) override {
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
-    }
-    const MutexLock guard(lock);
-    const auto source = items.find(from);
-    if (source == items.end()) {
-      return FILE_NOT_FOUND;
-    }
-    if (const AERROR error = CheckParent(to); error != SUCCESS) {
-      return error;
-    }
-    if (const auto target = items.find(to); target != items.end() && target != source) {
-      if (!target->second.content != !source->second.content) {
-        return ALREADY_EXISTS;
+    return Do([&](Tree& all) {
+      const Item* const source = all.Find(from);
+      const Item* const target = all.Find(to);
+      if (source == nullptr || !all.HasParent(to)) {
+        return source == nullptr ? FILE_NOT_FOUND : PATH_NOT_FOUND;
       }
-      if (!target->second.content && !IsEmpty(to)) {
-        return DIR_NOT_EMPTY;
+      if (target != nullptr && target != source) {
+        if (!target->content != !source->content) {
+          return ALREADY_EXISTS;
+        }
+        if (!target->content && !all.IsEmpty(to)) {
+          return DIR_NOT_EMPTY;
+        }
+        all.items.erase(to);
       }
-      items.erase(target);
-    }
-    Items moved;
-    for (const auto& [path, item] : items) {
-      moved.insert_or_assign(IsWithin(path, from) ? to + path.substr(std::strlen(from)) : path,
-                             item);
-    }
-    items = std::move(moved);
-    return SUCCESS;
+      std::map<std::string, Item> moved;
+      for (const auto& [path, item] : all.items) {
+        moved.emplace(IsWithin(path, from) ? to + path.substr(std::strlen(from)) : path, item);
+      }
+      all.items = std::move(moved);
+      return SUCCESS;
+    });
   }
   AERROR SetModifiedTime(const char* path, const FS_TIME* time) override {
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
-    }
-    const MutexLock guard(lock);
-    const auto item = items.find(path);
-    if (item == items.end()) {
-      return FILE_NOT_FOUND;
-    }
-    item->second.modified = *time;
-    item->second.version = ++last_version;  // as a version made of time and size
-    return SUCCESS;
+    return Do([&](Tree& all) {
+      Item* const item = all.Find(path);
+      if (item == nullptr) {
+        return FILE_NOT_FOUND;
+      }
+      item->modified = *time;
+      item->version = ++all.last_version;  // as a version made of time and size
+      return SUCCESS;
+    });
   }
   AERROR GetIdentity(char* buffer, int* length) override {
     *length = std::snprintf(buffer, static_cast<size_t>(*length), "memory:");
@@ -211,10 +196,7 @@ class MemoryProtocol : public IProtocol_V2 {
   }
   AERROR ReadVersion(const char* path, const char* version, unsigned long long offset, void* buffer,
                      unsigned long long length, unsigned long long* received) override {
-    if (!reads_versions) {
-      return NOT_SUPPORTED;
-    }
-    return ReadIf(path, version, offset, buffer, length, received);
+    return reads_versions ? ReadIf(path, version, offset, buffer, length, received) : NOT_SUPPORTED;
   }
   int SetOption(const char* /*key*/, const char* /*value*/) override { return 0; }
   void Reserved18() override {}
@@ -231,84 +213,43 @@ class MemoryProtocol : public IProtocol_V2 {
     FS_TIME modified = {};
     std::uint64_t version = 0;
   };
-  using Items = std::map<std::string, Item>;
+
+  struct Tree {
+    Item* Find(const std::string& path) {
+      const auto item = items.find(path);
+      return item == items.end() ? nullptr : &item->second;
+    }
+    Item& PutFile(const std::string& path, std::string content) {
+      return items[path] = {std::make_shared<const std::string>(std::move(content)), Now(),
+                            ++last_version};
+    }
+    void PutFolder(const std::string& path) { items.try_emplace(path, Item{nullptr, Now(), 0}); }
+    bool HasParent(const std::string& path) {
+      const Item* const folder = Find(FolderOf(path));
+      return folder != nullptr && !folder->content;
+    }
+    bool IsEmpty(const std::string& folder) {
+      const auto next = items.upper_bound(Below(folder));
+      return next == items.end() || !next->first.starts_with(Below(folder));
+    }
+
+    std::map<std::string, Item> items = {{"/", {}}};
+    std::uint64_t last_version = 0;
+  };
 
   static std::string FolderOf(const std::string& path) {
     return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
   }
-
   static std::string Below(const std::string& folder) {
     return folder == "/" ? folder : folder + "/";
   }
-
   static bool IsWithin(const std::string& path, const std::string& top) {
     return path == top || path.starts_with(Below(top));
   }
-
   static FS_TIME Now() {
     timespec now = {};
     (void)::clock_gettime(CLOCK_REALTIME, &now);
     return {now.tv_sec, static_cast<int>(now.tv_nsec)};
-  }
-
-  static bool ReadSource(FS_SOURCE& source, unsigned long long size, FS_PROGRESS progress,
-                         void* context, std::string& content) {
-    constexpr size_t kPartBytes = 64 * 1024;
-    content.clear();
-    while (content.size() < size) {
-      std::string part(std::min<unsigned long long>(kPartBytes, size - content.size()), '\0');
-      const long long count =
-          source.read(source.context, part.data(), static_cast<long long>(part.size()));
-      if (count <= 0) {
-        return false;
-      }
-      content.append(part, 0, static_cast<size_t>(count));
-      if (progress != nullptr) {
-        progress(static_cast<long long>(size), static_cast<long long>(content.size()), context,
-                 1e6);
-      }
-    }
-    return true;
-  }
-
-  AERROR ReadIf(const char* path, const char* version, unsigned long long offset, void* buffer,
-                unsigned long long length, unsigned long long* received) {
-    ++reads;
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
-    }
-    const MutexLock guard(lock);
-    const auto item = items.find(path);
-    if (item == items.end() || !item->second.content) {
-      return FILE_NOT_FOUND;
-    }
-    if (version != nullptr && std::string_view(version) != Describe(item->second).version) {
-      return SHARING_VIOLATION;
-    }
-    const std::string& content = *item->second.content;
-    const unsigned long long start = std::min<unsigned long long>(offset, content.size());
-    *received = content.copy(static_cast<char*>(buffer), length, start);
-    return SUCCESS;
-  }
-  // The remote's time for one operation, and its outcome if it is a failure.
-  [[nodiscard]] AERROR Begin() {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(latency_ms);
-    {
-      const MutexLock guard(lock);
-      while (hangs) {
-        cancel_came.wait(lock);
-      }
-    }
-    if (latency_ms > 0) {
-      const MutexLock guard(lock);
-      const int cancels_before = cancels;
-      while (cancels == cancels_before && cancel_came.wait_until(lock, end)) {
-      }
-      if (cancels != cancels_before) {
-        return READ_CANCELED;
-      }
-    }
-    return failure;
   }
   static FS_INFO Describe(const Item& item) {
     FS_INFO info = {};
@@ -321,44 +262,81 @@ class MemoryProtocol : public IProtocol_V2 {
     }
     return info;
   }
-  Item& PutFile(const std::string& path, std::string content) TARN_REQUIRES(lock) {
-    Item& item = items[path];
-    item = {std::make_shared<const std::string>(std::move(content)), Now(), ++last_version};
-    return item;
-  }
-  void PutFolder(const std::string& path) TARN_REQUIRES(lock) {
-    items.try_emplace(path, Item{nullptr, Now(), 0});
-  }
-  [[nodiscard]] AERROR CheckParent(const std::string& path) const TARN_REQUIRES(lock) {
-    const auto folder = items.find(FolderOf(path));
-    return folder != items.end() && !folder->second.content ? SUCCESS : PATH_NOT_FOUND;
-  }
-  [[nodiscard]] bool IsEmpty(const std::string& folder) const TARN_REQUIRES(lock) {
-    const auto next = items.upper_bound(Below(folder));
-    return next == items.end() || !next->first.starts_with(Below(folder));
-  }
-  AERROR Delete(const std::string& path, bool is_folder) {
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
+  static bool ReadSource(FS_SOURCE& source, unsigned long long size, FS_PROGRESS progress,
+                         void* context, std::string& content) {
+    std::string part(size_t{64} * 1024, '\0');
+    content.clear();
+    while (content.size() < size) {
+      const auto wanted = std::min<unsigned long long>(part.size(), size - content.size());
+      const long long count =
+          source.read(source.context, part.data(), static_cast<long long>(wanted));
+      if (count <= 0) {
+        return false;
+      }
+      content.append(part, 0, static_cast<size_t>(count));
+      if (progress != nullptr) {
+        progress(static_cast<long long>(size), static_cast<long long>(content.size()), context,
+                 1e6);
+      }
     }
+    return true;
+  }
+
+  // The remote's time for one operation, and its outcome if it is a failure.
+  [[nodiscard]] AERROR Begin() {
+    const int wait_ms = latency_ms;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
     const MutexLock guard(lock);
-    const auto item = items.find(path);
-    if (item == items.end() || is_folder != !item->second.content) {
-      return is_folder ? PATH_NOT_FOUND : FILE_NOT_FOUND;
+    while (hangs) {
+      cancel_came.wait(lock);
     }
-    if (is_folder && !IsEmpty(path)) {
-      return DIR_NOT_EMPTY;
+    const int cancels_before = cancels;
+    while (wait_ms > 0 && cancels == cancels_before && cancel_came.wait_until(lock, end)) {
     }
-    items.erase(item);
-    return SUCCESS;
+    return cancels == cancels_before ? failure.load() : READ_CANCELED;
+  }
+  // An operation on the tree, which takes the remote's time and may fail before it begins.
+  template <typename Operation>
+  AERROR Do(Operation operation) {
+    const AERROR error = Begin();
+    const MutexLock guard(lock);
+    return error != SUCCESS ? error : operation(tree);
+  }
+  AERROR ReadIf(const char* path, const char* version, unsigned long long offset, void* buffer,
+                unsigned long long length, unsigned long long* received) {
+    ++reads;
+    return Do([&](Tree& all) {
+      const Item* const item = all.Find(path);
+      if (item == nullptr || !item->content) {
+        return FILE_NOT_FOUND;
+      }
+      if (version != nullptr && std::string_view(version) != Describe(*item).version) {
+        return SHARING_VIOLATION;
+      }
+      const auto start = std::min<unsigned long long>(offset, item->content->size());
+      *received = item->content->copy(static_cast<char*>(buffer), length, start);
+      return SUCCESS;
+    });
+  }
+  AERROR Delete(const char* path, bool is_folder) {
+    return Do([&](Tree& all) {
+      const Item* const item = all.Find(path);
+      if (item == nullptr || is_folder != !item->content) {
+        return is_folder ? PATH_NOT_FOUND : FILE_NOT_FOUND;
+      }
+      if (is_folder && !all.IsEmpty(path)) {
+        return DIR_NOT_EMPTY;
+      }
+      all.items.erase(path);
+      return SUCCESS;
+    });
   }
 
   mutable Mutex lock;
   CondVar cancel_came;
   bool hangs TARN_GUARDED_BY(lock) = false;
   int cancels TARN_GUARDED_BY(lock) = 0;
-  Items items TARN_GUARDED_BY(lock) = {{"/", {}}};
-  std::uint64_t last_version TARN_GUARDED_BY(lock) = 0;
+  Tree tree TARN_GUARDED_BY(lock);
 };
 
 }  // namespace tarn::test

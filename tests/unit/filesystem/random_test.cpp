@@ -232,26 +232,17 @@ class RandomTest : public testing::TestWithParam<unsigned> {
 };
 
 TEST_P(RandomTest, WithoutAMountEveryStepIsThatOfAPlainFolder) {
-  const auto files = std::make_shared<fs::FileSystem>();
-  files->AddProtocol(Share(protocol));
-  DirectCalls drive(*files);
+  Drive drive(protocol);
   ASSERT_EQ(RandomOperations(drive, plain, GetParam()).Run(400), "");
   CompareWithRemote();
-  End(files);
 }
 
 TEST_P(RandomTest, WithAJournalEveryStepIsThatOfAPlainFolder) {
   const TempFolder journal;
-  const auto files = std::make_shared<fs::FileSystem>();
-  files->UseJournal(fs::Journal::Open(journal.path(), "drive"));
-  files->AddProtocol(Share(protocol));
-  {
-    DirectCalls drive(*files);
-    ASSERT_EQ(RandomOperations(drive, plain, GetParam()).Run(400), "");
-  }
-  EXPECT_EQ(files->SendAll(std::chrono::seconds(30)), 0U);
+  Drive drive(protocol, journal.path());
+  ASSERT_EQ(RandomOperations(drive, plain, GetParam()).Run(400), "");
+  EXPECT_EQ(drive.files->SendAll(std::chrono::seconds(30)), 0U);
   CompareWithRemote();
-  End(files);
 }
 
 TEST_P(RandomTest, OnAMountEveryStepIsThatOfAPlainFolder) {

@@ -1,5 +1,6 @@
 #include "interfaces/cache.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/http/recording_log.h"
 #include "tests/support/temp_folder.h"
 
 namespace {
@@ -51,16 +53,6 @@ AERROR Write(ICache* cache, const std::string& key, const std::string& version,
                            static_cast<unsigned int>(content.size()));
 }
 
-struct CountingLog final : ILog {
-  void SetLevel(LOGLEVEL /*threshold*/) override {}
-  LOGLEVEL GetLevel() override { return LOGLEVEL_DEBUG; }
-  void Write(LOGLEVEL /*level*/, const char* /*format*/, va_list /*arguments*/) override {
-    ++messages;
-  }
-
-  std::atomic<int> messages = 0;
-};
-
 const Answer kEmpty{CACHE_BLOCK_EMPTY, ""};
 
 class CacheTest : public testing::Test {
@@ -86,7 +78,7 @@ class CacheTest : public testing::Test {
   const tarn::test::TempFolder temp;
   const std::string folder = temp.path();
   const std::string file = folder + "/blocks";
-  CountingLog log;
+  tarn::test::RecordingLog log;
 };
 
 TEST_F(CacheTest, BlocksOfAnySizeComeBackAsWritten) {
@@ -157,7 +149,7 @@ TEST_F(CacheTest, DamagedContentIsNeverHandedOut) {
   EXPECT_EQ(Read(cache, "k", "v", 1), (Answer{SUCCESS, content}));
   EXPECT_EQ(Read(cache, "k", "v", 2), kEmpty);
   EXPECT_EQ(cache->GetUsed(), kMiB / 8);
-  EXPECT_EQ(log.messages.load(), 2);
+  EXPECT_EQ(std::ranges::count(log.Text(), '\n'), 2);
   Write(cache, "k", "v", 0, content);
   EXPECT_EQ(Read(cache, "k", "v", 0), (Answer{SUCCESS, content}));
 }
@@ -166,10 +158,9 @@ TEST_F(CacheTest, ManyThreadsGetWhatWasWrittenWithinTheCapacity) {
   ICache* cache = Start(4LL * kMiB);
   std::atomic<int> wrong = 0;
   std::atomic<int> hits = 0;
-  std::vector<std::thread> threads(16);
-  for (size_t thread = 0; thread < threads.size(); ++thread) {
-    threads[thread] = std::thread([&, thread] {
-      std::mt19937 random(static_cast<unsigned int>(thread));
+  std::vector<std::jthread> threads;
+  for (unsigned int seed_of_thread = 0; seed_of_thread < 16; ++seed_of_thread) {
+    threads.emplace_back([&, random = std::mt19937(seed_of_thread)]() mutable {
       for (int i = 0; i < 150; ++i) {
         const std::string key = std::to_string(random() % 12);
         const std::string version = random() % 20 == 0 ? "v2" : "v1";
@@ -186,12 +177,10 @@ TEST_F(CacheTest, ManyThreadsGetWhatWasWrittenWithinTheCapacity) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   EXPECT_EQ(wrong.load(), 0);
   EXPECT_GT(hits.load(), 0);
-  EXPECT_EQ(log.messages.load(), 0) << "what is replaced while it is read is not damaged";
+  EXPECT_EQ(log.Text(), "") << "what is replaced while it is read is not damaged";
 }
 
 // A limit on the size of files stands for the full disk.

@@ -1,14 +1,13 @@
 #include <atomic>
-#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
-#include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 
 #include "common/posix.h"
 #include "tests/support/module_test.h"
+#include "tests/support/service/wait.h"
 #include "tests/support/temp_folder.h"
 
 namespace tarn::local {
@@ -16,6 +15,8 @@ namespace {
 
 using test::Pattern;
 using test::TextSource;
+using test::WaitUntil;
+using Clock = std::chrono::steady_clock;
 using Strings = std::vector<std::string>;
 namespace fs = std::filesystem;
 
@@ -109,8 +110,6 @@ TEST_F(LocalTest, WhatIsMissingIsToldFromItsFolderAndFromTheDrive) {
   EXPECT_EQ(protocol->GetInfo("/", &info), DEVICE_NOT_READY);
 }
 
-using Clock = std::chrono::steady_clock;
-
 bool IsOpen(const fs::path& file) {
   std::error_code gone;  // descriptors come and go meanwhile
   for (const auto& descriptor : fs::directory_iterator("/proc/self/fd", gone)) {
@@ -168,9 +167,7 @@ TEST_F(LocalTest, AVersionIsReadOrNothing) {
     fs::last_write_time(root / "file", old_time);
     return Version("/file") != version;
   };
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(20);
-  while (!rewrite_with_old_time() && Clock::now() < deadline) {  // within one tick of the clock
-  }
+  EXPECT_TRUE(WaitUntil(rewrite_with_old_time));  // unless within one tick of the clock
   EXPECT_EQ(Get("/file", content, version.c_str()), SHARING_VIOLATION);
   EXPECT_EQ(content, "");
   EXPECT_EQ(Get("/gone", content, version.c_str()), FILE_NOT_FOUND);
@@ -184,14 +181,12 @@ TEST_F(LocalTest, AVersionIsReadOrNothing) {
     EXPECT_EQ(Get("/file", bytes, before.c_str()), SHARING_VIOLATION);
     EXPECT_EQ(bytes, "");
   });
-  while (!IsOpen(root / "file") && Clock::now() < deadline) {
-    std::this_thread::yield();
-  }
+  EXPECT_TRUE(WaitUntil([&] { return IsOpen(root / "file"); }));
   files.Write("root/file", std::string(1 << 20, 'y'));
   reading.join();
 }
 
-TEST_F(LocalTest, UploadReplacesOnlyTheVersionItNames) {
+TEST_F(LocalTest, UploadReplacesOnlyTheVersionItNamesAndOneOfSeveralAtOnceWins) {
   std::string first;
   EXPECT_EQ(Put("/file", "1", "", &first), SUCCESS);
   EXPECT_EQ(Put("/file", "2", ""), SHARING_VIOLATION);
@@ -203,27 +198,21 @@ TEST_F(LocalTest, UploadReplacesOnlyTheVersionItNames) {
   EXPECT_EQ(Put("/renamed", "22", first.c_str()), SUCCESS);
   EXPECT_EQ(Put("/renamed", "3", first.c_str()), SHARING_VIOLATION);
   EXPECT_EQ(files.Read("root/renamed"), "22");
-  EXPECT_EQ(CountFiles(root), 1U);
-}
 
-TEST_F(LocalTest, OfUploadsThatReplaceTheSameVersionOneWins) {
-  for (const bool is_new : {true, false}) {
-    const std::string version = is_new ? "" : Version("/file");
+  for (const std::string& version : {std::string(), Version("/renamed")}) {
     std::atomic<int> stored{0};
-    std::vector<std::thread> uploads;
-    for (int i = 0; i < 4; ++i) {
-      uploads.emplace_back([&, i] {
-        const AERROR error = Put("/file", std::to_string(i), version.c_str());
+    std::vector<std::jthread> uploads(4);
+    for (std::jthread& upload : uploads) {
+      upload = std::jthread([&] {
+        const AERROR error = Put(version.empty() ? "/new" : "/renamed", "xx", version.c_str());
         EXPECT_TRUE(error == SUCCESS || error == SHARING_VIOLATION) << error;
         stored += error == SUCCESS ? 1 : 0;
       });
     }
-    for (std::thread& upload : uploads) {
-      upload.join();
-    }
+    uploads.clear();
     EXPECT_EQ(stored, 1);
   }
-  EXPECT_EQ(CountFiles(root), 1U);
+  EXPECT_EQ(CountFiles(root), 2U);
 }
 
 TEST_F(LocalTest, WorkFilesAreHiddenAndGoOnceNobodyWritesThem) {
@@ -267,14 +256,11 @@ TEST_F(LocalTest, RunningTransfersEndOnCancelAndDisconnect) {
       TextSource text(std::string(1 << 20, 'x'));
       EXPECT_EQ(protocol->Upload("/copy", &text.source, 1 << 20, note, &begun), UPLOAD_CANCELED);
     });
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(20);
-    while (!begun && Clock::now() < deadline) {
-      std::this_thread::yield();
-    }
-    EXPECT_TRUE(begun);
+    EXPECT_TRUE(WaitUntil([&] { return begun.load(); }));
+    const Clock::time_point start = Clock::now();
     EXPECT_EQ(disconnects ? protocol->Disconnect() : protocol->Cancel(), SUCCESS);
     uploading.join();
-    EXPECT_LT(Clock::now(), deadline);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
     EXPECT_EQ(CountFiles(root), 1U);
   }
 }
@@ -334,9 +320,8 @@ TEST_F(ContainmentTest, NoOperationLeavesTheFolder) {
 TEST_F(ContainmentTest, FolderSwappedForALinkGivesNothingAway) {
   files.Write("root/folder/secret", "inside");
   fs::create_symlink(outside, root / "link");
-  std::atomic<bool> ended{false};
-  std::thread swapper([&] {
-    while (!ended) {
+  std::jthread swapper([&](const std::stop_token& ended) {
+    while (!ended.stop_requested()) {
       fs::rename(root / "folder", root / "aside");
       fs::rename(root / "link", root / "folder");
       fs::rename(root / "folder", root / "link");
@@ -344,16 +329,13 @@ TEST_F(ContainmentTest, FolderSwappedForALinkGivesNothingAway) {
     }
   });
   int found = 0;
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-  while (std::chrono::steady_clock::now() < end) {
-    std::string content;
+  std::string content;
+  for (const auto end = Clock::now() + std::chrono::seconds(1); Clock::now() < end;) {
     if (Get("/folder/secret", content) == SUCCESS) {
       ++found;
       EXPECT_EQ(content, "inside");
     }
   }
-  ended = true;
-  swapper.join();
   EXPECT_GT(found, 0);
 }
 

@@ -1,7 +1,6 @@
 #include "interfaces/logger.h"
 
-#include <array>
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -27,9 +26,6 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
 
-constexpr int kWriters = 6;
-constexpr int kLines = 500;                       // of each writer, about 100 bytes each
-constexpr off_t kOneRotationBytes = 200L * 1024;  // for all of them
 constexpr off_t kSmallBytes = 4096;
 constexpr LOGLEVEL kEverything = LOGLEVEL_DEBUG | LOGLEVEL_ALL;
 
@@ -162,43 +158,38 @@ TEST_F(LoggerTest, AnyBytesMakeANameNoneLeavesTheFolderAndOnlyAFileIsALog) {
 
 TEST_F(LoggerTest, ForkedChildOfALoggingProcessCanLog) {
   ILog* log = Make("forking");
-  std::atomic<bool> done = false;
-  std::thread busy([&] {
-    while (!done) {
+  std::jthread busy([&](const std::stop_token& done) {
+    while (!done.stop_requested()) {
       __LOG__A(log, LOGLEVEL_DEBUG, "busy");
     }
   });
   for (int i = 0; i < 40; ++i) {
     EXPECT_EQ(InChild([&] { return __LOG__A(log, LOGLEVEL_ERROR, "child"), 0; })(), 0);
   }
-  done = true;
-  busy.join();
-  const auto lines = Lines(log_path);
-  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                          [](const std::string& line) { return line.ends_with("] child"); }),
-            40);
-}
-
-std::string NumberedLine(int writer, int number) {
-  return std::to_string(writer) + " " + std::to_string(number) + " " +
-         std::string(90, static_cast<char>('a' + writer));
+  busy = {};
+  EXPECT_EQ(
+      std::ranges::count_if(Lines(log_path), [](auto& line) { return line.ends_with("] child"); }),
+      40);
 }
 
 TEST_F(LoggerTest, RotationAmongProcessesLosesAndTearsNoLine) {
+  constexpr off_t kOneRotationBytes = 200L * 1024;  // for all writers
   std::vector<std::function<int()>> statuses;
   std::multiset<std::string> expected;
-  for (int writer = 0; writer < kWriters; ++writer) {
+  for (const char writer : {'a', 'b', 'c', 'd', 'e', 'f'}) {
+    std::vector<std::string> lines;
+    for (int number = 0; number < 500; ++number) {
+      lines.push_back(std::to_string(number) + std::string(95, writer));
+    }
     statuses.push_back(InChild([&] {
       tarn::LogFile file(log_path, kOneRotationBytes);
       const bool opened = file.Open();
-      for (int line = 0; opened && line < kLines; ++line) {
-        file.Append(NumberedLine(writer, line) + "\n");
+      for (const std::string& line : lines) {
+        file.Append(line + "\n");
       }
       return opened ? 0 : 1;
     }));
-    for (int line = 0; line < kLines; ++line) {
-      expected.insert(NumberedLine(writer, line));
-    }
+    expected.insert(lines.begin(), lines.end());
   }
   for (const auto& status : statuses) {
     EXPECT_EQ(status(), 0);

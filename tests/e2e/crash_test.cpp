@@ -18,7 +18,6 @@
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
 using Content = std::shared_ptr<const std::string>;  // null: no file
@@ -46,11 +45,13 @@ std::string Show(const Content& content) {
 // Changes the files of a folder, one after another, and notes what was confirmed.
 class Writer {
  public:
-  explicit Writer(unsigned seed) : random(seed) {}
+  Writer(unsigned seed, std::string folder_name) : random(seed), own(std::move(folder_name)) {}
+
+  void MakeFolder(const fs::path& base) const { fs::create_directory(base / own); }
 
   // Until `killed` is set and a call fails.
-  void Run(const fs::path& in_folder, const std::atomic<bool>& killed) {
-    folder = in_folder;
+  void Run(const fs::path& base, const std::atomic<bool>& killed) {
+    folder = base / own;
     while (ChangeSomething()) {
       Note();
     }
@@ -59,7 +60,8 @@ class Writer {
 
   // True when the files there are as was confirmed, with the change that was under way or without
   // it; they are then what the next look has to find.
-  bool IsAsConfirmed(const fs::path& place) {
+  bool IsAsConfirmed(const fs::path& base) {
+    const fs::path place = base / own;
     Files with = confirmed;
     for (const auto& [name, content] : under_way) {
       with[name] = content;
@@ -92,7 +94,7 @@ class Writer {
   // What fsync confirmed last is at the remote.
   void ExpectSynced(const fs::path& remote) const {
     for (const auto& [name, content] : synced) {
-      EXPECT_TRUE(IsSame(ContentOf(remote / name), content)) << remote / name;
+      EXPECT_TRUE(IsSame(ContentOf(remote / own / name), content)) << remote / own / name;
     }
   }
 
@@ -201,8 +203,9 @@ class Writer {
     return true;
   }
 
-  fs::path folder;
   std::mt19937 random;
+  const std::string own;  // the name of its folder
+  fs::path folder;        // where it writes
   Files confirmed;
   Files under_way;  // what changes with the call that was made last
   Files synced;     // what is at the remote
@@ -228,8 +231,7 @@ class CrashTest : public MountingTest {
     random.seed(seed == nullptr ? std::random_device()() : static_cast<unsigned>(std::atoi(seed)));
     ASSERT_EQ(mount(), 0);
     for (int i = 0; i < kWriters; ++i) {
-      writers.emplace_back(random());
-      fs::create_directory(FolderOf(volume, i));
+      writers.emplace_back(random(), std::to_string(i)).MakeFolder(volume);
     }
     EXPECT_EQ(Unmount(volume), 0);
     int counted = 0;
@@ -242,10 +244,6 @@ class CrashTest : public MountingTest {
   }
 
  private:
-  static fs::path FolderOf(const fs::path& base, int writer) {
-    return base / std::to_string(writer);
-  }
-
   [[nodiscard]] bool HasUnsent() const {
     std::error_code ignored;  // a folder may go while it is looked at
     for (fs::recursive_directory_iterator entry(home.Path() / kJournals, ignored), end;
@@ -258,8 +256,8 @@ class CrashTest : public MountingTest {
   }
 
   void ExpectAsConfirmed(const fs::path& base, const char* when) {
-    for (int i = 0; i < kWriters; ++i) {
-      EXPECT_TRUE(writers[static_cast<size_t>(i)].IsAsConfirmed(FolderOf(base, i))) << when;
+    for (Writer& writer : writers) {
+      EXPECT_TRUE(writer.IsAsConfirmed(base)) << when;
     }
   }
 
@@ -280,8 +278,8 @@ class CrashTest : public MountingTest {
     }
     WriteUntilKilled(server);
     const bool counts = HasUnsent();
-    for (int i = 0; i < kWriters; ++i) {
-      writers[static_cast<size_t>(i)].ExpectSynced(FolderOf(remote, i));
+    for (const Writer& writer : writers) {
+      writer.ExpectSynced(remote);
     }
     Signal(server, SIGCONT);
     (void)client->WaitForEvent("disconnected");
@@ -296,10 +294,9 @@ class CrashTest : public MountingTest {
 
   void WriteUntilKilled(const std::vector<pid_t>& server) {
     std::atomic<bool> killed = false;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kWriters; ++i) {
-      threads.emplace_back(
-          [&, i] { writers[static_cast<size_t>(i)].Run(FolderOf(volume, i), killed); });
+    std::vector<std::jthread> threads;
+    for (Writer& writer : writers) {
+      threads.emplace_back([&] { writer.Run(volume, killed); });
     }
     const auto end = std::chrono::steady_clock::now() + milliseconds(random() % 400);
     bool stands = false;
@@ -312,9 +309,6 @@ class CrashTest : public MountingTest {
     (void)WaitUntil([&] { return HasUnsent(); }, milliseconds(200));
     killed = true;
     EXPECT_EQ(::kill(service.DriveProcesses().at(0), SIGKILL), 0);
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
   }
 
   std::function<int()> mount;

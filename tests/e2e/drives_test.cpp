@@ -8,20 +8,20 @@
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
-
 class DrivesE2eTest : public MountingTest {
  protected:
   [[nodiscard]] bool IsTheOnlyDrive(const fs::path& mounted) {
+    return DrivesAre('"' + mounted.string() + '"');
+  }
+  [[nodiscard]] bool DrivesAre(const std::string& list) {
     return client->Ask(R"({"cmd":"get_drive_list"})") ==
-           R"({"cmd":"get_drive_list", "drives": [")" + mounted.string() + "\"]}";
+           R"({"cmd":"get_drive_list", "drives": [)" + list + "]}";
   }
   // A new client, and no mount and no drive process left of what the last one did.
   void ExpectNothingLeft() {
     EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
     EXPECT_TRUE(WaitUntil([&] { return !IsMounted(volume); }));
-    client.emplace(service);
-    client->Introduce(true);
+    Connect();
   }
 };
 
@@ -121,10 +121,7 @@ TEST_F(DrivesE2eTest, ADriveProcessThatDiesLeavesNoMount) {
   const Json event = client->WaitForEvent("disconnected");
   EXPECT_EQ(std::string(event.GetObject("/data/state")), "unexpected");
   EXPECT_TRUE(WaitUntil([&] { return !IsMounted(volume); }));
-  EXPECT_TRUE(WaitUntil([&] {
-    return client->Ask(R"({"cmd":"get_drive_list"})") ==
-           R"({"cmd":"get_drive_list", "drives": []})";
-  }));
+  EXPECT_TRUE(WaitUntil([&] { return DrivesAre(""); }));
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
   EXPECT_EQ(ReadFile(volume / "file"), "closed, so stored");
   EXPECT_TRUE(WaitUntil([&] { return FileContent(backing / "file") == "closed, so stored"; }));
@@ -151,8 +148,7 @@ TEST_F(DrivesE2eTest, ADriveProcessThatDiesInTheMiddleOfMountOrUnmountLeavesNoMo
 
 TEST_F(DrivesE2eTest, AClientThatLeavesInTheMiddleOfAMountLeavesADriveForOthers) {
   client->Send(ConnectMessage(backing, volume, "L"));
-  client.emplace(service);  // the connection of the first ends here
-  client->Introduce(true);
+  Connect();
   EXPECT_TRUE(WaitUntil([&] { return IsTheOnlyDrive(volume); }));
   WriteFile(volume / "file", "x");  // its events go to nobody
   EXPECT_EQ(Unmount(volume), 0);
@@ -171,9 +167,7 @@ TEST_F(DrivesE2eTest, AServiceThatEndsInTheMiddleOfAnythingLeavesNoProcess) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4)) << command;
     ::kill(drives.at(0), SIGCONT);
     EXPECT_TRUE(WaitUntil([&] { return !IsMounted(volume); })) << command;
-    ASSERT_TRUE(service.Start());
-    client.emplace(service);
-    client->Introduce(true);
+    ASSERT_NO_FATAL_FAILURE(StartService());
   }
 }
 
@@ -232,16 +226,7 @@ TEST_F(DrivesE2eTest, SettingsReachADriveThatRunsAndItsUploadsAreReported) {
   EXPECT_EQ(fs::file_size(backing / "file"), 3 << 20);
 }
 
-TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientSays) {
-  ASSERT_EQ(Mount(backing, volume, "L"), 0);
-  const std::string message =
-      DriveMessage("set_size", volume, R"(,"total":1073741824,"free":268435456)");
-  EXPECT_EQ(client->AskForResult(message), 0);
-  EXPECT_TRUE(WaitUntil([&] { return fs::space(volume).capacity == 1073741824; }));
-  EXPECT_EQ(fs::space(volume).free, 268435456U);
-}
-
-TEST_F(DrivesE2eTest, TheOwnerIsAskedForTheSize) {
+TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientAnswersOrSetsUnasked) {
   EXPECT_EQ(client->AskForResult(R"({"cmd":"set_drivesize_callback"})"), 0);
   client->Send(ConnectMessage(backing, volume, "L"));
   std::string question;
@@ -253,6 +238,14 @@ TEST_F(DrivesE2eTest, TheOwnerIsAskedForTheSize) {
   client->Send(R"({"cmd":"result_quota","error":1,"data":{"total":1073741824,"free":4096}})");
   EXPECT_TRUE(WaitUntil([&] { return fs::space(volume).capacity == 1073741824; }));
   EXPECT_EQ(fs::space(volume).free, 4096U);
+
+  EXPECT_EQ(Unmount(volume), 0);
+  Connect();  // nobody is asked now
+  ASSERT_EQ(Mount(backing, volume, "L"), 0);
+  const std::string size = R"(,"total":2147483648,"free":268435456)";
+  EXPECT_EQ(client->AskForResult(DriveMessage("set_size", volume, size)), 0);
+  EXPECT_TRUE(WaitUntil([&] { return fs::space(volume).capacity == 2147483648; }));
+  EXPECT_EQ(fs::space(volume).free, 268435456U);
 }
 
 TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {

@@ -8,8 +8,6 @@ namespace tarn::test {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 std::string RandomBytes(size_t count, unsigned seed) {
   std::mt19937_64 random(seed);
   std::string bytes(count, '\0');

@@ -15,6 +15,8 @@
 
 namespace tarn::test {
 
+namespace fs = std::filesystem;
+
 // A running service, a client that has introduced itself, and folders to mount.
 class MountingTest : public testing::Test {
  protected:
@@ -22,29 +24,34 @@ class MountingTest : public testing::Test {
     if (::access("/dev/fuse", R_OK | W_OK) != 0) {
       GTEST_SKIP() << "no /dev/fuse here";
     }
+    StartService();
+  }
+  void StartService() {
     ASSERT_TRUE(service.Start());
+    Connect();
+  }
+  // A new client; the connection of the last one ends here.
+  void Connect() {
     client.emplace(service);
     client->Introduce(true);
   }
 
   // Makes the test module ("test") available to drive processes.
   void AddTestModule() const {
-    std::filesystem::copy(std::filesystem::path(TEST_MODULE_FOLDER) / "libtest.dylib",
-                          service.ModuleFolder());
+    fs::copy(fs::path(TEST_MODULE_FOLDER) / "libtest.dylib", service.ModuleFolder());
   }
 
-  [[nodiscard]] int Mount(const std::filesystem::path& folder,
-                          const std::filesystem::path& mount_point, const std::string& label,
-                          const std::string& type = "local") {
+  [[nodiscard]] int Mount(const fs::path& folder, const fs::path& mount_point,
+                          const std::string& label, const std::string& type = "local") {
     return client->AskForResult(ConnectMessage(folder, mount_point, label, type));
   }
-  [[nodiscard]] int Unmount(const std::filesystem::path& mount_point) {
+  [[nodiscard]] int Unmount(const fs::path& mount_point) {
     return client->AskForResult(DriveMessage("disconnect", mount_point));
   }
 
   // Writes a tree of folders and files into the volume, changes it and mounts once more, and looks
   // for it there and in the folder `remote`. `mount` mounts the remote at `volume`.
-  void PutTreeThrough(const std::function<int()>& mount, const std::filesystem::path& remote,
+  void PutTreeThrough(const std::function<int()>& mount, const fs::path& remote,
                       size_t largest_bytes);
 
   // Ends the service by the signal: its one drive process, which nobody is the parent of any more,
@@ -52,28 +59,26 @@ class MountingTest : public testing::Test {
   void ExpectDriveEndsWithService(int signal);
 
  public:
-  static void WriteFile(const std::filesystem::path& path, const std::string& content) {
+  static void WriteFile(const fs::path& path, const std::string& content) {
     std::ofstream file(path, std::ios::binary);
     file << content;
     file.close();
     EXPECT_TRUE(file.good()) << path;
   }
-  static std::string ReadFile(const std::filesystem::path& path) {
+  static std::string ReadFile(const fs::path& path) {
     std::string content;
     EXPECT_TRUE(tarn::ReadFile(path, size_t{1} << 30, content)) << path;
     return content;
   }
 
  protected:
-  static bool IsMounted(const std::filesystem::path& mount_point) {
-    return !MountsBelow(mount_point).empty();
-  }
+  static bool IsMounted(const fs::path& mount_point) { return !MountsBelow(mount_point).empty(); }
 
   TempHome home;
   ServiceProcess service{home};
   std::optional<TestClient> client;
-  const std::filesystem::path backing = home.MakeFolder("backing");
-  const std::filesystem::path volume = home.MakeFolder("volume");
+  const fs::path backing = home.MakeFolder("backing");
+  const fs::path volume = home.MakeFolder("volume");
 };
 
 }  // namespace tarn::test

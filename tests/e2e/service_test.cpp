@@ -11,8 +11,6 @@
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr int kBasePort = 49879;
 constexpr int kExitedWithOne = 1 << 8;  // as waitpid tells it
 
@@ -73,22 +71,15 @@ TEST_F(ServiceE2eTest, TheLogLevelChangesWhileItRuns) {
 
 using ServiceWithDriveTest = MountingTest;
 
-TEST_F(ServiceWithDriveTest, KillUnmountsEverythingFirst) {
+TEST_F(ServiceWithDriveTest, KillUnmountsFirstAndDrivesOfAServiceThatIsGoneUnmountThemselves) {
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
   WriteFile(volume / "file", "x");
   EXPECT_EQ(client->Ask(R"({"cmd":"kill"})"), R"({"cmd":"disconnect_all","result":"/"})");
   EXPECT_FALSE(IsMounted(volume));
   EXPECT_EQ(service.WaitForEnd(std::chrono::seconds(5)), kExitedWithOne);
   EXPECT_EQ(ReadFile(backing / "file"), "x");
-}
-
-TEST_F(ServiceWithDriveTest, DrivesOfAServiceThatIsGoneUnmountThemselves) {
   for (const int signal : {SIGTERM, SIGKILL}) {
-    if (signal == SIGKILL) {
-      ASSERT_TRUE(service.Start());
-      client.emplace(service);
-      client->Introduce();
-    }
+    ASSERT_NO_FATAL_FAILURE(StartService());
     ASSERT_EQ(Mount(backing, volume, "L"), 0);
     ExpectDriveEndsWithService(signal);
     EXPECT_FALSE(IsMounted(volume));

@@ -13,11 +13,6 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-struct Ran {
-  int status;
-  std::string output;
-};
-
 // tarnctl in an installation of its own; the service is started and ended by it.
 class TarnctlTest : public testing::Test {
  protected:
@@ -27,6 +22,10 @@ class TarnctlTest : public testing::Test {
     arguments.insert(arguments.begin(), service.InBin("tarnctl"));
     return {arguments, home.Path(), home.Path(), home.Path() / std::to_string(++started)};
   }
+  struct Ran {
+    int status;
+    std::string output;
+  };
   Ran Run(const std::vector<std::string>& arguments) {
     Program program = Start(arguments);
     const int status = program.WaitForEnd().value_or(-1);

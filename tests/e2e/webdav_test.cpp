@@ -5,7 +5,6 @@
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
 class WebdavE2eTest : public MountingTest {
  protected:
   // Mounts a server's folder, with more members of the mount request's "data", as JSON after a ",".

@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <future>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -44,29 +45,20 @@ class PlayedService : public Endpoint {
  public:
   explicit PlayedService(const std::vector<std::string>& pieces) {
     EXPECT_EQ(::listen(socket.get(), 1), 0);
-    player = std::thread([this, pieces] {
+    heard = std::async(std::launch::async, [this, pieces] {
       const UniqueFd peer = AcceptConnection(socket.get());
       char part[4096];
       const ssize_t count = ::recv(peer.get(), part, sizeof part, 0);
-      heard.assign(part, static_cast<size_t>(std::max<ssize_t>(count, 0)));
       for (const std::string& piece : pieces) {
         EXPECT_TRUE(WriteAll(peer.get(), piece.data(), piece.size()));
         std::this_thread::yield();
       }
+      return std::string(part, static_cast<size_t>(std::max<ssize_t>(count, 0)));
     });
   }
-  ~PlayedService() { Join(); }
-  void Join() {
-    if (player.joinable()) {
-      (void)::shutdown(socket.get(), SHUT_RDWR);
-      player.join();
-    }
-  }
+  ~PlayedService() { (void)::shutdown(socket.get(), SHUT_RDWR); }
 
-  std::string heard;  // after Join
-
- private:
-  std::thread player;
+  std::future<std::string> heard;  // waits for the player's end, before the socket goes
 };
 
 TEST(ClientTest, AnswerIsFoundAmongEventsWhichAreKept) {
@@ -85,8 +77,7 @@ TEST(ClientTest, AnswerIsFoundAmongEventsWhichAreKept) {
   ASSERT_EQ(client.NextEvent(event, After(seconds(10))), Result::kOk);
   EXPECT_EQ(std::string(event.GetObject("/cmd")), "request_quota");
   EXPECT_EQ(client.NextEvent(event, After(seconds(10))), Result::kClosed);
-  service.Join();
-  EXPECT_EQ(service.heard, Frame(R"({"cmd":"connect"})"));
+  EXPECT_EQ(service.heard.get(), Frame(R"({"cmd":"connect"})"));
 }
 
 TEST(ClientTest, AnyBodyIsAnAnswerAndAnythingElseEndsTheConnection) {

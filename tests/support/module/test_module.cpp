@@ -61,20 +61,14 @@ class TestProtocol final : public IProtocol_V2 {
   int GetCredential(char* buffer, int* length) override { return Put(notes, buffer, length); }
   void SetKeyFile(const char* path) override { Note("key_file", path); }
   AERROR Connect(char** message) override {
-    if (id == "denied") {
-      return ACCESS_DENIED;
-    }
-    if (id == "missing") {
-      return PATH_NOT_FOUND;
-    }
-    if (id == "fails") {
-      *message = ::strdup("no such luck");
-      return FAILED;
-    }
     if (id == "slow") {
       std::this_thread::sleep_for(std::chrono::minutes(10));
     }
-    return SUCCESS;
+    *message = id == "fails" ? ::strdup("no such luck") : nullptr;
+    return id == "denied"    ? ACCESS_DENIED
+           : id == "missing" ? PATH_NOT_FOUND
+           : id == "fails"   ? FAILED
+                             : SUCCESS;
   }
   AERROR Disconnect() override { return SUCCESS; }
   void SetQuotaCallback(void* context, QUOTA_CALLBACK callback) override {

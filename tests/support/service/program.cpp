@@ -67,10 +67,6 @@ std::optional<int> Program::WaitForEnd(std::chrono::milliseconds patience) {
   return status;
 }
 
-std::string Program::Output() const {
-  return FileContent(output);
-}
-
 std::string FileContent(const std::filesystem::path& path) {
   std::string content;
   return ReadFile(path, size_t{1} << 30, content) ? content : "";

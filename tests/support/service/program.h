@@ -11,6 +11,9 @@
 
 namespace tarn::test {
 
+// What a file holds; nothing when it cannot be read, as of a process that ends meanwhile.
+[[nodiscard]] std::string FileContent(const std::filesystem::path& path);
+
 // A program that a test runs beside itself, found in PATH, with no input and its output and errors
 // at the end of a file. The destructor ends it with SIGKILL if it still runs, and reaps it.
 class Program {
@@ -28,15 +31,12 @@ class Program {
 
   [[nodiscard]] bool IsRunning() const { return pid > 0; }
   [[nodiscard]] pid_t Pid() const { return pid; }
-  [[nodiscard]] std::string Output() const;
+  [[nodiscard]] std::string Output() const { return FileContent(output); }
 
  private:
   pid_t pid = -1;
   const std::filesystem::path output;
 };
-
-// What a file holds; nothing when it cannot be read, as of a process that ends meanwhile.
-[[nodiscard]] std::string FileContent(const std::filesystem::path& path);
 
 // Not for one that has ended but was not reaped.
 [[nodiscard]] bool IsAlive(pid_t process);

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mntent.h>
@@ -16,6 +17,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kTimeToStart{60};  // a sanitizer's build on a busy machine
+constexpr char kReport[] =
+    "ERROR: (Address|Leak)Sanitizer|runtime error:|(WARNING|FATAL): ThreadSanitizer";
 
 }  // namespace
 
@@ -53,10 +56,6 @@ TempHome::~TempHome() {
   }
 }
 
-fs::path TempHome::LogFile() const {
-  return Path() / "Library/Logs/tarnsvc/tarnsvclog";
-}
-
 fs::path TempHome::MakeFolder(const std::string& name) const {
   fs::create_directories(Path() / name);
   return Path() / name;
@@ -80,14 +79,6 @@ ServiceProcess::~ServiceProcess() {
   CheckOutput();
 }
 
-fs::path ServiceProcess::InBin(const std::string& name) const {
-  return root / "bin" / name;
-}
-
-fs::path ServiceProcess::ModuleFolder() const {
-  return root / "Frameworks";
-}
-
 bool ServiceProcess::Start(const std::string& mode) {
   fs::remove(installation.PortRecord());
   program.emplace(std::vector<std::string>{InBin("tarnsvc"), mode}, home.Path(), root / "bin",
@@ -107,10 +98,6 @@ void ServiceProcess::Signal(int signal) const {
   ASSERT_EQ(::kill(Pid(), signal), 0);
 }
 
-std::optional<int> ServiceProcess::WaitForEnd(std::chrono::milliseconds patience) {
-  return program->WaitForEnd(patience);
-}
-
 // Drive processes end by themselves when the service has gone.
 void ServiceProcess::Stop() {
   const std::vector<pid_t> drives = DriveProcesses();
@@ -128,17 +115,9 @@ std::vector<pid_t> ServiceProcess::DriveProcesses() const {
   return program->IsRunning() ? ChildrenOf(Pid()) : std::vector<pid_t>();
 }
 
-std::string ServiceProcess::Output() const {
-  return program ? program->Output() : "";
-}
-
 void ServiceProcess::CheckOutput() const {
   const std::string output = Output();
-  bool is_suspicious = false;
-  for (const char* report : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
-                             "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer"}) {
-    is_suspicious = is_suspicious || output.find(report) != std::string::npos;
-  }
+  const bool is_suspicious = testing::Matches(testing::ContainsRegex(kReport))(output);
   EXPECT_FALSE(is_suspicious) << output;
   if (testing::Test::HasFailure() && !is_suspicious) {
     GTEST_LOG_(INFO) << "the service printed:\n"

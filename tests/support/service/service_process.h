@@ -22,7 +22,9 @@ class TempHome {
   TempHome& operator=(const TempHome&) = delete;
 
   [[nodiscard]] std::filesystem::path Path() const { return folder.path(); }
-  [[nodiscard]] std::filesystem::path LogFile() const;  // of the service
+  [[nodiscard]] std::filesystem::path LogFile() const {  // of the service
+    return Path() / "Library/Logs/tarnsvc/tarnsvclog";
+  }
 
   // Makes a folder in the home. Returns its path.
   [[nodiscard]] std::filesystem::path MakeFolder(const std::string& name) const;
@@ -56,18 +58,22 @@ class ServiceProcess {
   void Signal(int signal) const;
 
   // As Program's.
-  [[nodiscard]] std::optional<int> WaitForEnd(std::chrono::milliseconds patience = kPatience);
+  [[nodiscard]] std::optional<int> WaitForEnd(std::chrono::milliseconds patience = kPatience) {
+    return program->WaitForEnd(patience);
+  }
 
   [[nodiscard]] pid_t Pid() const { return program->Pid(); }
   [[nodiscard]] int Port() const { return ReadPort(installation); }
-  [[nodiscard]] std::filesystem::path InBin(const std::string& name) const;
-  [[nodiscard]] std::filesystem::path ModuleFolder() const;
+  [[nodiscard]] std::filesystem::path InBin(const std::string& name) const {
+    return root / "bin" / name;
+  }
+  [[nodiscard]] std::filesystem::path ModuleFolder() const { return root / "Frameworks"; }
 
   // The drive processes that the service has now.
   [[nodiscard]] std::vector<pid_t> DriveProcesses() const;
 
   // What the service and its drive processes have printed so far.
-  [[nodiscard]] std::string Output() const;
+  [[nodiscard]] std::string Output() const { return program ? program->Output() : ""; }
 
  private:
   void Stop();

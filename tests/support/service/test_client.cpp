@@ -1,7 +1,5 @@
 #include "tests/support/service/test_client.h"
 
-#include <gtest/gtest.h>
-
 #include "common/frame.h"
 
 namespace tarn::test {
@@ -17,27 +15,10 @@ TestClient::TestClient(int port) {
   EXPECT_TRUE(client.Connect(port, After(kPatience))) << "nothing listens at port " << port;
 }
 
-void TestClient::Introduce(bool wants_own_events) {
-  EXPECT_TRUE(client.Introduce("tarnsvc", wants_own_events, After(kPatience)));
-}
-
-void TestClient::Send(const std::string& body) {
-  EXPECT_NE(client.Send(body, After(kPatience)), Result::kTimeout) << body;
-}
-
-void TestClient::SendBytes(const std::string& bytes) {
-  EXPECT_EQ(client.SendBytes(bytes, After(kPatience)), Result::kOk);
-}
-
 std::string TestClient::Receive() {
   std::string body;
   const Result result = client.Receive(body, After(kPatience));
   return result == Result::kOk ? body : result == Result::kClosed ? "(closed)" : "(none)";
-}
-
-std::string TestClient::Exchange(const std::string& body) {
-  Send(body);
-  return Receive();
 }
 
 std::string TestClient::Ask(const std::string& body) {
@@ -76,15 +57,9 @@ bool TestClient::IsClosed() {
 std::string ConnectMessage(const std::filesystem::path& folder,
                            const std::filesystem::path& mount_point, const std::string& label,
                            const std::string& type) {
-  JsonObject data;
-  data.Insert("type", type);
-  data.Insert("url", folder.string());
-  data.Insert("label", label);
-  data.Insert("drive", mount_point.string());
-  data.Insert("option", 0);
-  Json message = Message("connect");
-  message.Insert("data", data);
-  return message.ToText();
+  return DriveMessage("connect", mount_point,
+                      R"(,"option":0,"type":")" + type + R"(","label":")" + label + R"(","url":")" +
+                          folder.string() + "\"");
 }
 
 std::string DriveMessage(const std::string& command, const std::filesystem::path& mount_point,

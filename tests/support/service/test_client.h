@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <string>
 
 #include "tarnctl/client.h"
@@ -21,16 +22,22 @@ class TestClient {
   explicit TestClient(int port);
 
   // Introduces itself with the service's name.
-  void Introduce(bool wants_own_events = false);
+  void Introduce(bool wants_own_events = false) {
+    EXPECT_TRUE(client.Introduce("tarnsvc", wants_own_events, After(kPatience)));
+  }
 
-  void Send(const std::string& body);        // what was closed meanwhile shows in Receive
-  void SendBytes(const std::string& bytes);  // as they are, without a frame
+  void Send(const std::string& body) {  // what was closed meanwhile shows in Receive
+    EXPECT_NE(client.Send(body, After(kPatience)), Client::Result::kTimeout) << body;
+  }
+  void SendBytes(const std::string& bytes) {  // as they are, without a frame
+    EXPECT_EQ(client.SendBytes(bytes, After(kPatience)), Client::Result::kOk);
+  }
 
   // The body of the next frame; "(closed)" at the end of the connection; "(none)" when none comes.
   [[nodiscard]] std::string Receive();
 
   // Sends a message and returns the next frame, whatever it is.
-  [[nodiscard]] std::string Exchange(const std::string& body);
+  [[nodiscard]] std::string Exchange(const std::string& body) { return (Send(body), Receive()); }
 
   // Sends a message and returns its answer, keeping events for WaitForEvent.
   [[nodiscard]] std::string Ask(const std::string& body);

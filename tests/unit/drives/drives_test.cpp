@@ -31,18 +31,21 @@ std::string Result(int code) {
   return R"({"cmd":"result","error":)" + std::to_string(code) + "}";
 }
 
+std::string Event(const std::string& data) {
+  return R"({"cmd":"fs_event","data":{)" + data + "}}";
+}
+
 std::string DriveEvent(const std::string& drive, const std::string& method) {
-  return R"({"cmd":"fs_event","data":{"drive":")" + drive + R"(","method":")" + method + "\"}}";
+  return Event(R"("drive":")" + drive + R"(","method":")" + method + '"');
 }
 
 std::string Unexpected(const std::string& drive) {
-  return R"({"cmd":"fs_event","data":{"drive":")" + drive +
-         R"(","method":"disconnected","state":"unexpected"}})";
+  return DriveEvent(drive, R"(disconnected","state":"unexpected)");
 }
 
 // What a played drive tells of itself.
 std::string From(const std::string& label) {
-  return R"({"cmd":"fs_event","data":{"from":")" + label + "\"}}";
+  return Event(R"("from":")" + label + '"');
 }
 
 using Frames = std::multiset<std::string>;
@@ -111,10 +114,8 @@ class DrivesTest : public testing::Test {
   }
 
   const test::TempFolder folder;
-  static int port;
+  static inline int port = -1;  // of the one server
 };
-
-int DrivesTest::port = -1;
 
 TEST_F(DrivesTest, AFailedMountTellsItsCodeAtOnceAndLeavesNothing) {
   TestClient client(port);

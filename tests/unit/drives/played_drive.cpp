@@ -7,6 +7,7 @@
 // mounted, "stays" refuses to be unmounted, and "mortal" ends instead of answering anything.
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <unistd.h>
 
@@ -81,17 +82,16 @@ class Drive {
       Result("result", label == "stays" ? 5 : 0);
       return label == "stays" && command == "disconnect";
     }
-    if (command == "get_username") {
-      requests.write(R"({"cmd":"result_username","result":"who"})");
-    } else if (command == "get_credential") {
-      requests.write(info);  // shows what it was asked to mount
-    } else if (command == "set_size") {
-      requests.write(R"({"cmd":"result_credential","result":"text"})");
+    const std::map<std::string, std::string> replies = {
+        {"get_username", R"({"cmd":"result_username","result":"who"})"},
+        {"get_credential", info},  // shows what it was asked to mount
+        {"set_size", R"({"cmd":"result_credential","result":"text"})"},
+        {"set_speedlimit", "not json"}};
+    if (const auto reply = replies.find(command); reply != replies.end()) {
+      requests.write(reply->second);
     } else if (command == "set_speedlimit_all") {
       Tell();
       Result("result", 5);
-    } else if (command == "set_speedlimit") {
-      requests.write("not json");
     } else if (command == "spindle_add_protocol") {
       events.write("not json");
       events.write(R"({"cmd":"other"})");

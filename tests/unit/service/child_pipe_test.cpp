@@ -79,12 +79,10 @@ class ChildPipeTest : public testing::Test {
     return answer.GetObject("/result");
   }
 
-  static std::string Result(int value) {
-    return R"({"cmd":"result","data":{"result":)" + std::to_string(value) + "}}";
+  static std::string Result(int value, const std::string& cmd = "result") {
+    return R"({"cmd":")" + cmd + R"(","data":{"result":)" + std::to_string(value) + "}}";
   }
-  static std::string MountResult(int value) {
-    return R"({"cmd":"mount_result","data":{"result":)" + std::to_string(value) + "}}";
-  }
+  static std::string MountResult(int value) { return Result(value, "mount_result"); }
 
   const test::TempFolder folder;
   const std::wstring name = std::filesystem::path(folder.path() / "pipe").wstring();

@@ -2,6 +2,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <future>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -98,19 +99,12 @@ TEST_F(PipeSessionTest, AWriteToAPeerThatIsGoneFailsAndMarksTheChannel) {
 }
 
 TEST_F(PipeSessionTest, WaitsAreGivenUpWhenThePeerIsGone) {
-  std::atomic<int> ended{0};
-  std::thread create([&] {
-    EXPECT_FALSE(creating.create(name, nullptr));
-    ++ended;
-  });
-  std::thread connect([&] {
-    EXPECT_FALSE(connecting.connect(name + L"x", nullptr));
-    ++ended;
-  });
-  EXPECT_EQ(ended, 0);
+  const auto later = [](auto wait) { return std::async(std::launch::async, wait); };
+  auto create = later([&] { return creating.create(name, nullptr); });
+  auto connect = later([&] { return connecting.connect(name + L"x", nullptr); });
   gone = true;
-  create.join();
-  connect.join();
+  EXPECT_FALSE(create.get());
+  EXPECT_FALSE(connect.get());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <optional>
 
 #include "common/folders.h"
 #include "tarnctl/installation.h"
@@ -17,32 +18,28 @@ namespace {
 // The service reads its settings with the one, its clients with the other.
 TEST(SettingsTest, TheFirstKeyOfTheFirstSectionCounts) {
   const test::TempFolder folder;
-  struct Case {
-    std::string file;
-    bool found;
-    std::string value;
-  };
-  for (const Case& wanted : {
-           Case{"[SDK]\r\nNAME=tarn", true, "tarn"},
-           Case{"[sdk]\nname=Tarn\n", true, "Tarn"},
-           Case{"[SDK]\r\n  NAME  =   a b  \r\n", true, "a b  "},
-           Case{"[SDK]\nNAME=a=b\n", true, "a=b"},
-           Case{"[SDK]\nNAME=\n", true, ""},
-           Case{"[SDK]\n\nx\nNAME=1\nNAME=2\n", true, "1"},
-           Case{" [SDK]\nNAME=1\n[SDK] \nNAME=2\n", false, ""},
-           Case{"[A]\nNAME=1\n[SDK]\nNAME=2\n", true, "2"},
-           Case{"[SDK]\n\n[X]\n[SDK]\nNAME=2\n", false, ""},
-           Case{"[SDK]", false, ""},
-           Case{"[SDK]\n;NAME=1\n", false, ""},
-           Case{"[SDK]\n\tNAME=1\n", false, ""},
+  using Case = std::pair<std::string, std::optional<std::string>>;
+  for (const auto& [content, wanted] : {
+           Case{"[SDK]\r\nNAME=tarn", "tarn"},
+           Case{"[sdk]\nname=Tarn\n", "Tarn"},
+           Case{"[SDK]\r\n  NAME  =   a b  \r\n", "a b  "},
+           Case{"[SDK]\nNAME=a=b\n", "a=b"},
+           Case{"[SDK]\nNAME=\n", ""},
+           Case{"[SDK]\n\nx\nNAME=1\nNAME=2\n", "1"},
+           Case{" [SDK]\nNAME=1\n[SDK] \nNAME=2\n", std::nullopt},
+           Case{"[A]\nNAME=1\n[SDK]\nNAME=2\n", "2"},
+           Case{"[SDK]\n\n[X]\n[SDK]\nNAME=2\n", std::nullopt},
+           Case{"[SDK]", std::nullopt},
+           Case{"[SDK]\n;NAME=1\n", std::nullopt},
+           Case{"[SDK]\n\tNAME=1\n", std::nullopt},
        }) {
-    const std::string path = folder.Write("x.ini", wanted.file);
+    const std::string path = folder.Write("x.ini", content);
     std::array<char, kPathBytes> value = {};
     EXPECT_EQ(GetPrivateProfileString("SDK", "NAME", "", value.data(), kPathBytes, path.c_str()),
-              wanted.found)
-        << wanted.file;
-    EXPECT_EQ(value.data(), wanted.value) << wanted.file;
-    EXPECT_EQ(ReadIniValue(path, "SDK", "NAME"), wanted.value) << wanted.file;
+              wanted.has_value())
+        << content;
+    EXPECT_EQ(value.data(), wanted.value_or("")) << content;
+    EXPECT_EQ(ReadIniValue(path, "SDK", "NAME"), wanted.value_or("")) << content;
   }
 }
 

@@ -11,11 +11,8 @@ namespace {
 class DrivesE2eTest : public MountingTest {
  protected:
   [[nodiscard]] bool IsTheOnlyDrive(const fs::path& mounted) {
-    return DrivesAre('"' + mounted.string() + '"');
-  }
-  [[nodiscard]] bool DrivesAre(const std::string& list) {
     return client->Ask(R"({"cmd":"get_drive_list"})") ==
-           R"({"cmd":"get_drive_list", "drives": [)" + list + "]}";
+           R"({"cmd":"get_drive_list", "drives": [")" + mounted.string() + "\"]}";
   }
   // A new client, and no mount and no drive process left of what the last one did.
   void ExpectNothingLeft() {
@@ -59,13 +56,10 @@ TEST_F(DrivesE2eTest, TwoClientsUseTwoDrivesOfOneLabelAtOnce) {
 
 TEST_F(DrivesE2eTest, AMountThatCannotBeTellsWhy) {
   AddTestModule();
-  EXPECT_EQ(Mount(backing, volume, "L", "unknown"), -1);
   EXPECT_EQ(Mount("denied", volume, "L", "test"), 10);
   EXPECT_EQ(Mount("fails", volume, "L", "test"), 11);
-  EXPECT_EQ(Mount(home.Path() / "nowhere", volume, "L"), 12);
   WriteFile(volume / "file", "in the way");
   EXPECT_EQ(Mount(backing, volume, "L"), -5);
-  EXPECT_EQ(Mount(backing, volume / "file", "L"), -5);
   fs::remove(volume / "file");
   ASSERT_EQ(Mount(backing, volume, "L"), 0);
   EXPECT_EQ(Mount(backing, volume, "L"), -5);
@@ -112,19 +106,6 @@ TEST_F(DrivesE2eTest, AModuleThatSupportsNothingOrHangsHarmsOnlyItsOwnDrive) {
   EXPECT_TRUE(WaitUntil([&] { return !fs::exists("/tmp/tarn_mount_1_2_1"); }));
   wait_in_connect("_2");
   ExpectDriveEndsWithService(SIGKILL);
-}
-
-TEST_F(DrivesE2eTest, ADriveProcessThatDiesLeavesNoMount) {
-  ASSERT_EQ(Mount(backing, volume, "L"), 0);
-  WriteFile(volume / "file", "closed, so stored");
-  ::kill(service.DriveProcesses().at(0), SIGKILL);
-  const Json event = client->WaitForEvent("disconnected");
-  EXPECT_EQ(std::string(event.GetObject("/data/state")), "unexpected");
-  EXPECT_TRUE(WaitUntil([&] { return !IsMounted(volume); }));
-  EXPECT_TRUE(WaitUntil([&] { return DrivesAre(""); }));
-  ASSERT_EQ(Mount(backing, volume, "L"), 0);
-  EXPECT_EQ(ReadFile(volume / "file"), "closed, so stored");
-  EXPECT_TRUE(WaitUntil([&] { return FileContent(backing / "file") == "closed, so stored"; }));
 }
 
 TEST_F(DrivesE2eTest, ADriveProcessThatDiesInTheMiddleOfMountOrUnmountLeavesNoMount) {

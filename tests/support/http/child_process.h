@@ -3,16 +3,16 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <sstream>
 #include <string>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
 #if defined(__linux__)
 #include <sys/prctl.h>
 #endif
+
+#include "tests/support/service/wait.h"
 
 namespace tarn::test {
 
@@ -22,11 +22,14 @@ class ChildProcess {
  public:
   // The first argument is the program, looked up in PATH and then where systems keep their servers,
   // which is in the PATH of administrators only.
-  explicit ChildProcess(const std::vector<std::string>& arguments) {
-    const std::string program = Find(arguments.front());
+  explicit ChildProcess(std::vector<std::string> arguments) {
+    const char* const path = std::getenv("PATH");
+    const std::string places =
+        std::string("PATH=") + (path != nullptr ? path : "") + ":/usr/local/sbin:/usr/sbin:/sbin";
+    arguments.insert(arguments.begin(), {"env", places});
     std::vector<char*> pointers;
-    for (const std::string& argument : arguments) {
-      pointers.push_back(const_cast<char*>(argument.c_str()));  // execv leaves them as they are
+    for (std::string& argument : arguments) {
+      pointers.push_back(argument.data());
     }
     pointers.push_back(nullptr);
     pid = ::fork();
@@ -34,7 +37,7 @@ class ChildProcess {
 #if defined(__linux__)
       (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
 #endif
-      ::execv(program.c_str(), pointers.data());
+      ::execvp(pointers[0], pointers.data());
       ::_exit(127);
     }
   }
@@ -56,30 +59,16 @@ class ChildProcess {
     return pid > 0;
   }
 
-  [[nodiscard]] pid_t Pid() const { return pid; }
+  [[nodiscard]] pid_t Pid() const {
+    return pid;
+  }
 
   // For up to 10 s.
   void WaitForEnd() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (Running() && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    (void)WaitUntil([this] { return !Running(); }, std::chrono::seconds(10));
   }
 
  private:
-  static std::string Find(const std::string& name) {
-    const char* const path = std::getenv("PATH");
-    std::istringstream folders((path != nullptr ? path : "") +
-                               std::string(":/usr/local/sbin:/usr/sbin:/sbin"));
-    for (std::string folder; std::getline(folders, folder, ':');) {
-      std::string program = folder + "/" + name;
-      if (::access(program.c_str(), X_OK) == 0) {
-        return program;
-      }
-    }
-    return name;
-  }
-
   pid_t pid = -1;  // -1 once reaped
 };
 

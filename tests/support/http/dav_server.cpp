@@ -19,6 +19,24 @@ constexpr const char* kServersUser = "www-data";  // what a server started by ro
 constexpr const char* kBasicLogins = "alice:{SHA}W8r/fyL/UzygmbNAjq2HbA67qac=\n";
 constexpr const char* kDigestLogins = "alice:dav:9bab765b464a46a8866d905f9217be99\n";
 
+// Paths are relative to the server's folder.
+constexpr const char* kApacheLines =
+    "ServerName 127.0.0.1\nPidFile pid\nErrorLog log\nDavLockDB work/locks\nDocumentRoot root\n"
+    "StartServers 1\nLimitRequestBody 0\nAllowEncodedSlashes NoDecode\n";
+constexpr const char* kApacheSecureLines =
+    "SSLEngine on\nSSLSessionCache none\n"
+    "SSLCertificateFile certificate\nSSLCertificateKeyFile key\n";
+constexpr const char* kNginxLines = R"(
+load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;
+daemon off; worker_processes 1; events {} pid pid;
+http {
+  access_log off; client_max_body_size 0; client_body_temp_path work/client_body;
+  proxy_temp_path work/proxy; fastcgi_temp_path work/fastcgi;
+  uwsgi_temp_path work/uwsgi; scgi_temp_path work/scgi;
+  server {
+    root root; dav_methods PUT DELETE MKCOL MOVE; dav_ext_methods PROPFIND OPTIONS;
+)";
+
 // Calls ::bind or ::connect with a port on loopback; 0: any. Returns the port, -1 after a failure.
 template <typename Call>
 int PortFor(Call call, int port) {
@@ -70,18 +88,15 @@ DavServer::DavServer(Kind server_kind, Options server_options)
 bool DavServer::Start() {
   port = PortFor(::bind, 0);
   const bool is_apache = kind == Kind::kApache;
+  const std::string base = folder.path();
   const std::string file =
       folder.Write("configuration", is_apache ? ApacheConfiguration() : NginxConfiguration());
-  process.emplace(is_apache
-                      ? std::vector<std::string>{"apache2", "-DFOREGROUND", "-f", file}
-                      : std::vector<std::string>{"nginx", "-c", file, "-e", folder.path() / "log"});
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  bool answers = false;
-  while (process->Running() && !answers && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    answers = PortFor(::connect, port) >= 0;
-  }
-  return answers && process->Running();
+  using Arguments = std::vector<std::string>;
+  process.emplace(is_apache ? Arguments{"apache2", "-DFOREGROUND", "-d", base, "-f", file}
+                            : Arguments{"nginx", "-p", base, "-c", file, "-e", "log"});
+  return WaitUntil([this] { return !process->Running() || PortFor(::connect, port) >= 0; },
+                   std::chrono::seconds(10)) &&
+         process->Running();
 }
 
 std::string DavServer::Url(const std::string& path) const {
@@ -102,48 +117,29 @@ void DavServer::MakeCertificate() const {
 }
 
 std::string DavServer::ApacheConfiguration() const {
-  const std::string base = folder.path();
-  std::string lines = LoadModules({"mpm_event", "authz_core", "dav", "dav_fs"});
-  lines += "ServerRoot " + base +
-           "\nServerName 127.0.0.1\nListen 127.0.0.1:" + std::to_string(port) + "\nPidFile " +
-           base + "/pid\nErrorLog " + base + "/log\nDavLockDB " + base +
-           "/work/locks\nDocumentRoot " + base +
-           "/root\nStartServers 1\nLimitRequestBody 0\nAllowEncodedSlashes NoDecode\n";
+  std::string lines = LoadModules({"mpm_event", "authz_core", "dav", "dav_fs"}) + kApacheLines +
+                      "Listen 127.0.0.1:" + std::to_string(port) + "\n";
   if (::geteuid() == 0) {
     lines += std::string("User ") + kServersUser + "\nGroup " + kServersUser + "\n";
   }
   std::string access = "Require all granted\n";
   if (options.login != Login::kNone) {
     const bool is_digest = options.login == Login::kDigest;
-    const std::string file = folder.Write("logins", is_digest ? kDigestLogins : kBasicLogins);
+    folder.Write("logins", is_digest ? kDigestLogins : kBasicLogins);
     lines += LoadModules(
         {"authn_core", "authn_file", "authz_user", is_digest ? "auth_digest" : "auth_basic"});
-    access = std::string("AuthName dav\nRequire valid-user\nAuthUserFile ") + file + "\nAuthType " +
+    access = std::string("AuthName dav\nRequire valid-user\nAuthUserFile logins\nAuthType ") +
              (is_digest ? "Digest\n" : "Basic\n");
   }
   if (options.secure) {
-    lines += LoadModules({"ssl"}) + "SSLEngine on\nSSLSessionCache none\nSSLCertificateFile " +
-             Certificate() + "\nSSLCertificateKeyFile " + base + "/key\n";
+    lines += LoadModules({"ssl"}) + kApacheSecureLines;
   }
-  return lines + "<Directory " + base + "/root>\nDav On\n" + access + "</Directory>\n";
+  return lines + "<Location />\nDav On\n" + access + "</Location>\n";
 }
 
 std::string DavServer::NginxConfiguration() const {
-  const std::string base = folder.path();
-  std::string lines =
-      "load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;\n"
-      "daemon off;\nworker_processes 1;\nevents {}\npid " +
-      base + "/pid;\n";
-  if (::geteuid() == 0) {
-    lines += std::string("user ") + kServersUser + ";\n";
-  }
-  std::string temporary;
-  for (const char* kind_of_file : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
-    temporary += std::string(kind_of_file) + "_temp_path " + base + "/work/" + kind_of_file + ";\n";
-  }
-  return lines + "http {\naccess_log off;\nclient_max_body_size 0;\n" + temporary +
-         "server {\nlisten 127.0.0.1:" + std::to_string(port) + ";\nroot " + base +
-         "/root;\ndav_methods PUT DELETE MKCOL MOVE;\ndav_ext_methods PROPFIND OPTIONS;\n}\n}\n";
+  const std::string user = ::geteuid() == 0 ? std::string("user ") + kServersUser + ";\n" : "";
+  return user + kNginxLines + "listen 127.0.0.1:" + std::to_string(port) + ";\n}\n}\n";
 }
 
 }  // namespace tarn::test

@@ -14,31 +14,31 @@ namespace tarn::test {
 
 namespace {
 
-// Waits for more to read. False: the other side is done, or this one.
-bool ReceiveMore(int socket, std::string& pending) {
+// Reads until `condition` holds. False: the other side is done before, or this one.
+template <typename Condition>
+bool ReceiveUntil(Condition condition, int socket, std::string& pending) {
   std::array<char, 65536> part;
-  const ssize_t count = ::recv(socket, part.data(), part.size(), 0);
-  pending.append(part.data(), static_cast<size_t>(std::max<ssize_t>(count, 0)));
-  return count > 0;
-}
-
-bool SendAll(int socket, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  while (!condition()) {
+    const ssize_t count = ::recv(socket, part.data(), part.size(), 0);
     if (count <= 0) {
       return false;
     }
-    bytes.remove_prefix(static_cast<size_t>(count));
+    pending.append(part.data(), static_cast<size_t>(count));
   }
   return true;
 }
 
+// As one piece: the socket blocks.
+bool SendAll(int socket, std::string_view bytes) {
+  return ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+         static_cast<ssize_t>(bytes.size());
+}
+
 bool Receive(int socket, std::string& pending, ScriptedServer::Request& request) {
   size_t end = 0;
-  while ((end = pending.find("\r\n\r\n")) == std::string::npos) {
-    if (!ReceiveMore(socket, pending)) {
-      return false;
-    }
+  const auto has_head = [&] { return (end = pending.find("\r\n\r\n")) != std::string::npos; };
+  if (!ReceiveUntil(has_head, socket, pending)) {
+    return false;
   }
   request.head = pending.substr(0, end + 2);
   pending.erase(0, end + 4);
@@ -49,10 +49,8 @@ bool Receive(int socket, std::string& pending, ScriptedServer::Request& request)
     (void)SendAll(socket, "HTTP/1.1 100 Continue\r\n\r\n");
   }
   const size_t length = std::strtoull(request.Header("Content-Length").c_str(), nullptr, 10);
-  while (pending.size() < length) {
-    if (!ReceiveMore(socket, pending)) {
-      return false;
-    }
+  if (!ReceiveUntil([&] { return pending.size() >= length; }, socket, pending)) {
+    return false;
   }
   request.body = pending.substr(0, length);
   pending.erase(0, length);

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/sync.h"
@@ -28,9 +29,12 @@ class ScriptedServer {
     [[nodiscard]] std::string Header(const std::string& name) const;
   };
   struct Reply {
-    std::string bytes{};                         // as they go over the wire
-    bool closes = false;                         // the connection, after them
-    std::chrono::milliseconds between_bytes{0};  // 0: all at once
+    // NOLINTNEXTLINE(google-explicit-constructor): most replies are their bytes alone
+    Reply(std::string to_send, bool closes_then = false, std::chrono::milliseconds pause = {})
+        : bytes(std::move(to_send)), closes(closes_then), between_bytes(pause) {}
+    std::string bytes;                        // as they go over the wire
+    bool closes;                              // the connection, after them
+    std::chrono::milliseconds between_bytes;  // 0: all at once
   };
   using Script = std::function<Reply(const Request&)>;
 

@@ -14,6 +14,7 @@
 namespace tarn::test {
 namespace {
 
+using testing::AllOf;
 using testing::AnyOf;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -25,19 +26,18 @@ const std::string kPacked(
     "\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\x03+\xcd+HL\xceNM\x01\x00\x96\x62/\xca\x08\x00\x00\x00",
     28);
 
+// Without an answer here the request comes back as it arrived.
 ScriptedServer::Reply Answer(const ScriptedServer::Request& request) {
-  if (request.target == "/stall") {
-    return {.bytes = HttpAnswer(200), .between_bytes = std::chrono::minutes(1)};
-  }
-  const std::map<std::string, std::string> answers = {
+  const std::map<std::string, ScriptedServer::Reply> answers = {
+      {"/stall", {HttpAnswer(200), false, std::chrono::minutes(1)}},
       {"/redirect", HttpAnswer(307, "elsewhere", "Location: /there\r\n")},
       {"/packed", HttpAnswer(200, kPacked, "Content-Encoding: gzip\r\n")},
       {"/refused", HttpAnswer(503, "not now")},
       {"/twenty", HttpAnswer(200, std::string(20, 'x'))},
   };
   const auto answer = answers.find(request.target);
-  return {.bytes = answer != answers.end() ? answer->second
-                                           : HttpAnswer(200, request.head + "\r\n" + request.body)};
+  return answer != answers.end() ? answer->second
+                                 : HttpAnswer(200, request.head + "\r\n" + request.body);
 }
 
 std::string BodyOf(const _CURLRTN& result) {
@@ -51,26 +51,35 @@ size_t Feed(char* data, size_t, size_t, void* text) {
   return bytes;
 }
 
-// The server answers with the request as it arrived where Answer says nothing else.
+auto IsMessage(const std::string& first_line, const std::string& body) {
+  return AllOf(StartsWith(first_line + "\r\n"), EndsWith("\r\n\r\n" + body));
+}
+
+auto IsRequest(const std::string& method_and_target, const std::string& body) {
+  return IsMessage(method_and_target + " HTTP/1.1", body);
+}
+
 class HttpHelperTest : public testing::Test {
  protected:
   HttpHelperTest() { logger = &log; }
   ~HttpHelperTest() override { logger = nullptr; }
 
+  _CURLRTN Get() { return request.PerformGet(nullptr, nullptr); }
+
   ScriptedServer server{Answer};
   RecordingLog log;
+  CURLLogger request;
 };
 
 TEST_F(HttpHelperTest, ParametersFollowTheUrlEncodedAndHeadersAreSent) {
-  CURLImpl request;
   request.SetURL(server.Url("/path"));
   request.AddQuery("a", "x y&z");
   request.AddQuery("b", 1);
   request.AddQuery("b", 2);
   request.AddHeader("X-Number", 7);
-  const std::string fresh = BodyOf(request.PerformGet(nullptr, nullptr));
-  EXPECT_THAT(fresh, AnyOf(StartsWith("GET /path?a=x%20y%26z&b=2 HTTP/1.1\r\n"),
-                           StartsWith("GET /path?b=2&a=x%20y%26z HTTP/1.1\r\n")));
+  const std::string fresh = BodyOf(Get());
+  EXPECT_THAT(fresh, AnyOf(IsRequest("GET /path?a=x%20y%26z&b=2", ""),
+                           IsRequest("GET /path?b=2&a=x%20y%26z", "")));
   EXPECT_THAT(fresh, HasSubstr("X-Number: 7\r\n"));
   EXPECT_THAT(fresh, HasSubstr("User-Agent: Velmora(gzip)\r\n"));
 
@@ -78,72 +87,65 @@ TEST_F(HttpHelperTest, ParametersFollowTheUrlEncodedAndHeadersAreSent) {
   request.SetURL(server.Url("/path?has=one"));
   request.AddQuery("a", "1");
   request.SetRequest("PROPFIND");
-  const std::string second = BodyOf(request.PerformGet(nullptr, nullptr));
-  EXPECT_THAT(second, StartsWith("PROPFIND /path?has=one&a=1 HTTP/1.1\r\n"));
+  const std::string second = BodyOf(Get());
+  EXPECT_THAT(second, IsRequest("PROPFIND /path?has=one&a=1", ""));
   EXPECT_THAT(second, Not(HasSubstr("X-Number")));
 }
 
 TEST_F(HttpHelperTest, PostsCarryTextParametersOrWhatIsReadAndLeaveNothingBehind) {
-  CURLImpl request;
   request.SetURL(server.Url("/target"));
   request.AddQuery("name", "a value");
   const std::string parameters = BodyOf(request.PerformPost(nullptr, nullptr, -1));
-  EXPECT_THAT(parameters, StartsWith("POST /target HTTP/1.1\r\n"));
-  EXPECT_THAT(parameters, EndsWith("\r\n\r\nname=a%20value"));
+  EXPECT_THAT(parameters, IsRequest("POST /target", "name=a%20value"));
 
   request.SetRequest("PUT");
   const _CURLRTN text = request.PerformPost("exactly this");
-  EXPECT_THAT(BodyOf(text), StartsWith("PUT /target?name=a%20value HTTP/1.1\r\n"));
-  EXPECT_THAT(BodyOf(text), EndsWith("\r\n\r\nexactly this"));
+  EXPECT_THAT(BodyOf(text), IsRequest("PUT /target?name=a%20value", "exactly this"));
   const std::string header = text.header.get();
-  EXPECT_THAT(header, StartsWith("HTTP/1.1 200 As Scripted\r\n"));
-  EXPECT_THAT(header, EndsWith("\r\n\r\n"));
+  EXPECT_THAT(header, IsMessage("HTTP/1.1 200 As Scripted", ""));
   EXPECT_EQ(header.size(), text.header_length);
 
   request.SetRequest("");
   request.GetQuery().clear();
-  const _CURLRTN get = request.PerformGet(nullptr, nullptr);
-  EXPECT_THAT(BodyOf(get), StartsWith("GET /target HTTP/1.1\r\n"));
+  const _CURLRTN get = Get();
+  EXPECT_THAT(BodyOf(get), IsRequest("GET /target", ""));
   EXPECT_EQ(get.header_length, 0U);
   std::string content = "own";
   const _CURLRTN post = request.PerformPost(reinterpret_cast<void*>(Feed), &content, 3);
-  EXPECT_THAT(BodyOf(post), EndsWith("\r\n\r\nown"));
+  EXPECT_THAT(BodyOf(post), IsRequest("POST /target", "own"));
   EXPECT_EQ(BodyOf(request.PerformPost(nullptr, nullptr, 100)).back(), '\n') << "an empty body";
 }
 
 TEST_F(HttpHelperTest, RedirectsEncodingsAndStatusErrorsBecomeResults) {
-  CURLImpl request;
   request.SetURL(server.Url("/redirect"));
   const _CURLRTN redirected = request.PerformPost("sent twice");
   EXPECT_EQ(redirected.response, 200);
-  EXPECT_THAT(BodyOf(redirected), StartsWith("POST /there HTTP/1.1\r\n"));
-  EXPECT_THAT(BodyOf(redirected), EndsWith("\r\n\r\nsent twice"));
+  EXPECT_THAT(BodyOf(redirected), IsRequest("POST /there", "sent twice"));
   request.SetURL(server.Url("/packed"));
-  EXPECT_EQ(BodyOf(request.PerformGet(nullptr, nullptr)), "unpacked");
+  EXPECT_EQ(BodyOf(Get()), "unpacked");
   request.SetURL(server.Url("/refused"));
-  const _CURLRTN refused = request.PerformGet(nullptr, nullptr);
+  const _CURLRTN refused = Get();
   EXPECT_EQ(refused.code, CURLE_OK);
   EXPECT_EQ(refused.response, 503);
   EXPECT_EQ(BodyOf(refused), "not now");
 }
 
 TEST_F(HttpHelperTest, FailuresTellTheirReasonAndAStalledServerIsCutOff) {
-  CURLLogger request;
   request.SetURL("http://127.0.0.1:1/");
-  const _CURLRTN refused = request.PerformGet(nullptr, nullptr);
+  const _CURLRTN refused = Get();
   EXPECT_EQ(refused.code, CURLE_COULDNT_CONNECT);
   EXPECT_THAT(refused.error, HasSubstr("127.0.0.1 port 1"));
   EXPECT_THAT(log.Text(), HasSubstr("Download 0b/s : http://127.0.0.1:1/(0 bytes)\n"));
 
   request.SetURL(server.Url("/stall"));
   request.SetLowSpeedTimeout(1);
-  const _CURLRTN stalled = request.PerformGet(nullptr, nullptr);
+  const _CURLRTN stalled = Get();
   EXPECT_EQ(stalled.code, CURLE_OPERATION_TIMEDOUT);
   EXPECT_EQ(stalled.response, 0);
   EXPECT_EQ(stalled.body, nullptr);
 
   request.SetURL(server.Url());
-  EXPECT_EQ(request.PerformGet(nullptr, nullptr).error, "");
+  EXPECT_EQ(Get().error, "");
 }
 
 TEST_F(HttpHelperTest, UploadsReportProgressAndClearEndsFormLimitsAndReports) {
@@ -152,7 +154,6 @@ TEST_F(HttpHelperTest, UploadsReportProgressAndClearEndsFormLimitsAndReports) {
   const auto note = [](long long total, long long sent, void* context, double) {
     *static_cast<Seen*>(context) = {total, sent};
   };
-  CURLImpl request;
   request.SetURL(server.Url());
   request.BindHandle(
       std::make_shared<_FS_HANDLE>(_FS_HANDLE{.upload_progress = note, .upload_context = &seen}));
@@ -202,13 +203,13 @@ TEST_F(HttpHelperTest, SigningTwiceLeavesOneHeaderWithTheLatestToken) {
   CURLAuth auth(tokens);
   auth.AddAuth("key", "1");
   auth.AddAuth("key", "2");
-  const auto request = std::make_shared<CURLImpl>();
-  request->SetURL(server.Url());
-  auth.SignAuthentication(*request);
+  const auto shared = std::make_shared<CURLImpl>();
+  shared->SetURL(server.Url());
+  auth.SignAuthentication(*shared);
   auth.RefreshAuth();
-  auth.SignAuthentication(request);
-  const std::string signed_twice = BodyOf(request->PerformGet(nullptr, nullptr));
-  EXPECT_THAT(signed_twice, StartsWith("GET /?key=2 HTTP/1.1\r\n"));
+  auth.SignAuthentication(shared);
+  const std::string signed_twice = BodyOf(shared->PerformGet(nullptr, nullptr));
+  EXPECT_THAT(signed_twice, IsRequest("GET /?key=2", ""));
   EXPECT_THAT(signed_twice, HasSubstr("Authorization: Bearer refreshed\r\n"));
   EXPECT_EQ(signed_twice.find("Authorization:"), signed_twice.rfind("Authorization:"));
 
@@ -219,17 +220,16 @@ TEST_F(HttpHelperTest, SigningTwiceLeavesOneHeaderWithTheLatestToken) {
 }
 
 TEST_F(HttpHelperTest, TheTraceFollowsTheLogLevelAndShowsNoPasswords) {
-  CURLLogger request;
   request.SetURL(server.Url("/twenty"));
   request.AddQuery("q", "a b");
   log.SetLevel(LOGLEVEL_ERROR | LOGLEVEL_ALL);
-  (void)request.PerformGet(nullptr, nullptr);
+  (void)Get();
   EXPECT_THAT(log.Text(), Not(HasSubstr("[HEADER")));
   EXPECT_EQ(request.GetLastURL(), server.Url("/twenty?q=a b"));
 
   log.SetLevel(LOGLEVEL_DEBUG | LOGLEVEL_ALL);
   request.GetQuery().clear();
-  (void)request.PerformGet(nullptr, nullptr);
+  (void)Get();
   EXPECT_THAT(log.Text(), HasSubstr("[HEADER   <<] GET /twenty HTTP/1.1\r\n"));
   EXPECT_THAT(log.Text(), HasSubstr("[HEADER   >>] HTTP/1.1 200 As Scripted\r\n"));
   EXPECT_THAT(log.Text(), Not(HasSubstr("[HEADER   >>] \r")));

@@ -21,25 +21,20 @@ constexpr std::pair<const char*, time_t> kZones[] = {
     {"IST-5:30", 5 * kHour + kHour / 2},
 };
 
-// The process's time zone while it lives.
-class ScopedZone {
- public:
-  explicit ScopedZone(const char* rule) { Set(rule); }
-  ~ScopedZone() { Set("UTC0"); }
-  ScopedZone(const ScopedZone&) = delete;
-  ScopedZone& operator=(const ScopedZone&) = delete;
+void SetZone(const char* rule) {
+  ::setenv("TZ", rule, 1);
+  ::tzset();
+}
 
- private:
-  static void Set(const char* rule) {
-    ::setenv("TZ", rule, 1);
-    ::tzset();
-  }
+class Rfc3339Test : public testing::Test {
+ protected:
+  ~Rfc3339Test() override { SetZone("UTC0"); }
 };
 
-TEST(Rfc3339Test, TextsAndTimesConvertInEveryZone) {
+TEST_F(Rfc3339Test, TextsAndTimesConvertInEveryZone) {
   tm local{};
   for (const auto& [zone, offset] : kZones) {
-    const ScopedZone set(zone);
+    SetZone(zone);
     EXPECT_EQ(RFC3339ToTM(kText), kTime - offset) << zone;
     EXPECT_EQ(RFC3339ToLocalTM(kText), kTime) << zone;
     EXPECT_EQ(RFC3339ToLocalTM("1970-01-01"), 0) << zone;
@@ -54,8 +49,8 @@ TEST(Rfc3339Test, TextsAndTimesConvertInEveryZone) {
 }
 
 // Not what comes out counts, but that nothing overflows: sanitizers watch.
-TEST(Rfc3339Test, TimesBeyondTheCalendarAreHarmless) {
-  const ScopedZone set("EST5EDT,M3.2.0,M11.1.0");
+TEST_F(Rfc3339Test, TimesBeyondTheCalendarAreHarmless) {
+  SetZone("EST5EDT,M3.2.0,M11.1.0");
   for (const time_t time : {time_t{INT64_MAX}, time_t{INT64_MIN}}) {
     EXPECT_EQ(TimeToUTCRFC3339(time), "");
     (void)AdjustOffsetForServerTime(time);

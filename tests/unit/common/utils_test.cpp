@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
+#include <tuple>
 #include <vector>
 
 #include "common/posix.h"
@@ -63,13 +64,8 @@ TEST(TextTest, TextIsSplitReplacedAndFormattedAtAnyLength) {
   EXPECT_EQ(string_format("%lc", wint_t{0xFFFFFFF0}), "");  // no such character
 }
 
-struct NameCase {
-  const char* pattern;
-  Pieces matching;
-  Pieces others;
-};
-
-const NameCase kNameCases[] = {
+// Pattern, names that match, names that do not.
+const std::tuple<const char*, Pieces, Pieces> kNameCases[] = {
     {"", {""}, {"a"}},
     {"abc", {"abc"}, {"", "ab", "abcd", "ABC"}},
     {"**", {"", "a.b"}, {}},
@@ -92,14 +88,14 @@ const NameCase kNameCases[] = {
 TEST(WildcardTest, WideAndByteFormAgreeOnEveryRule) {
   const auto expect = [](const char* pattern, const Pieces& names, bool matches) {
     for (const std::string& name : names) {
-      EXPECT_EQ(IsNameInExpressionA(pattern, name.c_str(), false), matches) << pattern << name;
-      EXPECT_EQ(IsNameInExpression(s2ws(pattern).c_str(), s2ws(name).c_str(), false), matches)
-          << pattern << name;
+      SCOPED_TRACE(pattern + (" and " + name));
+      EXPECT_EQ(IsNameInExpressionA(pattern, name.c_str(), false), matches);
+      EXPECT_EQ(IsNameInExpression(s2ws(pattern).c_str(), s2ws(name).c_str(), false), matches);
     }
   };
-  for (const NameCase& test : kNameCases) {
-    expect(test.pattern, test.matching, true);
-    expect(test.pattern, test.others, false);
+  for (const auto& [pattern, matching, others] : kNameCases) {
+    expect(pattern, matching, true);
+    expect(pattern, others, false);
   }
 }
 

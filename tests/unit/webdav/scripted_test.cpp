@@ -17,7 +17,6 @@ using test::HttpAnswer;
 using test::kDavFolder;
 using test::MultistatusAnswer;
 using test::ScriptedServer;
-using test::TextSource;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -25,7 +24,12 @@ using Clock = std::chrono::steady_clock;
 using Reply = ScriptedServer::Reply;
 using Request = ScriptedServer::Request;
 
+const std::string kByte = "<D:getcontentlength>1</D:getcontentlength>";
 const std::string kRootAnswer = MultistatusAnswer(DavResponse("/", kDavFolder));
+
+std::string RedirectTo(const std::string& url, int status = 302) {
+  return HttpAnswer(status, "", "Location: " + url + "\r\n");
+}
 
 std::string FileAnswer(const std::string& href, const std::string& etag) {
   return MultistatusAnswer(
@@ -38,7 +42,7 @@ class ScriptedTest : public WebdavTest {
  protected:
   void Serve(const ScriptedServer::Script& script, const std::string& data = "") {
     server = std::make_unique<ScriptedServer>([this, script](const Request& request) {
-      return connected ? script(request) : Reply{.bytes = kRootAnswer};
+      return connected ? script(request) : Reply(kRootAnswer);
     });
     ASSERT_EQ(ConnectTo(server->Url(), data), SUCCESS) << message;
     connected = true;
@@ -55,9 +59,9 @@ class ScriptedTest : public WebdavTest {
 TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
   Serve([](const Request& request) {
     if (request.method == "HEAD") {
-      return Reply{.bytes =
-                       "HTTP/1.1 200 OK\r\nContent-Length: 77\r\n"
-                       "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n\r\n"};
+      return std::string(
+          "HTTP/1.1 200 OK\r\nContent-Length: 77\r\n"
+          "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n\r\n");
     }
     std::string responses =
         DavResponse("/dir%20one/", kDavFolder) + DavResponse("/dir one", kDavFolder) +
@@ -65,17 +69,16 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
         DavResponse("http://10.0.0.1/dir%20one/caf%c3%a9/", kDavFolder) +
         DavResponse("/dir%20one/no-size", "<D:getetag>W/\"weak\"</D:getetag>") +
         DavResponse("/dir%20one/lines",
-                    "<D:getcontentlength>1</D:getcontentlength>"
-                    "<D:getetag>\"a&#13;&#10;Overwrite: T\"</D:getetag>");
+                    kByte + "<D:getetag>\"a&#13;&#10;Overwrite: T\"</D:getetag>");
     for (const char* href :
          {"relative", "/dir one/raw#name?", "100%", "a:b", "//host/dir%20one/a%23b%3fc",
           "/dir%20one/%FF%FE", "/dir%20one/caf%2F", "/dir%20one/a/b", "/dir%20one/x/../../../etc",
           "/dir%20one/a%00b", "/somewhere/else"}) {
-      responses += DavResponse(href, "<D:getcontentlength>1</D:getcontentlength>");
+      responses += DavResponse(href, kByte);
     }
-    return Reply{.bytes = MultistatusAnswer(responses +
-                                            "<D:response><D:href>/dir%20one/forbidden</D:href>"
-                                            "<D:status>HTTP/1.1 403 No</D:status></D:response>")};
+    return MultistatusAnswer(responses +
+                             "<D:response><D:href>/dir%20one/forbidden</D:href>"
+                             "<D:status>HTTP/1.1 403 No</D:status></D:response>");
   });
   const auto entries = List("/dir one");
   EXPECT_THAT(Names("/dir one"), ElementsAre("100%", "a#b?c", "a:b", "caf\u00e9", "lines",
@@ -103,31 +106,29 @@ TEST_F(ScriptedTest, SizesThatListingsLackAreFoundOutAndNeverMadeUp) {
       {"chunks", {head, head + "5\r\nabcde\r\n3\r\nabc\r\n0\r\n\r\n"}},
       {"empty", {head, HttpAnswer(416, "", "Content-Range: bytes */0\r\n")}},
       {"none", {head, HttpAnswer(206, "x", "Content-Range: bytes 0-0/*\r\n")}},
-      {"login", {HttpAnswer(302, "", "Location: /\r\n"), HttpAnswer(302, "", "Location: /\r\n")}},
+      {"login", {RedirectTo("/"), RedirectTo("/")}},
       {"hidden", {hidden, hidden}},
   };
   Serve([&](const Request& request) {
     const std::string name = request.target.substr(1);
     if (request.method != "PROPFIND") {
-      return Reply{.bytes = name.empty()              ? HttpAnswer(200, "log in")
-                            : request.method == "GET" ? files.at(name).part
-                                                      : files.at(name).head};
+      return name.empty()              ? HttpAnswer(200, "log in")
+             : request.method == "GET" ? files.at(name).part
+                                       : files.at(name).head;
     }
     std::string responses = DavResponse("/", name.empty() ? kDavFolder : "");
     for (const auto& [file, answers] : files) {
       responses += name.empty() || name == file ? DavResponse("/" + file, "<D:getetag/>") : "";
     }
-    return Reply{.bytes = MultistatusAnswer(responses)};
+    return MultistatusAnswer(responses);
   });
-  const auto entries = List("/");
-  EXPECT_THAT(Names("/"), ElementsAre("chunks", "empty", "head", "range", "whole"));
-  EXPECT_EQ(entries.at("head").size, 77U);
-  EXPECT_EQ(entries.at("range").size, 78U);
-  EXPECT_EQ(entries.at("whole").size, 79U);
-  EXPECT_EQ(entries.at("chunks").size, 8U);
-  EXPECT_EQ(entries.at("empty").size, 0U);
+  std::map<std::string, unsigned long long> sizes;
+  for (const auto& [name, entry] : List("/")) {
+    sizes[name] = entry.size;
+  }
+  EXPECT_EQ(sizes, (std::map<std::string, unsigned long long>{
+                       {"head", 77}, {"range", 78}, {"whole", 79}, {"chunks", 8}, {"empty", 0}}));
   EXPECT_THAT(log.Text(), HasSubstr("left out: hidden"));
-  FS_INFO info{};
   EXPECT_EQ(protocol->GetInfo("/chunks", &info), SUCCESS);
   EXPECT_EQ(protocol->GetInfo("/hidden", &info), ACCESS_DENIED);
   EXPECT_EQ(protocol->GetInfo("/none", &info), FAILED);
@@ -135,35 +136,26 @@ TEST_F(ScriptedTest, SizesThatListingsLackAreFoundOutAndNeverMadeUp) {
 }
 
 TEST_F(ScriptedTest, AFolderOfWhatListingsLeaveOutIsNotDeletedAndAChangeIsNotLedElsewhere) {
-  std::atomic<int> deleted{0};
   Serve([&](const Request& request) {
     if (request.method == "DELETE") {
-      ++deleted;
-      return Reply{.bytes =
-                       "HTTP/1.1 303 See Other\r\nLocation: /login\r\n"
-                       "Content-Length: 0\r\n\r\n"};
+      return RedirectTo("/login", 303);
     }
-    return Reply{.bytes = MultistatusAnswer(
-                     DavResponse("/d/", kDavFolder) +
-                     DavResponse("/d/%FF%FE", "<D:getcontentlength>1</D:getcontentlength>"))};
+    return MultistatusAnswer(DavResponse("/d/", kDavFolder) + DavResponse("/d/%FF%FE", kByte));
   });
   EXPECT_THAT(Names("/d"), ElementsAre());
   EXPECT_EQ(protocol->DeleteFolder("/d"), DIR_NOT_EMPTY);
-  EXPECT_EQ(deleted, 0);
+  EXPECT_EQ(server->Count("DELETE"), 0);
   EXPECT_NE(protocol->DeleteFile("/f"), SUCCESS);
-  EXPECT_EQ(deleted, 1);
+  EXPECT_EQ(server->Count("DELETE"), 1);
 }
 
 TEST_F(ScriptedTest, RedirectsAreFollowedAndTheDriveMovesToAnAddressOnTheSameHost) {
   ScriptedServer target([](const Request& request) {
-    return Reply{.bytes = request.method == "PROPFIND"
-                              ? MultistatusAnswer(DavResponse("/new/", kDavFolder))
-                              : HttpAnswer(201)};
+    return request.method == "PROPFIND" ? MultistatusAnswer(DavResponse("/new/", kDavFolder))
+                                        : HttpAnswer(201);
   });
   ScriptedServer entrance([&](const Request& request) {
-    return Reply{
-        .bytes = HttpAnswer(301, "",
-                            "Location: " + target.Url("/new") + request.target.substr(4) + "\r\n")};
+    return RedirectTo(target.Url("/new") + request.target.substr(4), 301);
   });
   ASSERT_EQ(ConnectTo(entrance.Url("/old")), SUCCESS) << message;
   EXPECT_EQ(Put("/file", "abc"), SUCCESS);
@@ -173,16 +165,13 @@ TEST_F(ScriptedTest, RedirectsAreFollowedAndTheDriveMovesToAnAddressOnTheSameHos
 }
 
 TEST_F(ScriptedTest, TokensAreShownToTheServerAndToNobodyElse) {
-  ScriptedServer stranger([](const Request&) { return Reply{.bytes = HttpAnswer(200, "abc")}; });
+  ScriptedServer stranger([](const Request&) { return HttpAnswer(200, "abc"); });
   Serve(
       [&](const Request& request) {
-        return Reply{.bytes =
-                         request.method == "GET"
-                             ? HttpAnswer(302, "", "Location: " + stranger.Url() + "?sig=q\r\n")
-                             : FileAnswer("/file", "\"1\"")};
+        return request.method == "GET" ? RedirectTo(stranger.Url() + "?sig=q")
+                                       : FileAnswer("/file", "\"1\"");
       },
       R"(,"token":"top-secret")");
-  std::string content;
   EXPECT_EQ(Get("/file", content), SUCCESS);
   EXPECT_EQ(content, "abc");
   EXPECT_EQ(server->Requests().front().Header("Authorization"), "Bearer top-secret");
@@ -194,19 +183,17 @@ TEST_F(ScriptedTest, TokensAreShownToTheServerAndToNobodyElse) {
 
 TEST_F(ScriptedTest, ServersWithoutRangesAndWithWrongOnesAreNoticed) {
   std::string answer = HttpAnswer(200, "0123456789");
-  Serve([&](const Request&) { return Reply{.bytes = answer}; });
+  Serve([&](const Request&) { return answer; });
   char part[4] = {};
   unsigned long long received = 0;
-  EXPECT_EQ(protocol->Read("/f", 3, part, 4, &received), SUCCESS);
-  EXPECT_EQ(std::string(part, received), "3456");
-  EXPECT_EQ(protocol->Read("/f", 8, part, 4, &received), SUCCESS);
-  EXPECT_EQ(std::string(part, received), "89");
-  EXPECT_EQ(protocol->Read("/f", 20, part, 4, &received), SUCCESS);
-  EXPECT_EQ(received, 0U);
-  answer = HttpAnswer(206, "3456", "Content-Range: bytes 5-8/10\r\n");
-  EXPECT_EQ(protocol->Read("/f", 3, part, 4, &received), FILE_READ_FAILED);
+  for (const auto& [from, expected] :
+       std::map<unsigned long long, std::string>{{3, "3456"}, {8, "89"}, {20, ""}}) {
+    EXPECT_EQ(protocol->Read("/f", from, part, 4, &received), SUCCESS);
+    EXPECT_EQ(std::string(part, received), expected);
+  }
   for (const std::string& wrong :
        {HttpAnswer(206, "3456"), HttpAnswer(206, ""), HttpAnswer(204), HttpAnswer(202, "wait"),
+        HttpAnswer(206, "3456", "Content-Range: bytes 5-8/10\r\n"),
         HttpAnswer(206, "", "Content-Range: bytes 3-2/10\r\n"),
         HttpAnswer(416, "", "Content-Range: bytes */10\r\n")}) {
     answer = wrong;
@@ -224,9 +211,8 @@ TEST_F(ScriptedTest, TheRestOfAShortPartIsAskedForAndIsOfTheSameFile) {
     const std::string range = "Content-Range: bytes " + std::to_string(from) + "-" +
                               std::to_string(from + piece.size() - 1) + "/" + size + "\r\n";
     const std::string tag = "ETag: \"" + std::to_string(changes ? from : 0) + "\"\r\n";
-    return Reply{.bytes = piece.empty() ? HttpAnswer(416) : HttpAnswer(206, piece, range + tag)};
+    return piece.empty() ? HttpAnswer(416) : HttpAnswer(206, piece, range + tag);
   });
-  std::string content;
   EXPECT_EQ(Get("/f", content), SUCCESS);
   EXPECT_EQ(content, "0123456789");
   EXPECT_EQ(server->Count("GET"), 4);
@@ -243,19 +229,14 @@ TEST_F(ScriptedTest, APageInAFilesPlaceIsNotTakenForTheFile) {
   std::string second;  // answer for where that leads
   Serve([&](const Request& request) {
     const std::string& bytes = request.target == "/f" ? first : second;
-    return request.method == "PROPFIND"
-               ? Reply{.bytes = FileAnswer("/f", "\"1\"")}  // of 3 bytes
-               : Reply{.bytes = bytes, .closes = bytes.find("close") != std::string::npos};
+    return request.method == "PROPFIND" ? FileAnswer("/f", "\"1\"")  // of 3 bytes
+                                        : Reply(bytes, bytes.find("close") != std::string::npos);
   });
   const std::string page = "Content-Type: text/html\r\n";
-  const std::string login = HttpAnswer(302, "", "Location: /login\r\n");
-  const std::string same = HttpAnswer(301, "", "Location: /f/\r\n");
-  struct Case {
-    std::string first;
-    std::string second;
-    bool is_file;
-  };
-  for (const Case& each : {
+  const std::string login = RedirectTo("/login");
+  const std::string same = RedirectTo("/f/", 301);
+  using Case = std::tuple<std::string, std::string, bool>;
+  for (const auto& [at_file, at_target, is_file] : {
            Case{HttpAnswer(200, "log in", page), "", false},
            Case{HttpAnswer(200, "<a>", page), "", true},  // a page that is the file
            Case{login, HttpAnswer(200, "log in", page), false},
@@ -265,22 +246,22 @@ TEST_F(ScriptedTest, APageInAFilesPlaceIsNotTakenForTheFile) {
            Case{login, HttpAnswer(200, "abcdef", "ETag: \"1\"\r\n"), true},
            Case{same, HttpAnswer(200, "abcdef"), true},
        }) {
-    first = each.first;
-    second = each.second;
-    std::string content;
-    const AERROR expected = each.is_file ? SUCCESS : FILE_READ_FAILED;
-    EXPECT_EQ(Get("/f", content), expected) << first << second;
-    EXPECT_EQ(content.empty(), !each.is_file) << first << second;
-    if (!each.is_file) {
-      EXPECT_EQ(Get("/f", content, "\"1\""), FILE_READ_FAILED) << first << second;
-    }
+    first = at_file;
+    second = at_target;
+    const AERROR expected = is_file ? SUCCESS : FILE_READ_FAILED;
+    SCOPED_TRACE(first + second);
+    EXPECT_EQ(Get("/f", content), expected);
+    EXPECT_EQ(content.empty(), !is_file);
+    EXPECT_TRUE(is_file || Get("/f", content, "\"1\"") == FILE_READ_FAILED);
   }
 }
 
 TEST_F(ScriptedTest, AVersionIsReadOrNothing) {
   const std::string range = "Content-Range: bytes 0-2/3\r\n";
   const std::string time = "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n";
-  const std::string made_up = "~784111777-3";
+  const std::string longer = "Content-Range: bytes 0-2/4\r\n" + time;
+  const std::string unknown = "Content-Range: bytes 0-2/*\r\n" + time;
+  const char* const made_up = "~784111777-3";
   struct Case {
     const char* version;
     std::string headers;  // of the file
@@ -290,11 +271,10 @@ TEST_F(ScriptedTest, AVersionIsReadOrNothing) {
   };
   Case now{};
   Serve([&](const Request& request) {
-    return Reply{.bytes =
-                     request.method == "PROPFIND"
-                         ? FileAnswer("/f", now.listed)
-                         : HttpAnswer(now.headers.find("bytes") == std::string::npos ? 200 : 206,
-                                      "abc", now.headers)};
+    return request.method == "PROPFIND"
+               ? FileAnswer("/f", now.listed)
+               : HttpAnswer(now.headers.find("bytes") == std::string::npos ? 200 : 206, "abc",
+                            now.headers);
   });
   for (const Case& each : {
            Case{"\"1\"", range + "ETag: \"1\"\r\n", "\"2\"", SUCCESS, 0},
@@ -304,41 +284,36 @@ TEST_F(ScriptedTest, AVersionIsReadOrNothing) {
            Case{"\"1\"", range + "ETag: \"1-gzip\"\r\n", "\"1\"", SUCCESS, 1},
            Case{"\"1\"", range + time, "\"1\"", SUCCESS, 1},
            Case{"\"1\"", range + time, "\"2\"", SHARING_VIOLATION, 1},
-           Case{made_up.c_str(), range + time, "\"2\"", SUCCESS, 0},
-           Case{made_up.c_str(), time, "\"2\"", SUCCESS, 0},
-           Case{made_up.c_str(), "Content-Range: bytes 0-2/4\r\n" + time, "\"2\"",
-                SHARING_VIOLATION, 1},
-           Case{made_up.c_str(), "Content-Range: bytes 0-2/*\r\n" + time, "\"2\"",
-                SHARING_VIOLATION, 1},
+           Case{made_up, range + time, "\"2\"", SUCCESS, 0},
+           Case{made_up, time, "\"2\"", SUCCESS, 0},
+           Case{made_up, longer, "\"2\"", SHARING_VIOLATION, 1},
+           Case{made_up, unknown, "\"2\"", SHARING_VIOLATION, 1},
        }) {
     now = each;
     const int questions = server->Count("PROPFIND");
-    std::string content;
-    EXPECT_EQ(Get("/f", content, now.version), now.result) << now.version << now.headers;
-    EXPECT_EQ(content, now.result == SUCCESS ? "abc" : "") << now.version << now.headers;
-    EXPECT_EQ(server->Count("PROPFIND") - questions, now.questions) << now.version << now.headers;
+    SCOPED_TRACE(now.version + now.headers);
+    EXPECT_EQ(Get("/f", content, now.version), now.result);
+    EXPECT_EQ(content, now.result == SUCCESS ? "abc" : "");
+    EXPECT_EQ(server->Count("PROPFIND") - questions, now.questions);
   }
 }
 
 TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMoreAndNoUploadIsSentAgain) {
   std::atomic<int> calls{0};
-  Serve([&](const Request& request) {
+  Serve([&](const Request& request) -> Reply {
     const bool is_first = calls++ == 0;
     if (request.method == "PUT") {
-      return Reply{.bytes = "", .closes = true};  // after the whole content, without an answer
+      return Reply("", true);  // after the whole content, without an answer
     }
     if (request.target == "/cut") {
       const std::string answer = HttpAnswer(206, "abcd", "Content-Range: bytes 0-3/4\r\n");
-      return Reply{.bytes = answer.substr(0, answer.size() - (is_first ? 2 : 0)),
-                   .closes = is_first};
+      return Reply(answer.substr(0, answer.size() - (is_first ? 2 : 0)), is_first);
     }
     const bool is_busy = is_first || request.target == "/down";
-    return Reply{.bytes = is_busy ? HttpAnswer(503) : FileAnswer("/busy", "\"1\"")};
+    return is_busy ? HttpAnswer(503) : FileAnswer("/busy", "\"1\"");
   });
-  std::string content;
   EXPECT_EQ(Get("/cut", content), SUCCESS);
   EXPECT_EQ(content, "abcd");
-  FS_INFO info{};
   calls = 0;
   EXPECT_EQ(protocol->GetInfo("/busy", &info), SUCCESS);
   calls = 0;
@@ -350,10 +325,8 @@ TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMoreAndNoUploadIsSentAgain) {
 
 TEST_F(ScriptedTest, AConnectionThatTheServerClosedIsReplaced) {
   Serve([&](const Request& request) {
-    return Reply{.bytes = request.method == "PUT" ? HttpAnswer(201) : FileAnswer("/f", "\"1\""),
-                 .closes = true};
+    return Reply(request.method == "PUT" ? HttpAnswer(201) : FileAnswer("/f", "\"1\""), true);
   });
-  FS_INFO info{};
   for (int i = 0; i < 10; ++i) {  // the end may or may not have been noticed before
     EXPECT_EQ(protocol->GetInfo("/f", &info), SUCCESS);
   }
@@ -371,24 +344,16 @@ TEST_F(ScriptedTest, OnlyWhatSaysThatAChangeIsMadeCountsAndRefusalsAreLogged) {
   std::atomic<int> status{0};
   Serve([&](const Request& request) {
     const bool asks = request.method == "PROPFIND" && request.target == "/";
-    return Reply{.bytes =
-                     asks ? kRootAnswer
-                          : HttpAnswer(status, "<html><h1>The disk</h1> is <b>full</b></html>")};
+    return asks ? kRootAnswer : HttpAnswer(status, "<html><h1>The disk</h1> is <b>full</b></html>");
   });
-  for (const auto& [answered, expected] : std::map<int, AERROR>{
-           {200, SUCCESS},
-           {201, SUCCESS},
-           {202, FILE_WRITE_FAILED},
-           {204, SUCCESS},
-           {207, FILE_WRITE_FAILED},
-           {303, FILE_WRITE_FAILED},
-           {403, ACCESS_DENIED},
-           {405, FILE_WRITE_FAILED},
-           {413, FILE_WRITE_FAILED},
-           {423, SHARING_VIOLATION},
-           {501, FILE_WRITE_FAILED},
-           {507, FILE_WRITE_FAILED},
-       }) {
+  const std::map<int, AERROR> results = {{200, SUCCESS},
+                                         {201, SUCCESS},
+                                         {204, SUCCESS},
+                                         {403, ACCESS_DENIED},
+                                         {423, SHARING_VIOLATION}};
+  for (const int answered : {200, 201, 202, 204, 207, 303, 403, 405, 413, 423, 501, 507}) {
+    const auto found = results.find(answered);
+    const AERROR expected = found == results.end() ? FILE_WRITE_FAILED : found->second;
     status = answered;
     EXPECT_EQ(Put("/f", "x"), expected) << answered;
     EXPECT_EQ(protocol->DeleteFile("/f"), expected) << answered;
@@ -404,11 +369,10 @@ TEST_F(ScriptedTest, ALoginThatTheServerRepeatsIsToldToNobody) {
   ScriptedServer echo([&](const Request& request) {
     const std::string sent = request.Header("Authorization");
     const std::string said = sent + (sent.starts_with("Basic") ? " open sesame" : "");
-    return Reply{.bytes = sent.empty()
-                              ? HttpAnswer(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n")
-                              : "HTTP/1.1 500 No " + said + "\r\nX-Sent: " + said +
-                                    "\r\nContent-Length: 60\r\n\r\n" +
-                                    (said + std::string(60, ' ')).substr(0, 60)};
+    const std::string body = (said + std::string(60, ' ')).substr(0, 60);
+    return sent.empty() ? HttpAnswer(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n")
+                        : "HTTP/1.1 500 No " + said + "\r\nX-Sent: " + said +
+                              "\r\nContent-Length: 60\r\n\r\n" + body;
   });
   for (const char* login :
        {R"(,"token":"top-secret")", R"(,"user":"bob","password":"open sesame")"}) {
@@ -426,10 +390,10 @@ TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
   std::string etag = "W/\"1\"";  // a server that compares weak tags refuses even its own
   Serve([&](const Request& request) {
     if (request.method != "PUT") {
-      return Reply{.bytes = FileAnswer("/f", etag)};
+      return FileAnswer("/f", etag);
     }
     const bool holds = request.Header("If-Match").empty() && request.Header("If") == "([\"1\"])";
-    return Reply{.bytes = HttpAnswer(holds ? 204 : 412)};
+    return HttpAnswer(holds ? 204 : 412);
   });
   EXPECT_EQ(Put("/f", "abc", "\"1\""), SUCCESS);
   EXPECT_EQ(server->Requests().back().body, "abc");
@@ -440,40 +404,39 @@ TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
 
 // A server with one folder that heeds the conditions of uploads or not.
 struct Shelf {
-  bool heeds_match = true;
-  bool heeds_none_match = true;
-  int gone = 412;  // what it says to If-Match where nothing is
+  bool heeds_match;
+  bool heeds_none_match;
+  int gone;  // what it says to If-Match where nothing is
   std::map<std::string, std::string> etags{};
 
-  Reply Answer(const Request& request) {
+  std::string Answer(const Request& request) {
     const auto found = etags.find(request.target);
     if (request.method == "PROPFIND") {
-      return {.bytes = request.target == "/"  ? kRootAnswer
-                       : found == etags.end() ? HttpAnswer(404)
-                                              : FileAnswer(request.target, found->second)};
+      return request.target == "/"  ? kRootAnswer
+             : found == etags.end() ? HttpAnswer(404)
+                                    : FileAnswer(request.target, found->second);
     }
     const std::string match = request.Header("If-Match");
     if (heeds_match && !match.empty() && (found == etags.end() || found->second != match)) {
-      return {.bytes = HttpAnswer(found == etags.end() ? gone : 412)};
+      return HttpAnswer(found == etags.end() ? gone : 412);
     }
     if (heeds_none_match && !request.Header("If-None-Match").empty() && found != etags.end()) {
-      return {.bytes = HttpAnswer(412)};
+      return HttpAnswer(412);
     }
     const std::string etag = "\"" + std::to_string(++stored) + "\"";
     etags[request.target] = etag;
-    return {.bytes = HttpAnswer(201, "", "ETag: " + etag + "\r\n")};
+    return HttpAnswer(201, "", "ETag: " + etag + "\r\n");
   }
 
   int stored = 0;
 };
 
 TEST_F(ScriptedTest, NobodyElsesFileIsReplacedWhateverConditionsTheServerHeeds) {
-  for (const auto& [heeds_match, heeds_none_match, gone] : {std::tuple{true, true, 412},
-                                                            {true, true, 404},
-                                                            {true, false, 404},
-                                                            {false, true, 412},
-                                                            {false, false, 412}}) {
-    Shelf shelf{.heeds_match = heeds_match, .heeds_none_match = heeds_none_match, .gone = gone};
+  for (Shelf shelf : {Shelf{true, true, 412},
+                      {true, true, 404},
+                      {true, false, 404},
+                      {false, true, 412},
+                      {false, false, 412}}) {
     connected = false;
     Serve([&](const Request& request) { return shelf.Answer(request); });
     std::string version;
@@ -484,14 +447,14 @@ TEST_F(ScriptedTest, NobodyElsesFileIsReplacedWhateverConditionsTheServerHeeds) 
       EXPECT_EQ(version, shelf.etags[path]);
       EXPECT_EQ(Put(path, "mine", ""), SHARING_VIOLATION);
       EXPECT_EQ(Put(path, "mine", "\"0\""), SHARING_VIOLATION);
-      EXPECT_EQ(version, shelf.etags[path]) << heeds_match << heeds_none_match << gone;
+      EXPECT_EQ(version, shelf.etags[path])
+          << shelf.heeds_match << shelf.heeds_none_match << shelf.gone;
       EXPECT_EQ(Put("/deleted", "mine", version.c_str()), SHARING_VIOLATION);
     }
     const int questions = server->Count("PROPFIND");
     EXPECT_EQ(Put("/d", "new", ""), SUCCESS);
     EXPECT_EQ(Put("/d", "newer", shelf.etags["/d"].c_str()), SUCCESS);
-    EXPECT_EQ(server->Count("PROPFIND") - questions,
-              (heeds_match ? 0 : 1) + (heeds_none_match ? 0 : 1));
+    EXPECT_EQ(server->Count("PROPFIND") - questions, !shelf.heeds_match + !shelf.heeds_none_match);
     EXPECT_EQ(shelf.etags.count("/deleted"), 0U);
   }
 }
@@ -499,8 +462,7 @@ TEST_F(ScriptedTest, NobodyElsesFileIsReplacedWhateverConditionsTheServerHeeds) 
 TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
   std::atomic<bool> drips{true};
   Serve([&](const Request&) {
-    return Reply{.bytes = HttpAnswer(200, std::string(1000, 'x')),
-                 .between_bytes = drips ? 1s : 0s};
+    return Reply(HttpAnswer(200, std::string(1000, 'x')), false, drips ? 1s : 0s);
   });
   std::atomic<int> started{0};
   std::atomic<int> cancelled{0};
@@ -508,8 +470,8 @@ TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
   for (int i = 0; i < 20; ++i) {  // some of them wait for a connection
     readers.emplace_back([&] {
       ++started;
-      std::string content;
-      cancelled += Get("/slow", content) == READ_CANCELED ? 1 : 0;
+      std::string own;
+      cancelled += Get("/slow", own) == READ_CANCELED ? 1 : 0;
     });
   }
   while (server->Count("GET") < 16 || started < 20) {
@@ -524,7 +486,6 @@ TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
   }
   EXPECT_LT(Clock::now() - start, 1s);
   EXPECT_GE(cancelled, 16);
-  std::string content;
   EXPECT_EQ(Get("/slow", content), SUCCESS);
   EXPECT_EQ(content.size(), 1000U);
 }
@@ -532,9 +493,8 @@ TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
 TEST_F(ScriptedTest, NothingIsAskedOverAConnectionFromBeforeACancel) {
   Serve([&](const Request&) {
     thread_local int served = 0;  // over this connection
-    return Reply{.bytes = HttpAnswer(200, std::to_string(++served))};
+    return HttpAnswer(200, std::to_string(++served));
   });
-  std::string content;
   EXPECT_EQ(Get("/file", content), SUCCESS);
   EXPECT_EQ(Get("/file", content), SUCCESS);
   EXPECT_NE(content, "1") << "kept alive";
@@ -545,8 +505,8 @@ TEST_F(ScriptedTest, NothingIsAskedOverAConnectionFromBeforeACancel) {
 
 TEST(ClientTest, AnswersThatDripAreGivenUp) {
   ScriptedServer drips([](const Request& request) {
-    return Reply{.bytes = HttpAnswer(200, std::string(1000, 'x')),
-                 .between_bytes = request.target == "/slow" ? 200ms : 5ms};
+    return Reply(HttpAnswer(200, std::string(1000, 'x')), false,
+                 request.target == "/slow" ? 200ms : 5ms);
   });
   Settings settings;
   settings.location = *Location::Parse(drips.Url(), false);
@@ -566,7 +526,7 @@ TEST(ClientTest, AnswersThatDripAreGivenUp) {
 TEST_F(ScriptedTest, AllTransfersTogetherKeepToTheSpeedLimit) {
   const std::string half = std::string(500'000, 'x');
   Serve([&](const Request& request) {
-    return Reply{.bytes = request.method == "PUT" ? HttpAnswer(201) : HttpAnswer(200, half)};
+    return request.method == "PUT" ? HttpAnswer(201) : HttpAnswer(200, half);
   });
   protocol->SetOption("speedlimit", "1000000");
   const auto start = Clock::now();
@@ -587,9 +547,8 @@ TEST_F(ScriptedTest, TheSizeIsTheOneThatWasSetElseTheServers) {
   std::string quota =
       "<D:quota-available-bytes>600</D:quota-available-bytes>"
       "<D:quota-used-bytes>400</D:quota-used-bytes>";
-  ScriptedServer with_quota([&](const Request&) {
-    return Reply{.bytes = MultistatusAnswer(DavResponse("/", kDavFolder + quota))};
-  });
+  ScriptedServer with_quota(
+      [&](const Request&) { return MultistatusAnswer(DavResponse("/", kDavFolder + quota)); });
   ASSERT_EQ(ConnectTo(with_quota.Url()), SUCCESS);
   unsigned long long total = 0;
   unsigned long long free = 0;
@@ -608,14 +567,13 @@ TEST_F(WebdavTest, AServerThatCannotBeReachedSaysWhyAndItsIdentityIsOfTheRequest
   EXPECT_THAT(message, HasSubstr("refuses connections"));
   EXPECT_EQ(ConnectTo("http://no-such-host.invalid/"), DEVICE_NOT_READY);
   EXPECT_THAT(message, HasSubstr("cannot be resolved"));
-  ScriptedServer no_dav([](const Request&) { return Reply{.bytes = HttpAnswer(200, "Welcome")}; });
+  ScriptedServer no_dav([](const Request&) { return HttpAnswer(200, "Welcome"); });
   EXPECT_EQ(ConnectTo(no_dav.Url()), FAILED);
   EXPECT_THAT(message, HasSubstr("no WebDAV answer"));
 
-  ScriptedServer server([](const Request&) { return Reply{.bytes = kRootAnswer}; });
+  ScriptedServer server([](const Request&) { return kRootAnswer; });
   ASSERT_EQ(ConnectTo(server.Url("/a b"), R"(,"user":"bob")"), SUCCESS);
   EXPECT_EQ(TextOf(&IProtocol_V2::GetIdentity), "webdav:bob@" + server.Url("/a%20b/"));
-  FS_INFO info{};
   protocol->Disconnect();
   EXPECT_EQ(protocol->GetInfo("/", &info), DEVICE_NOT_READY);
 }

@@ -26,6 +26,8 @@ class WebdavTest : public test::ModuleTest {
   }
 
   test::RecordingLog log;
+  std::string content;  // of the last Get
+  FS_INFO info{};
 };
 
 }  // namespace tarn::webdav

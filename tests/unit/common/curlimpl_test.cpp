@@ -65,6 +65,10 @@ class HttpHelperTest : public testing::Test {
   ~HttpHelperTest() override { logger = nullptr; }
 
   _CURLRTN Get() { return request.PerformGet(nullptr, nullptr); }
+  _CURLRTN Get(const std::string& path) {
+    request.SetURL(server.Url(path));
+    return Get();
+  }
 
   ScriptedServer server{Answer};
   RecordingLog log;
@@ -121,10 +125,8 @@ TEST_F(HttpHelperTest, RedirectsEncodingsAndStatusErrorsBecomeResults) {
   const _CURLRTN redirected = request.PerformPost("sent twice");
   EXPECT_EQ(redirected.response, 200);
   EXPECT_THAT(BodyOf(redirected), IsRequest("POST /there", "sent twice"));
-  request.SetURL(server.Url("/packed"));
-  EXPECT_EQ(BodyOf(Get()), "unpacked");
-  request.SetURL(server.Url("/refused"));
-  const _CURLRTN refused = Get();
+  EXPECT_EQ(BodyOf(Get("/packed")), "unpacked");
+  const _CURLRTN refused = Get("/refused");
   EXPECT_EQ(refused.code, CURLE_OK);
   EXPECT_EQ(refused.response, 503);
   EXPECT_EQ(BodyOf(refused), "not now");
@@ -137,15 +139,13 @@ TEST_F(HttpHelperTest, FailuresTellTheirReasonAndAStalledServerIsCutOff) {
   EXPECT_THAT(refused.error, HasSubstr("127.0.0.1 port 1"));
   EXPECT_THAT(log.Text(), HasSubstr("Download 0b/s : http://127.0.0.1:1/(0 bytes)\n"));
 
-  request.SetURL(server.Url("/stall"));
   request.SetLowSpeedTimeout(1);
-  const _CURLRTN stalled = Get();
+  const _CURLRTN stalled = Get("/stall");
   EXPECT_EQ(stalled.code, CURLE_OPERATION_TIMEDOUT);
   EXPECT_EQ(stalled.response, 0);
   EXPECT_EQ(stalled.body, nullptr);
 
-  request.SetURL(server.Url());
-  EXPECT_EQ(Get().error, "");
+  EXPECT_EQ(Get("/").error, "");
 }
 
 TEST_F(HttpHelperTest, UploadsReportProgressAndClearEndsFormLimitsAndReports) {
@@ -220,10 +220,9 @@ TEST_F(HttpHelperTest, SigningTwiceLeavesOneHeaderWithTheLatestToken) {
 }
 
 TEST_F(HttpHelperTest, TheTraceFollowsTheLogLevelAndShowsNoPasswords) {
-  request.SetURL(server.Url("/twenty"));
   request.AddQuery("q", "a b");
   log.SetLevel(LOGLEVEL_ERROR | LOGLEVEL_ALL);
-  (void)Get();
+  (void)Get("/twenty");
   EXPECT_THAT(log.Text(), Not(HasSubstr("[HEADER")));
   EXPECT_EQ(request.GetLastURL(), server.Url("/twenty?q=a b"));
 

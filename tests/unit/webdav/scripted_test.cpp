@@ -95,11 +95,8 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
 TEST_F(ScriptedTest, SizesThatListingsLackAreFoundOutAndNeverMadeUp) {
   const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
   const std::string hidden = HttpAnswer(403);
-  struct File {
-    std::string head;  // answer to HEAD
-    std::string part;  // answer to a GET of the first byte
-  };
-  const std::map<std::string, File> files = {
+  // The answers to HEAD and to a GET of the first byte.
+  const std::map<std::string, std::pair<std::string, std::string>> files = {
       {"head", {"HTTP/1.1 200 OK\r\nContent-Length: 77\r\n\r\n", hidden}},
       {"range", {hidden, HttpAnswer(206, "x", "Content-Range: bytes 0-0/78\r\n")}},
       {"whole", {HttpAnswer(200), HttpAnswer(200, std::string(79, 'x'))}},
@@ -113,8 +110,8 @@ TEST_F(ScriptedTest, SizesThatListingsLackAreFoundOutAndNeverMadeUp) {
     const std::string name = request.target.substr(1);
     if (request.method != "PROPFIND") {
       return name.empty()              ? HttpAnswer(200, "log in")
-             : request.method == "GET" ? files.at(name).part
-                                       : files.at(name).head;
+             : request.method == "GET" ? files.at(name).second
+                                       : files.at(name).first;
     }
     std::string responses = DavResponse("/", name.empty() ? kDavFolder : "");
     for (const auto& [file, answers] : files) {

@@ -70,12 +70,11 @@ class Writer {
     for (const auto& [name, content] : with) {
       there[name] = ContentOf(place / name);
     }
-    for (const Files* expected : {&with, &confirmed}) {
-      const auto differs = [&](const auto& file) {
-        const auto known = expected->find(file.first);
-        return !IsSame(file.second, known == expected->end() ? nullptr : known->second);
+    for (Files* expected : {&with, &confirmed}) {
+      const auto is_expected = [&](const auto& file) {
+        return IsSame(file.second, (*expected)[file.first]);
       };
-      if (std::none_of(there.begin(), there.end(), differs)) {
+      if (std::ranges::all_of(there, is_expected)) {
         confirmed = *expected;
         under_way.clear();
         return HasNothingElse(place);

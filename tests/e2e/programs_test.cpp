@@ -31,7 +31,9 @@ class ProgramsTest : public MountingTest {
   }
   [[nodiscard]] bool Has(const std::string& program) {
     Program shell({"sh", "-c", "command -v " + program}, home.Path(), backing, "/dev/null");
-    return shell.WaitForEnd() == 0;
+    const bool has = shell.WaitForEnd() == 0;
+    std::cerr << (has ? "" : "not tried, as it is not here: " + program + "\n");
+    return has;
   }
   // For a script that looks at the server, where everything is then.
   void UnmountAndCompare(const std::string& script) {
@@ -96,8 +98,6 @@ tar cf "$V/tree.tar" -C "$V/tar" tree && tar tf "$V/tree.tar" > /dev/null
   if (Has("zip") && Has("unzip")) {
     Run(R"sh(zip -qr tree.zip tree && unzip -q tree.zip -d "$V/zip" && diff -r tree "$V/zip/tree")sh");
     compare += "diff -r tree \"$R/zip/tree\"\n";
-  } else {
-    std::cerr << "no zip or unzip here: not tried\n";
   }
   if (Has("rsync")) {
     Run(R"sh(
@@ -109,8 +109,6 @@ rsync -ac --stats tree/ "$V/rsync/" | grep -q 'files transferred: 1$'
 echo text > tree/text
 )sh");
     compare += "diff -rq tree \"$R/rsync\" | grep -v '/text differ' && exit 1\n";
-  } else {
-    std::cerr << "no rsync here: not tried\n";
   }
   UnmountAndCompare(compare + "true");
 }

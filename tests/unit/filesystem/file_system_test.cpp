@@ -51,7 +51,6 @@ TEST_F(FileSystemTest, OfALargeFileThatIsChangedOnlyWhatIsNeededIsFetchedBeforeI
   EXPECT_EQ(drive.Truncate(file, 4'000'010), 0);
   EXPECT_EQ(drive.Write(overwritten, 0, std::string(5'000'000, 'c')), 0);
   EXPECT_EQ(protocol.reads, 0);
-  std::string content;
   EXPECT_EQ(drive.ReadAt(file, 2'999'999, 3), "aba");
   EXPECT_EQ(drive.Close(overwritten), 0);
   EXPECT_LT(protocol.reads, 3);
@@ -109,7 +108,6 @@ TEST_F(FileSystemTest, DeletedAndReplacedFilesStayReadableForThoseWhoHaveThemOpe
   EXPECT_EQ(drive.Unlink("/deleted"), 0);
   EXPECT_EQ(drive.WriteFile("/new", "three"), 0);
   EXPECT_EQ(drive.Rename("/new", "/replaced"), 0);
-  std::string content;
   EXPECT_EQ(drive.ReadAt(deleted, 0, 10), "one");
   EXPECT_EQ(drive.ReadAt(replaced, 0, 10), "two");
   EXPECT_EQ(drive.Content("/replaced"), "three");
@@ -141,7 +139,6 @@ TEST_F(FileSystemTest, TimesReachTheRemoteWhereItKeepsThemAndModesCannotChange) 
   EXPECT_EQ(info.modified.seconds, 1'000'000'000);
   EXPECT_EQ(stat.modified.nanoseconds, 5);
   const int second = drive.Opened("/file", O_RDONLY);
-  std::string content;
   EXPECT_EQ(drive.ReadAt(reader, 0, 10), "content") << "only the time is another";
   drive.Close(reader);
   drive.Close(second);

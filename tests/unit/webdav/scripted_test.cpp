@@ -529,7 +529,6 @@ TEST_F(ScriptedTest, AllTransfersTogetherKeepToTheSpeedLimit) {
   const auto start = Clock::now();
   std::thread reader([&] {
     for (int i = 0; i < 2; ++i) {
-      std::string content;
       EXPECT_EQ(Get("/f", content), SUCCESS);
     }
   });

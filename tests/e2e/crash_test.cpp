@@ -270,6 +270,8 @@ class CrashTest : public MountingTest {
   // end every other time.
   bool Round(const std::vector<pid_t>& server) {
     EXPECT_EQ(mount(), 0);
+    // The process of the round before may still be on its way out.
+    EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().size() == 1; }));
     ExpectAsConfirmed(volume, "mounted");
     if (random() % 2 == 0) {
       EXPECT_EQ(client->AskForResult(DriveMessage("set_speedlimit", volume, R"(,"speed":8388608)")),

@@ -1,7 +1,6 @@
 #include "platform/filesystem/interruptions.h"
 
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
 #include "platform/filesystem/fuse_operations.h"
@@ -52,12 +51,8 @@ void Interruptions::Note(Waiting& waiting) {
   if (stopped || waiting.is_due || waiting.state != Waiting::State::kWaiting) {
     return;
   }
-  if (!answering.joinable()) {
-    try {
-      answering = std::thread(&Interruptions::Run, this);
-    } catch (const std::system_error&) {
-      return;  // the program waits for its answer, then
-    }
+  if (!answering.Ensure([this] { Run(); })) {
+    return;  // the program waits for its answer, then
   }
   waiting.is_due = true;
   waiting.due = Clock::now() + grace;
@@ -91,16 +86,11 @@ void Interruptions::Run() {
 }
 
 void Interruptions::Stop() {
-  std::thread ended;
-  {
-    const MutexLock guard(lock);
-    stopped = true;
-    changed.notify_all();
-    ended.swap(answering);
-  }
-  if (ended.joinable()) {
-    ended.join();
-  }
+  LateThread::Ending ended;  // after the lock
+  const MutexLock guard(lock);
+  stopped = true;
+  changed.notify_all();
+  ended = answering.Take();
 }
 
 }  // namespace tarn::fs

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <list>
-#include <thread>
 
 #include "common/sync.h"
 #include "platform/filesystem/attributes.h"
+#include "platform/filesystem/late_thread.h"
 
 struct fuse_req;
 
@@ -62,7 +62,7 @@ class Interruptions {
   std::list<Waiting*> signalled TARN_GUARDED_BY(lock);  // the first that is due at the front
   int given_up TARN_GUARDED_BY(lock) = 0;               // and still served
   bool stopped TARN_GUARDED_BY(lock) = false;
-  std::thread answering TARN_GUARDED_BY(lock);
+  LateThread answering TARN_GUARDED_BY(lock);
 };
 
 }  // namespace tarn::fs

@@ -1,7 +1,6 @@
 #include "platform/filesystem/reachability.h"
 
 #include <algorithm>
-#include <system_error>
 
 namespace tarn::fs {
 
@@ -10,15 +9,8 @@ void Reachability::Doubt() {
   if (stopped || doubted) {
     return;
   }
-  doubted = true;
   answers_at_doubt = answers;
-  if (!asking.joinable()) {
-    try {
-      asking = std::thread(&Reachability::Run, this);
-    } catch (const std::system_error&) {
-      doubted = false;  // the next doubt tries again
-    }
-  }
+  doubted = asking.Ensure([this] { Run(); });  // else the next doubt tries again
   changed.notify_all();
 }
 
@@ -28,16 +20,11 @@ std::optional<std::chrono::system_clock::time_point> Reachability::UnreachableSi
 }
 
 void Reachability::Stop() {
-  std::thread ended;
-  {
-    const MutexLock guard(lock);
-    stopped = true;
-    changed.notify_all();
-    ended.swap(asking);
-  }
-  if (ended.joinable()) {
-    ended.join();
-  }
+  LateThread::Ending ended;  // after the lock
+  const MutexLock guard(lock);
+  stopped = true;
+  changed.notify_all();
+  ended = asking.Take();
 }
 
 void Reachability::WaitForPause(std::chrono::milliseconds pause) {

@@ -4,10 +4,10 @@
 #include <chrono>
 #include <functional>
 #include <optional>
-#include <thread>
 
 #include "common/sync.h"
 #include "platform/filesystem/attributes.h"
+#include "platform/filesystem/late_thread.h"
 
 namespace tarn::fs {
 
@@ -61,7 +61,7 @@ class Reachability {
   bool stopped TARN_GUARDED_BY(lock) = false;
   std::uint64_t answers_at_doubt TARN_GUARDED_BY(lock) = 0;
   std::chrono::system_clock::time_point since TARN_GUARDED_BY(lock);
-  std::thread asking TARN_GUARDED_BY(lock);
+  LateThread asking TARN_GUARDED_BY(lock);
 };
 
 }  // namespace tarn::fs

@@ -1,7 +1,6 @@
 #include "platform/filesystem/uploads.h"
 
 #include <algorithm>
-#include <system_error>
 #include <utility>
 
 #include "platform/filesystem/bindings.h"
@@ -43,13 +42,8 @@ void Uploads::Add(Ino ino) {
       return;
     }
     MakeReady(ino, file->second);
-    if (!waiter.joinable()) {
-      try {
-        waiter = std::thread([self = shared_from_this()] { self->WaitForPauses(); });
-      } catch (const std::system_error&) {
-        // The next file tries again; until then the queue sends, and nothing is tried again.
-      }
-    }
+    // Else the next file tries it; until then the queue sends, and nothing is tried again.
+    (void)waiter.Ensure([self = shared_from_this()] { self->WaitForPauses(); });
   }
   StartSenders();
 }
@@ -73,18 +67,11 @@ void Uploads::Hasten() {
 }
 
 void Uploads::Stop() {
-  std::thread ended;
-  {
-    const MutexLock guard(lock);
-    stopped = true;
-    changed.notify_all();
-    ended.swap(waiter);
-  }
-  if (ended.get_id() == std::this_thread::get_id()) {
-    ended.detach();  // it is on its way out, and shares ownership of this
-  } else if (ended.joinable()) {
-    ended.join();
-  }
+  LateThread::Ending ended;  // after the lock
+  const MutexLock guard(lock);
+  stopped = true;
+  changed.notify_all();
+  ended = waiter.Take();
 }
 
 Uploads::Status Uploads::Get(Ino ino) {

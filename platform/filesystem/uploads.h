@@ -6,12 +6,12 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <unordered_map>
 
 #include "common/sync.h"
 #include "interfaces/aerror.h"
 #include "platform/filesystem/attributes.h"
+#include "platform/filesystem/late_thread.h"
 #include "platform/filesystem/nodes.h"
 
 namespace tarn::fs {
@@ -96,7 +96,7 @@ class Uploads : public std::enable_shared_from_this<Uploads> {
   bool finishing TARN_GUARDED_BY(lock) = false;
   bool stopped TARN_GUARDED_BY(lock) = false;
   std::minstd_rand random TARN_GUARDED_BY(lock);
-  std::thread waiter TARN_GUARDED_BY(lock);
+  LateThread waiter TARN_GUARDED_BY(lock);
 };
 
 }  // namespace tarn::fs

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <event2/buffer.h>
+#include <fcntl.h>
 #include <limits>
 #include <sys/socket.h>
 
@@ -60,7 +61,8 @@ int SeekInBuffer(void* buffer, curl_off_t offset, int origin) {
   return CURL_SEEKFUNC_OK;
 }
 
-int EnlargeSendBuffer(void*, curl_socket_t socket, curlsocktype) {
+int PrepareSocket(void*, curl_socket_t socket, curlsocktype) {
+  (void)::fcntl(socket, F_SETFD, FD_CLOEXEC);  // cannot fail for an open socket
   // A smaller buffer only costs speed, so the answer does not matter.
   (void)::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof(kSendBufferBytes));
   return CURL_SOCKOPT_OK;
@@ -363,7 +365,7 @@ void CURLImpl::SetLowSpeedTimeout(long seconds) {
 }
 
 void CURLImpl::SetSendBuffer() {
-  curl_easy_setopt(easy.get(), CURLOPT_SOCKOPTFUNCTION, EnlargeSendBuffer);
+  curl_easy_setopt(easy.get(), CURLOPT_SOCKOPTFUNCTION, PrepareSocket);
 }
 
 void CURLImpl::SetPostFileSize(long long bytes) {

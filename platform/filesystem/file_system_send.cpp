@@ -196,7 +196,11 @@ bool FileSystem::HasCome(const std::shared_ptr<OpenFile>& file, const std::strin
     }
   }
   Attributes there;
-  return ErrnoOf(remote.GetInfo(path, there)) != ENOENT;
+  const AERROR error = remote.GetInfo(path, there);
+  if (error != SUCCESS) {
+    return ErrnoOf(error) != ENOENT;
+  }
+  return IsAnAttempt(*file, path, there) != false;  // else it is somebody else's
 }
 
 AERROR FileSystem::Upload(const std::string& path, const Outgoing& outgoing, Attributes& stored) {

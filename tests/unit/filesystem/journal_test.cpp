@@ -13,17 +13,18 @@
 namespace tarn::test {
 namespace {
 
-// A remote that may keep files locked.
-class LockingProtocol : public MemoryProtocol {
+// A remote that may refuse uploads, as one does that keeps files locked.
+class RefusingProtocol : public MemoryProtocol {
  public:
   AERROR Upload(const char* path, FS_SOURCE* source, unsigned long long size, FS_PROGRESS progress,
                 void* context) override {
     ++uploads;
-    return is_locked ? SHARING_VIOLATION
-                     : MemoryProtocol::Upload(path, source, size, progress, context);
+    const AERROR refused = refusal;
+    return refused != SUCCESS ? refused
+                              : MemoryProtocol::Upload(path, source, size, progress, context);
   }
 
-  std::atomic<bool> is_locked = false;
+  std::atomic<AERROR> refusal = SUCCESS;
   std::atomic<int> uploads = 0;
 };
 
@@ -50,7 +51,7 @@ class JournalTest : public testing::Test {
 
   TempFolder base;
   LentLibraries libraries;
-  LockingProtocol protocol;
+  RefusingProtocol protocol;
 };
 
 TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
@@ -120,6 +121,17 @@ TEST_F(JournalTest, AFileThatCameThereUnnoticedIsReplacedRemovedAndRenamedAsOurs
   EXPECT_EQ(again.files->SendAll(kPatience), 0U);
   EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/changed", "/new name"}));
   EXPECT_EQ(protocol.Content("/changed"), "second");
+}
+
+TEST_F(JournalTest, WhatSomebodyElsePutInPlaceOfAnUploadIsNotRemovedWithOurs) {
+  Drive drive(protocol, base.path());
+  protocol.loses_answers = true;
+  EXPECT_EQ(drive.WriteFile("/name", "ours"), 0);
+  EXPECT_TRUE(WaitUntil([&] { return protocol.Content("/name") == "ours"; }));
+  protocol.refusal = FILE_WRITE_FAILED;
+  protocol.Write("/name", "theirs");
+  EXPECT_EQ(drive.Unlink("/name"), 0);
+  EXPECT_EQ(protocol.Content("/name"), "theirs");
 }
 
 TEST_F(JournalTest, AMoveThatTheProcessDidNotLiveToSeeHasHappenedOrNot) {
@@ -238,7 +250,7 @@ TEST_F(JournalTest, ManyFilesAreSentSeveralAtOnceAndHoldNoDescriptors) {
 TEST_F(JournalTest, FsyncMeansWhatThereIsNowAlsoWhenTheJournalTakesNothing) {
   Drive drive(protocol, base.path());
   (void)drive.Names("/");
-  protocol.is_locked = true;
+  protocol.refusal = SHARING_VIOLATION;
   EXPECT_EQ(drive.WriteFile("/file", "old"), 0);
   for (const auto& entry : std::filesystem::recursive_directory_iterator(base.path())) {
     if (const auto path = entry.path(); path.extension() == ".record") {
@@ -249,7 +261,7 @@ TEST_F(JournalTest, FsyncMeansWhatThereIsNowAlsoWhenTheJournalTakesNothing) {
   const int file = drive.Opened("/file", O_RDWR);
   EXPECT_EQ(drive.Write(file, 0, "new"), 0);
   EXPECT_NE(drive.Sync(file), 0);
-  protocol.is_locked = false;
+  protocol.refusal = SUCCESS;
   EXPECT_EQ(drive.Sync(file), 0);
   EXPECT_EQ(protocol.Content("/file"), "new");
   EXPECT_EQ(drive.Close(file), 0);
@@ -261,21 +273,21 @@ TEST_F(JournalTest, ALockedFileIsNoConflictAndWhatCannotBeSentIsNotSentAllTheTim
   Drive drive(protocol, base.path());
   (void)drive.Names("/");
   (void)drive.Names("/folder");
-  protocol.is_locked = true;
+  protocol.refusal = SHARING_VIOLATION;
   EXPECT_EQ(drive.WriteFile("/file", "ours"), 0);
   EXPECT_EQ(drive.WriteFile("/new", "new"), 0);
   EXPECT_EQ(drive.files->SendAll(kPatience), 2U) << "refused, so not waited for";
   EXPECT_LT(protocol.uploads, 20);
-  protocol.is_locked = false;
+  protocol.refusal = SUCCESS;
   EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
   EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/file", "/folder", "/new"}));
   EXPECT_EQ(protocol.Content("/file"), "ours");
 
-  protocol.is_locked = true;
+  protocol.refusal = SHARING_VIOLATION;
   EXPECT_EQ(drive.WriteFile("/folder/lost", "x"), 0);
   protocol.Remove("/folder");
   protocol.Write("/folder", "a file by now");
-  protocol.is_locked = false;
+  protocol.refusal = SUCCESS;
   const int before = protocol.uploads;
   EXPECT_EQ(drive.files->SendAll(kPatience), 1U);
   EXPECT_LT(protocol.uploads - before, 20);
@@ -284,14 +296,14 @@ TEST_F(JournalTest, ALockedFileIsNoConflictAndWhatCannotBeSentIsNotSentAllTheTim
 TEST_F(JournalTest, AFolderMadeElsewhereUnderTheNameOfAnUnsentFileStandsBesideIt) {
   Drive drive(protocol, base.path());
   (void)drive.Names("/");
-  protocol.is_locked = true;
+  protocol.refusal = SHARING_VIOLATION;
   EXPECT_EQ(drive.WriteFile("/name", "ours"), 0);
   protocol.MakeFolder("/name");
   fs::Stat stat;
   const fs::Entry folder{"name", {.is_folder = true, .version = {}}};
   ASSERT_TRUE(drive.files->LookUpEntry(fs::kRootIno, folder, fs::Clock::now(), stat));
   EXPECT_FALSE(stat.is_folder);
-  protocol.is_locked = false;
+  protocol.refusal = SUCCESS;
   EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
   const auto paths = protocol.Paths();
   ASSERT_EQ(paths.size(), 2U);

@@ -6,12 +6,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
-#include <memory>
 #include <random>
-#include <set>
 #include <thread>
 
-#include "common/unique_fd.h"
+#include "common/posix.h"
 #include "tests/e2e/mounting.h"
 #include "tests/support/http/dav_server.h"
 
@@ -20,26 +18,39 @@ namespace {
 
 using std::chrono::milliseconds;
 
-using Content = std::shared_ptr<const std::string>;  // null: no file
-using Files = std::map<fs::path, Content>;           // by their names in the writer's folder
+using Files = std::map<std::string, std::string>;  // names to contents
 
-bool IsSame(const Content& left, const Content& right) {
-  return left == right || (left && right && *left == *right);
-}
+constexpr const char* kNames[] = {"new", "0", "1", "2", "3", "4", "5"};
+constexpr size_t kLargestBytes = 1 << 30;
 
-Content ContentOf(const fs::path& path) {
-  std::string content;
-  if (!tarn::ReadFile(path, size_t{1} << 30, content)) {
-    EXPECT_FALSE(fs::exists(path)) << path << " cannot be read";
-    return nullptr;
+// The files of a folder: those that are found by their names, and whatever else is listed there.
+// What a server writes under hidden names is its own.
+Files FilesIn(const fs::path& folder) {
+  Files files;
+  for (const std::string name : kNames) {
+    std::string content;
+    if (tarn::ReadFile(folder / name, kLargestBytes, content)) {
+      files[name] = std::move(content);
+    } else {
+      EXPECT_FALSE(fs::exists(folder / name)) << folder / name << " cannot be read";
+    }
   }
-  return std::make_shared<const std::string>(std::move(content));
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    const std::string name = entry.path().filename();
+    if (!name.starts_with('.')) {
+      files.try_emplace(name, "(listed, but not there)");
+    }
+  }
+  return files;
 }
 
-std::string Show(const Content& content) {
-  return !content ? "no file"
-                  : std::to_string(content->size()) + " bytes, " +
-                        std::to_string(std::hash<std::string>()(*content));
+std::string Show(const Files& files) {
+  std::string text;
+  for (const auto& [name, content] : files) {
+    text += "\n  " + name + ": " + std::to_string(content.size()) + " bytes, " +
+            std::to_string(std::hash<std::string>()(content));
+  }
+  return text;
 }
 
 // Changes the files of a folder, one after another, and notes what was confirmed.
@@ -53,59 +64,32 @@ class Writer {
   void Run(const fs::path& base, const std::atomic<bool>& killed) {
     folder = base / own;
     while (ChangeSomething()) {
-      Note();
+      confirmed = changed;
     }
     EXPECT_TRUE(killed) << last << ": " << std::strerror(errno);
   }
 
-  // True when the files there are as was confirmed, with the change that was under way or without
-  // it; they are then what the next look has to find.
-  bool IsAsConfirmed(const fs::path& base) {
-    const fs::path place = base / own;
-    Files with = confirmed;
-    for (const auto& [name, content] : under_way) {
-      with[name] = content;
-    }
-    Files there;
-    for (const auto& [name, content] : with) {
-      there[name] = ContentOf(place / name);
-    }
-    for (Files* expected : {&with, &confirmed}) {
-      const auto is_expected = [&](const auto& file) {
-        return IsSame(file.second, (*expected)[file.first]);
-      };
-      if (std::ranges::all_of(there, is_expected)) {
-        confirmed = *expected;
-        under_way.clear();
-        return HasNothingElse(place);
-      }
-    }
-    for (const auto& [name, content] : there) {
-      if (under_way.count(name) != 0 || !IsSame(content, confirmed[name])) {
-        ADD_FAILURE() << place / name << ": " << Show(content) << ", confirmed "
-                      << Show(confirmed[name]) << ", with what was under way " << Show(with[name]);
-      }
-    }
-    ADD_FAILURE() << "under way was: " << last;
-    return HasNothingElse(place) && false;
+  // The files there are as was confirmed, with the change that was under way or without it; they
+  // are then what the next look has to find.
+  void ExpectAsConfirmed(const fs::path& base, const char* when) {
+    const Files there = FilesIn(base / own);
+    EXPECT_TRUE(there == changed || there == confirmed)
+        << when << ", " << base / own << Show(there) << "\nconfirmed" << Show(confirmed)
+        << "\nwith the last change, " << last << Show(changed);
+    changed = there;
+    confirmed = there;
   }
 
   // What fsync confirmed last is at the remote.
   void ExpectSynced(const fs::path& remote) const {
     for (const auto& [name, content] : synced) {
-      EXPECT_TRUE(IsSame(ContentOf(remote / own / name), content)) << remote / own / name;
+      std::string stored;
+      EXPECT_TRUE(tarn::ReadFile(remote / own / name, kLargestBytes, stored) && stored == content)
+          << remote / own / name;
     }
   }
 
  private:
-  // Confirmed is what was under way.
-  void Note() {
-    for (const auto& [name, content] : under_way) {
-      confirmed[name] = content;
-    }
-    under_way.clear();
-  }
-
   size_t Below(size_t limit) { return std::uniform_int_distribution<size_t>(0, limit - 1)(random); }
   std::string SomeName() { return std::to_string(Below(6)); }
   std::string SomeBytes() {
@@ -117,17 +101,12 @@ class Writer {
     }
     return bytes;
   }
-  void Begin(const std::string& what, Files change) {
-    last = what;
-    for (const auto& [name, content] : change) {
-      synced.erase(name);
-    }
-    under_way = std::move(change);
-  }
 
   bool ChangeSomething() {
     const std::string name = SomeName();
-    const bool exists = confirmed[name] != nullptr;
+    const auto found = confirmed.find(name);
+    const bool exists = found != confirmed.end();
+    const size_t size = exists ? found->second.size() : 0;
     switch (Below(10)) {
       case 0:
       case 1:
@@ -135,36 +114,40 @@ class Writer {
       case 2:
         return !exists || Remove(name);
       case 3:
-        return Write(name, O_APPEND, exists ? confirmed[name]->size() : 0);
+        return Write(name, O_APPEND, size);
       case 4:
-        return Write(name, 0, exists ? Below(confirmed[name]->size() + 1) : 0);
+        return Write(name, 0, exists ? Below(size + 1) : 0);
       case 5:  // as editors do
-        return Write("new", O_TRUNC, 0) && (Note(), RenameOver("new", name));
+        return Write("new", O_TRUNC, 0) && RenameOver("new", name);
       default:
         return Write(name, O_TRUNC, 0);
     }
   }
 
   bool RenameOver(const std::string& name, const std::string& new_name) {
+    confirmed = changed;  // with the file that is renamed
+    last = "rename " + name + " over " + new_name;
     if (name != new_name) {
-      Begin("rename " + name + " over " + new_name, {{name, nullptr}, {new_name, confirmed[name]}});
+      synced.erase(name);
+      synced.erase(new_name);
+      changed[new_name] = std::move(changed[name]);
+      changed.erase(name);
     }
     return ::rename((folder / name).c_str(), (folder / new_name).c_str()) == 0;
   }
 
   bool Remove(const std::string& name) {
-    Begin("remove " + name, {{name, nullptr}});
+    last = "remove " + name;
+    synced.erase(name);
+    changed.erase(name);
     return ::unlink((folder / name).c_str()) == 0;
   }
 
   // Writes there once or twice, with fsync or without.
   bool Write(const std::string& name, int flags, size_t offset) {
-    const bool truncates = (flags & O_TRUNC) != 0;
-    std::string content = truncates || !confirmed[name] ? "" : *confirmed[name];
-    Begin("write " + name + " at " + std::to_string(offset), {});
-    if (!confirmed[name]) {
-      under_way = {{name, std::make_shared<const std::string>()}};
-    }
+    last = "write " + name + " at " + std::to_string(offset);
+    std::string& made = changed[name];  // empty, if it is new
+    std::string content = (flags & O_TRUNC) != 0 ? "" : made;
     const std::string path = folder / name;
     UniqueFd file(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC | flags, 0644));
     for (size_t left = 1 + Below(2); file.valid() && left > 0; --left) {
@@ -176,38 +159,26 @@ class Writer {
         return false;
       }
       offset += bytes.size();
-      under_way = {{name, std::make_shared<const std::string>(content)}};
+      made = content;
       if (Below(8) == 0) {
         last += " fsync";
         if (::fsync(file.get()) != 0) {
           return false;
         }
-        Note();
-        synced[name] = confirmed[name];
+        confirmed = changed;
+        synced[name] = content;
       }
     }
     last += " close";
     return file.valid() && ::close(file.release()) == 0;
   }
 
-  // No copies beside the files. What a server writes under hidden names is its own.
-  bool HasNothingElse(const fs::path& place) {
-    for (const fs::directory_entry& entry : fs::directory_iterator(place)) {
-      const fs::path name = entry.path().filename();
-      if (!name.string().starts_with('.') && !confirmed[name]) {
-        ADD_FAILURE() << entry.path() << " is not known; under way was: " << last;
-        return false;
-      }
-    }
-    return true;
-  }
-
   std::mt19937 random;
   const std::string own;  // the name of its folder
   fs::path folder;        // where it writes
   Files confirmed;
-  Files under_way;  // what changes with the call that was made last
-  Files synced;     // what is at the remote
+  Files changed;  // with the call that was made last
+  Files synced;   // what is at the remote
   std::string last;
 };
 
@@ -216,30 +187,30 @@ class CrashTest : public MountingTest {
   static constexpr int kWriters = 4;
   static constexpr const char* kJournals = "Library/Application Support/tarnsvc/_unsent_";
 
-  // Rounds in which something was unsent; as many as TARN_CRASH_ROUNDS says, for a short look 3.
-  static int Rounds() {
-    const char* const rounds = std::getenv("TARN_CRASH_ROUNDS");
-    return rounds == nullptr ? 3 : std::atoi(rounds);
+  static unsigned Setting(const char* name, unsigned otherwise) {
+    const char* const set = std::getenv(name);
+    return set == nullptr ? otherwise : static_cast<unsigned>(std::atoi(set));
   }
 
   void Run(const std::function<int()>& mount_remote, const fs::path& root,
            const std::function<std::vector<pid_t>()>& server) {
     mount = mount_remote;
     remote = root;
-    const char* const seed = std::getenv("TARN_CRASH_SEED");
-    random.seed(seed == nullptr ? std::random_device()() : static_cast<unsigned>(std::atoi(seed)));
+    random.seed(Setting("TARN_CRASH_SEED", std::random_device()()));
     ASSERT_EQ(mount(), 0);
     for (int i = 0; i < kWriters; ++i) {
       writers.emplace_back(random(), std::to_string(i)).MakeFolder(volume);
     }
     EXPECT_EQ(Unmount(volume), 0);
-    int counted = 0;
-    int all = 0;
-    for (; counted < Rounds() && all < 3 * Rounds() + 10 && !HasFailure(); ++all) {
+    // Those count in which something was unsent; for a short look 3.
+    const unsigned rounds = Setting("TARN_CRASH_ROUNDS", 3);
+    unsigned counted = 0;
+    unsigned all = 0;
+    for (; counted < rounds && all < 3 * rounds + 10 && !HasFailure(); ++all) {
       counted += Round(server()) ? 1 : 0;
     }
-    EXPECT_GE(counted, Rounds()) << "of " << all;
-    RecordProperty("rounds", all);
+    EXPECT_GE(counted, rounds) << "of " << all;
+    RecordProperty("rounds", static_cast<int>(all));
   }
 
  private:
@@ -256,7 +227,7 @@ class CrashTest : public MountingTest {
 
   void ExpectAsConfirmed(const fs::path& base, const char* when) {
     for (Writer& writer : writers) {
-      EXPECT_TRUE(writer.IsAsConfirmed(base)) << when;
+      writer.ExpectAsConfirmed(base, when);
     }
   }
 

@@ -1,12 +1,18 @@
 // Drives of the real service with real volumes: what goes in comes out, and nothing is left behind.
 #include <csignal>
-#include <sys/stat.h>
 #include <thread>
 
 #include "tests/e2e/mounting.h"
+#include "tests/support/http/dav_server.h"
 
 namespace tarn::test {
 namespace {
+
+std::string RandomBytes(size_t count) {
+  std::string bytes(count, '\0');
+  std::ifstream("/dev/urandom").read(bytes.data(), static_cast<std::streamsize>(count));
+  return bytes;
+}
 
 class DrivesE2eTest : public MountingTest {
  protected:
@@ -23,7 +29,48 @@ class DrivesE2eTest : public MountingTest {
 };
 
 TEST_F(DrivesE2eTest, ATreeGoesInAndComesOutBitForBit) {
-  PutTreeThrough([&] { return Mount(backing, volume, "Disk"); }, backing, 100UL << 20);
+  const DavServer server(DavServer::Kind::kNginx);
+  for (const auto& [type, url, remote, largest_bytes] :
+       {std::tuple{"local", backing.string(), backing, 100UL << 20},
+        {"webdav", server.Url(), server.Root(), 10UL << 20}}) {
+    SCOPED_TRACE(type);
+    const std::pair<fs::path, std::string> files[] = {{"plain", "x"},
+                                                      {"empty", ""},
+                                                      {"with space/and another/a file.txt", "deep"},
+                                                      {"Übergröße/名前/é.bin", RandomBytes(70000)},
+                                                      {"quote\"s'$(x);&|#%?*", "shell?"},
+                                                      {"large.bin", RandomBytes(largest_bytes)}};
+    ASSERT_EQ(Mount(url, volume, "Disk", type), 0);
+    EXPECT_EQ(client->WaitForEvent("connected").GetObject("/data/drive").operator std::string(),
+              volume.string());
+    for (const auto& [name, content] : files) {
+      fs::create_directories((volume / name).parent_path());
+      WriteFile(volume / name, content);
+    }
+    const auto is_stored = [root = remote](const auto& file) {
+      return fs::exists(root / file.first) && FileContent(root / file.first) == file.second;
+    };
+    for (const auto& file : files) {
+      EXPECT_EQ(fs::file_size(volume / file.first), file.second.size()) << file.first;
+      EXPECT_TRUE(FileContent(volume / file.first) == file.second) << file.first;
+      EXPECT_TRUE(WaitUntil([&] { return is_stored(file); })) << file.first;
+    }
+    fs::rename(volume / "with space", volume / "moved");
+    EXPECT_EQ(FileContent(volume / "moved/and another/a file.txt"), "deep");
+    fs::remove_all(volume / "moved");
+    fs::remove(volume / "plain");
+    EXPECT_FALSE(fs::exists(remote / "moved"));
+    EXPECT_EQ(Unmount(volume), 0);
+    EXPECT_FALSE(IsMounted(volume));
+    EXPECT_TRUE(fs::is_empty(volume));
+
+    ASSERT_EQ(Mount(url, volume, "Disk", type), 0);
+    EXPECT_TRUE(FileContent(volume / "large.bin") == files[5].second);
+    EXPECT_FALSE(fs::exists(volume / "plain"));
+    WriteFile(remote / "new", "x");
+    EXPECT_TRUE(WaitUntil([&] { return fs::exists(volume / "new"); }));
+    EXPECT_EQ(Unmount(volume), 0);
+  }
 }
 
 TEST_F(DrivesE2eTest, TwoClientsUseTwoDrivesOfOneLabelAtOnce) {
@@ -36,13 +83,12 @@ TEST_F(DrivesE2eTest, TwoClientsUseTwoDrivesOfOneLabelAtOnce) {
   ASSERT_EQ(second.Receive(), R"({"cmd":"result","error":0})");
   EXPECT_EQ(service.DriveProcesses().size(), 2U);
   const auto use = [](const fs::path& drive, const fs::path& remote, char letter) {
-    const std::string content(5000, letter);
     for (int i = 0; i < 50; ++i) {
-      WriteFile(drive / std::to_string(i), content);
+      WriteFile(drive / std::to_string(i), std::string(5000, letter));
     }
     for (int i = 0; i < 50; ++i) {
       const fs::path stored = remote / std::to_string(i);
-      EXPECT_TRUE(WaitUntil([&] { return FileContent(stored) == content; })) << stored;
+      EXPECT_TRUE(WaitUntil([&] { return FileContent(stored) == std::string(5000, letter); }));
     }
   };
   std::thread user(use, volume, backing, 'a');
@@ -66,13 +112,6 @@ TEST_F(DrivesE2eTest, AMountThatCannotBeTellsWhy) {
   EXPECT_EQ(Unmount(volume), 0);
   EXPECT_EQ(Unmount(volume), -1);
   EXPECT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
-  fs::remove(service.InBin("tarnsvc"));
-  EXPECT_EQ(Mount(backing, volume, "L"), -6);
-  const std::string log = ReadFile(home.LogFile());
-  for (const char* message : {"mount:: failed to mount. label: L, pipe: /tmp/tarn_mount_0 [",
-                              "operator():: failed to exec ", "mount:: failed to create pipe: "}) {
-    EXPECT_NE(log.find(message), std::string::npos) << message;
-  }
 }
 
 TEST_F(DrivesE2eTest, AModuleThatSupportsNothingOrHangsHarmsOnlyItsOwnDrive) {
@@ -84,8 +123,6 @@ TEST_F(DrivesE2eTest, AModuleThatSupportsNothingOrHangsHarmsOnlyItsOwnDrive) {
   EXPECT_FALSE(std::ofstream(volume / "file").put('x').flush().good() &&
                fs::exists(volume / "file"));
   EXPECT_TRUE(fs::space(volume, error).capacity > 0 && !error);
-  EXPECT_EQ(client->Ask(DriveMessage("get_username", volume)),
-            R"({"cmd":"result_username","result":"tést"})");
   EXPECT_EQ(client->Ask(DriveMessage("get_credential", volume)),
             R"({"cmd":"result_credential","result":"id=x;ex_info=given;"})");
   EXPECT_EQ(Unmount(volume), 0);
@@ -133,7 +170,7 @@ TEST_F(DrivesE2eTest, AClientThatLeavesInTheMiddleOfAMountLeavesADriveForOthers)
   EXPECT_TRUE(WaitUntil([&] { return IsTheOnlyDrive(volume); }));
   WriteFile(volume / "file", "x");  // its events go to nobody
   EXPECT_EQ(Unmount(volume), 0);
-  EXPECT_EQ(ReadFile(backing / "file"), "x");
+  EXPECT_EQ(FileContent(backing / "file"), "x");
 }
 
 TEST_F(DrivesE2eTest, AServiceThatEndsInTheMiddleOfAnythingLeavesNoProcess) {
@@ -162,11 +199,6 @@ TEST_F(DrivesE2eTest, AVolumeUnmountedFromOutsideIsReportedAndItsEndHarmsNoOther
   ::kill(first, SIGKILL);
   (void)client->WaitForEvent("disconnected");
   EXPECT_TRUE(WaitUntil([&] { return IsTheOnlyDrive(volume); }));
-  std::ofstream open_file(volume / "open");
-  open_file << "written, not closed" << std::flush;
-  EXPECT_EQ(Unmount(volume), 0);
-  EXPECT_FALSE(IsMounted(volume)) << "busy, so detached";
-  EXPECT_EQ(ReadFile(backing / "open"), "written, not closed");
 }
 
 TEST_F(DrivesE2eTest, SettingsReachADriveThatRunsAndItsUploadsAreReported) {
@@ -183,13 +215,8 @@ TEST_F(DrivesE2eTest, SettingsReachADriveThatRunsAndItsUploadsAreReported) {
   EXPECT_TRUE(fs::exists(backing / "moved/inner"));
 
   EXPECT_EQ(set("set_loglevel", R"(,"level":"DEBUG")"), 0);
-  EXPECT_EQ(set("set_speedlimit", R"(,"speed":1)"), 0);
-  EXPECT_EQ(set("set_speedlimit_all", R"(,"speed":1048576)"), 0);
-  EXPECT_EQ(set("set_loglevel", R"(,"level":"ERROR")"), 0);
   EXPECT_EQ(set("set_speedlimit", R"(,"speed":1048576)"), 0);
-  const std::string log = ReadFile(home.LogFile());
-  EXPECT_NE(log.find("[tarnsvc_Labelled] parse command set_speedlimit_all"), std::string::npos);
-  EXPECT_EQ(log.find("command set_speedlimit ", log.find("command set_speedlimit_all")),
+  EXPECT_NE(FileContent(home.LogFile()).find("[tarnsvc_Labelled] parse command set_speedlimit"),
             std::string::npos);
   const auto begin = std::chrono::steady_clock::now();
   WriteFile(volume / "file", std::string(3 << 20, 'x'));
@@ -207,7 +234,7 @@ TEST_F(DrivesE2eTest, SettingsReachADriveThatRunsAndItsUploadsAreReported) {
   EXPECT_EQ(fs::file_size(backing / "file"), 3 << 20);
 }
 
-TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientAnswersOrSetsUnasked) {
+TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientAnswers) {
   EXPECT_EQ(client->AskForResult(R"({"cmd":"set_drivesize_callback"})"), 0);
   client->Send(ConnectMessage(backing, volume, "L"));
   std::string question;
@@ -219,14 +246,6 @@ TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientAnswersOrSetsUnasked) {
   client->Send(R"({"cmd":"result_quota","error":1,"data":{"total":1073741824,"free":4096}})");
   EXPECT_TRUE(WaitUntil([&] { return fs::space(volume).capacity == 1073741824; }));
   EXPECT_EQ(fs::space(volume).free, 4096U);
-
-  EXPECT_EQ(Unmount(volume), 0);
-  Connect();  // nobody is asked now
-  ASSERT_EQ(Mount(backing, volume, "L"), 0);
-  const std::string size = R"(,"total":2147483648,"free":268435456)";
-  EXPECT_EQ(client->AskForResult(DriveMessage("set_size", volume, size)), 0);
-  EXPECT_TRUE(WaitUntil([&] { return fs::space(volume).capacity == 2147483648; }));
-  EXPECT_EQ(fs::space(volume).free, 268435456U);
 }
 
 TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
@@ -242,7 +261,7 @@ TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
     EXPECT_EQ(client->AskForResult(DriveMessage("spindle_add_protocol", volume, id)), 0);
   }
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(volume / "other"); }));
-  EXPECT_EQ(ReadFile(volume / "same"), "first");
+  EXPECT_EQ(FileContent(volume / "same"), "first");
   EXPECT_EQ(client->AskForResult(DriveMessage("spindle_remove_protocol", volume)), -1);
   EXPECT_EQ(Unmount(volume), 0);
 }

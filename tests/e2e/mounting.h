@@ -2,13 +2,11 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
 #include <unistd.h>
 
-#include "common/posix.h"
 #include "tests/support/service/service_process.h"
 #include "tests/support/service/test_client.h"
 #include "tests/support/service/wait.h"
@@ -49,29 +47,22 @@ class MountingTest : public testing::Test {
     return client->AskForResult(DriveMessage("disconnect", mount_point));
   }
 
-  // Writes a tree of folders and files into the volume, changes it and mounts once more, and looks
-  // for it there and in the folder `remote`. `mount` mounts the remote at `volume`.
-  void PutTreeThrough(const std::function<int()>& mount, const fs::path& remote,
-                      size_t largest_bytes);
-
   // Ends the service by the signal: its one drive process, which nobody is the parent of any more,
   // ends too.
-  void ExpectDriveEndsWithService(int signal);
+  void ExpectDriveEndsWithService(int signal) {
+    const std::vector<pid_t> drives = service.DriveProcesses();
+    ASSERT_EQ(drives.size(), 1U);
+    service.Signal(signal);
+    (void)service.WaitForEnd();
+    EXPECT_TRUE(WaitUntil([&] { return !IsAlive(drives[0]); }));
+  }
 
- public:
   static void WriteFile(const fs::path& path, const std::string& content) {
     std::ofstream file(path, std::ios::binary);
     file << content;
     file.close();
     EXPECT_TRUE(file.good()) << path;
   }
-  static std::string ReadFile(const fs::path& path) {
-    std::string content;
-    EXPECT_TRUE(tarn::ReadFile(path, size_t{1} << 30, content)) << path;
-    return content;
-  }
-
- protected:
   static bool IsMounted(const fs::path& mount_point) { return !MountsBelow(mount_point).empty(); }
 
   TempHome home;

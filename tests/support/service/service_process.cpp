@@ -112,7 +112,12 @@ void ServiceProcess::Stop() {
 }
 
 std::vector<pid_t> ServiceProcess::DriveProcesses() const {
-  return program->IsRunning() ? ChildrenOf(Pid()) : std::vector<pid_t>();
+  std::vector<pid_t> drives = program->IsRunning() ? ChildrenOf(Pid()) : std::vector<pid_t>();
+  std::erase_if(drives, [](pid_t child) {  // others unmount what a drive has left
+    const std::string arguments = FileContent("/proc/" + std::to_string(child) + "/cmdline");
+    return arguments.find(std::string("\0-c\0", 4)) == std::string::npos;
+  });
+  return drives;
 }
 
 void ServiceProcess::CheckOutput() const {

@@ -1,12 +1,10 @@
 #include "tests/support/http/dav_server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <pwd.h>
-#include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 
-#include "common/posix.h"
+#include "tests/support/endpoint.h"
 
 namespace tarn::test {
 
@@ -20,6 +18,9 @@ constexpr const char* kBasicLogins = "alice:{SHA}W8r/fyL/UzygmbNAjq2HbA67qac=\n"
 constexpr const char* kDigestLogins = "alice:dav:9bab765b464a46a8866d905f9217be99\n";
 
 // Paths are relative to the server's folder.
+constexpr const char* kApacheModules[] = {"mpm_event",   "authn_core", "authn_file", "authz_core",
+                                          "authz_user",  "auth_basic", "dav",        "dav_fs",
+                                          "auth_digest", "ssl"};
 constexpr const char* kApacheLines =
     "ServerName 127.0.0.1\nPidFile pid\nErrorLog log\nDavLockDB work/locks\nDocumentRoot root\n"
     "StartServers 1\nLimitRequestBody 0\nAllowEncodedSlashes NoDecode\n";
@@ -37,35 +38,11 @@ http {
     root root; dav_methods PUT DELETE MKCOL MOVE; dav_ext_methods PROPFIND OPTIONS;
 )";
 
-// Calls ::bind or ::connect with a port on loopback; 0: any. Returns the port, -1 after a failure.
-template <typename Call>
-int PortFor(Call call, int port) {
-  const UniqueFd socket = OpenSocket(AF_INET, SOCK_STREAM);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  const bool is_done = call(socket.get(), generic, length) == 0;
-  (void)::getsockname(socket.get(), generic, &length);
-  return is_done ? ntohs(address.sin_port) : -1;
-}
-
 void GiveToServer(const std::filesystem::path& path) {
   const passwd* const account = ::geteuid() == 0 ? ::getpwnam(kServersUser) : nullptr;
   if (account != nullptr) {
     (void)::chown(path.c_str(), account->pw_uid, account->pw_gid);
   }
-}
-
-std::string LoadModules(std::initializer_list<const char*> names) {
-  std::string lines;
-  for (const std::string name : names) {
-    lines.append("LoadModule ").append(name).append("_module /usr/lib/apache2/modules/mod_");
-    lines.append(name).append(".so\n");
-  }
-  return lines;
 }
 
 }  // namespace
@@ -86,17 +63,18 @@ DavServer::DavServer(Kind server_kind, Options server_options)
 }
 
 bool DavServer::Start() {
-  port = PortFor(::bind, 0);
+  port = Endpoint().port;
   const bool is_apache = kind == Kind::kApache;
   const std::string base = folder.path();
   const std::string file =
       folder.Write("configuration", is_apache ? ApacheConfiguration() : NginxConfiguration());
   using Arguments = std::vector<std::string>;
-  process.emplace(is_apache ? Arguments{"apache2", "-DFOREGROUND", "-d", base, "-f", file}
-                            : Arguments{"nginx", "-p", base, "-c", file, "-e", "log"});
-  return WaitUntil([this] { return !process->Running() || PortFor(::connect, port) >= 0; },
-                   std::chrono::seconds(10)) &&
-         process->Running();
+  process.emplace(is_apache ? Arguments{"/usr/sbin/apache2", "-DFOREGROUND", "-d", base, "-f", file}
+                            : Arguments{"/usr/sbin/nginx", "-p", base, "-c", file, "-e", "log"},
+                  base, base, base + "/output");
+  // Both listen before they write their process id.
+  return WaitUntil([&] { return FileContent(base + "/pid") != "" || !IsAlive(Pid()); }) &&
+         IsAlive(Pid());
 }
 
 std::string DavServer::Url(const std::string& path) const {
@@ -109,32 +87,30 @@ void DavServer::WriteFile(const std::string& name, const std::string& content) c
 }
 
 void DavServer::MakeCertificate() const {
-  ChildProcess openssl({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                        "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
-                        "/CN=tarn test", "-addext", "subjectAltName=" + options.certified,
-                        "-keyout", folder.path() / "key", "-out", Certificate()});
-  openssl.WaitForEnd();
+  const std::string base = folder.path();
+  Program openssl(
+      {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+       "-nodes", "-days", "2", "-subj", "/CN=tarn test", "-addext",
+       "subjectAltName=" + options.certified, "-keyout", base + "/key", "-out", Certificate()},
+      base, base, base + "/output");
+  EXPECT_EQ(openssl.WaitForEnd(), 0) << openssl.Output();
 }
 
 std::string DavServer::ApacheConfiguration() const {
-  std::string lines = LoadModules({"mpm_event", "authz_core", "dav", "dav_fs"}) + kApacheLines +
-                      "Listen 127.0.0.1:" + std::to_string(port) + "\n";
+  std::string lines;
+  for (const std::string name : kApacheModules) {
+    lines += "LoadModule " + name + "_module /usr/lib/apache2/modules/mod_" + name + ".so\n";
+  }
+  lines += kApacheLines + ("Listen 127.0.0.1:" + std::to_string(port)) + "\n";
   if (::geteuid() == 0) {
     lines += std::string("User ") + kServersUser + "\nGroup " + kServersUser + "\n";
   }
-  std::string access = "Require all granted\n";
-  if (options.login != Login::kNone) {
-    const bool is_digest = options.login == Login::kDigest;
-    folder.Write("logins", is_digest ? kDigestLogins : kBasicLogins);
-    lines += LoadModules(
-        {"authn_core", "authn_file", "authz_user", is_digest ? "auth_digest" : "auth_basic"});
-    access = std::string("AuthName dav\nRequire valid-user\nAuthUserFile logins\nAuthType ") +
-             (is_digest ? "Digest\n" : "Basic\n");
-  }
-  if (options.secure) {
-    lines += LoadModules({"ssl"}) + kApacheSecureLines;
-  }
-  return lines + "<Location />\nDav On\n" + access + "</Location>\n";
+  lines += options.secure ? kApacheSecureLines : "";
+  folder.Write("logins", options.login == "Digest" ? kDigestLogins : kBasicLogins);
+  const std::string access =
+      options.login.empty() ? "all granted\n" : "valid-user\nAuthType " + options.login + "\n";
+  return lines + "<Location />\nDav On\nAuthName dav\nAuthUserFile logins\nRequire " + access +
+         "</Location>\n";
 }
 
 std::string DavServer::NginxConfiguration() const {

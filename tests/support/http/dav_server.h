@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string>
 
-#include "tests/support/http/child_process.h"
+#include "tests/support/program.h"
 #include "tests/support/temp_folder.h"
 
 namespace tarn::test {
@@ -15,10 +15,9 @@ namespace tarn::test {
 class DavServer {
  public:
   enum class Kind { kApache, kNginx };
-  enum class Login { kNone, kBasic, kDigest };
-  struct Options {
-    Login login = Login::kNone;  // Apache only: user "alice", password "open sesame"
-    bool secure = false;  // Apache only: with a certificate for `certified`, signed by itself
+  struct Options {        // Apache only
+    std::string login;    // "Basic" or "Digest": for user "alice", password "open sesame"
+    bool secure = false;  // with a certificate for `certified`, signed by itself
     std::string certified = "IP:127.0.0.1";
   };
 
@@ -49,7 +48,7 @@ class DavServer {
   Options options;
   TempFolder folder;
   int port = 0;
-  std::optional<ChildProcess> process;
+  std::optional<Program> process;
 };
 
 // For the names of tests.

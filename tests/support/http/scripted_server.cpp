@@ -3,12 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <utility>
-
-#include "common/posix.h"
 
 namespace tarn::test {
 
@@ -82,21 +78,13 @@ std::string ScriptedServer::Request::Header(const std::string& name) const {
   return head.substr(value, head.find("\r\n", value) - value);
 }
 
-ScriptedServer::ScriptedServer(Script script_to_follow)
-    : script(std::move(script_to_follow)), listener(OpenSocket(AF_INET, SOCK_STREAM)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  (void)::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length);
-  (void)::listen(listener.get(), 64);
-  (void)::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length);
-  port = ntohs(address.sin_port);
+ScriptedServer::ScriptedServer(Script script_to_follow) : script(std::move(script_to_follow)) {
+  (void)::listen(endpoint.socket.get(), 64);
   acceptor = std::thread([this] { Accept(); });
 }
 
 ScriptedServer::~ScriptedServer() {
-  (void)::shutdown(listener.get(), SHUT_RDWR);
+  (void)::shutdown(endpoint.socket.get(), SHUT_RDWR);
   acceptor.join();
   {
     const MutexLock hold(lock);
@@ -122,7 +110,7 @@ int ScriptedServer::Count(std::string_view method) {
 
 void ScriptedServer::Accept() {
   while (true) {
-    UniqueFd socket = AcceptConnection(listener.get());
+    UniqueFd socket = AcceptConnection(endpoint.socket.get());
     if (!socket.valid()) {
       return;
     }

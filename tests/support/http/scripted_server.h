@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "common/sync.h"
-#include "common/unique_fd.h"
+#include "tests/support/endpoint.h"
 
 namespace tarn::test {
 
@@ -45,7 +45,7 @@ class ScriptedServer {
   ScriptedServer& operator=(const ScriptedServer&) = delete;
 
   [[nodiscard]] std::string Url(const std::string& path = "/") const {
-    return "http://127.0.0.1:" + std::to_string(port) + path;
+    return "http://127.0.0.1:" + std::to_string(endpoint.port) + path;
   }
   [[nodiscard]] std::vector<Request> Requests();
 
@@ -60,8 +60,7 @@ class ScriptedServer {
   void Serve(int socket);
 
   const Script script;
-  UniqueFd listener;
-  int port = 0;
+  Endpoint endpoint;  // where it listens
   Mutex lock;
   std::vector<Request> requests TARN_GUARDED_BY(lock);
   std::list<UniqueFd> sockets TARN_GUARDED_BY(lock);  // closed when all threads have ended

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "tarnctl/installation.h"
-#include "tests/support/service/program.h"
+#include "tests/support/program.h"
 #include "tests/support/temp_folder.h"
 
 namespace tarn::test {

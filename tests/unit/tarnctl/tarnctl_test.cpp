@@ -1,43 +1,26 @@
 #include <filesystem>
 #include <future>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <thread>
 
 #include "common/frame.h"
-#include "common/posix.h"
 #include "tarnctl/client.h"
 #include "tarnctl/installation.h"
 #include "tarnctl/mount_message.h"
+#include "tests/support/endpoint.h"
 #include "tests/support/temp_folder.h"
 
 namespace tarn {
 namespace {
 
 using std::chrono::seconds;
+using test::Endpoint;
 using Result = Client::Result;
 
 std::string Frame(const std::string& body) {
   const FrameHeader header = EncodeFrameHeader(static_cast<std::int32_t>(body.size()));
   return std::string(header.begin(), header.end()) + body;
 }
-
-// A socket bound to a port of its own on loopback.
-struct Endpoint {
-  Endpoint() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* any = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(::bind(socket.get(), any, length), 0);
-    EXPECT_EQ(::getsockname(socket.get(), any, &length), 0);
-    port = ntohs(address.sin_port);
-  }
-  UniqueFd socket = OpenSocket(AF_INET, SOCK_STREAM);
-  int port = 0;
-};
 
 // A service played by the test: after the first bytes of a client it sends what it is told, in the
 // given pieces, and closes.

@@ -1,9 +1,10 @@
-#include "tests/support/service/program.h"
+#include "tests/support/program.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -39,9 +40,9 @@ Program::Program(const std::vector<std::string>& arguments, const std::filesyste
   const UniqueFd writer = OpenFile(output, O_WRONLY | O_CREAT | O_APPEND, 0600);
   pid = ::fork();
   if (pid == 0) {
-    const bool is_ready = ::dup2(input.get(), 0) >= 0 && ::dup2(writer.get(), 1) >= 0 &&
-                          ::dup2(writer.get(), 2) >= 0 && ::chdir(folder.c_str()) == 0 &&
-                          ::setenv("HOME", home.c_str(), 1) == 0;
+    const bool is_ready = ::prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && ::dup2(input.get(), 0) >= 0 &&
+                          ::dup2(writer.get(), 1) >= 0 && ::dup2(writer.get(), 2) >= 0 &&
+                          ::chdir(folder.c_str()) == 0 && ::setenv("HOME", home.c_str(), 1) == 0;
     if (is_ready) {
       ::execvp(pointers[0], pointers.data());
     }
@@ -51,9 +52,11 @@ Program::Program(const std::vector<std::string>& arguments, const std::filesyste
 }
 
 Program::~Program() {
-  if (IsRunning()) {
-    (void)::kill(pid, SIGKILL);
-    (void)WaitForEnd();
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    if (IsRunning()) {
+      (void)::kill(pid, signal);
+      (void)WaitForEnd(std::chrono::seconds(10));
+    }
   }
 }
 

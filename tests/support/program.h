@@ -15,7 +15,9 @@ namespace tarn::test {
 [[nodiscard]] std::string FileContent(const std::filesystem::path& path);
 
 // A program that a test runs beside itself, found in PATH, with no input and its output and errors
-// at the end of a file. The destructor ends it with SIGKILL if it still runs, and reaps it.
+// at the end of a file. The destructor ends it if it still runs, with SIGTERM and where that does
+// not help with SIGKILL, and reaps it. It also ends with the thread that started it, so that no
+// test leaves one behind, however it dies.
 class Program {
  public:
   // `home` becomes HOME; it starts in `folder`.

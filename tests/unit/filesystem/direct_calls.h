@@ -78,17 +78,12 @@ class DirectCalls : public Calls {
     if (source.error != 0 || new_folder.error != 0) {
       return source.error != 0 ? source.error : new_folder.error;
     }
-    if (target.error == 0 && target.stat.is_folder != source.stat.is_folder) {
-      return source.stat.is_folder ? ENOTDIR : EISDIR;
-    }
     return files.Rename(old_folder.stat.ino, Name(from), new_folder.stat.ino, Name(to), true);
   }
   int Unlink(const std::string& path) override {
     const Node node(files, path);
-    if (node.error != 0 || node.stat.is_folder) {
-      return node.error != 0 ? node.error : EISDIR;
-    }
-    return files.RemoveFile(Node(files, Parent(path)).stat.ino, Name(path));
+    const Node folder(files, Parent(path));
+    return node.error != 0 ? node.error : files.RemoveFile(folder.stat.ino, Name(path));
   }
   int MakeFolder(const std::string& path) override {
     const Node folder(files, Parent(path));
@@ -104,10 +99,8 @@ class DirectCalls : public Calls {
   }
   int RemoveFolder(const std::string& path) override {
     const Node node(files, path);
-    if (node.error != 0 || !node.stat.is_folder) {
-      return node.error != 0 ? node.error : ENOTDIR;
-    }
-    return files.RemoveFolder(Node(files, Parent(path)).stat.ino, Name(path));
+    const Node folder(files, Parent(path));
+    return node.error != 0 ? node.error : files.RemoveFolder(folder.stat.ino, Name(path));
   }
   int GetSize(const std::string& path, std::uint64_t& size) override {
     const Node node(files, path);

@@ -120,17 +120,15 @@ class FolderCalls : public Calls {
     return ErrnoIf(::rmdir((root + path).c_str()) != 0);
   }
   int GetSize(const std::string& path, std::uint64_t& size) override {
-    struct stat info = {};
-    const int error = ErrnoIf(::stat((root + path).c_str(), &info) != 0);
-    size = static_cast<std::uint64_t>(info.st_size);
-    return error;
+    std::error_code error;
+    size = std::filesystem::file_size(root + path, error);
+    return error.value();
   }
   int List(const std::string& path, std::vector<std::string>& names) override {
     names.clear();
     std::error_code error;
-    for (std::filesystem::directory_iterator entry(root + path, error), end; entry != end;
-         entry.increment(error)) {
-      names.push_back(entry->path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator(root + path, error)) {
+      names.push_back(entry.path().filename());
     }
     std::sort(names.begin(), names.end());
     return error.value();
@@ -161,10 +159,7 @@ class MountedDrive {
   MountedDrive(const MountedDrive&) = delete;
   MountedDrive& operator=(const MountedDrive&) = delete;
 
- private:
-  TempFolder folder;
-
- public:
+  const TempFolder folder;
   IFSDrive* drive = nullptr;
   const std::string path;
   const int result;

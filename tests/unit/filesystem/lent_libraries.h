@@ -1,7 +1,7 @@
 #pragma once
 
-#include <latch>
-#include <memory>
+#include <barrier>
+#include <gtest/gtest.h>
 
 #include "interfaces/asyncq.h"
 #include "interfaces/cache.h"
@@ -18,46 +18,39 @@ class LentLibraries {
   static constexpr long long kSmallBytes = 2 * 1024 * 1024;  // blocks have to go all the time
 
   explicit LentLibraries(long long capacity_bytes = kSmallBytes) {
-    if (InitAsyncQ(kWorkers, &queue)) {
-      FS_BindAsyncQ(queue);
-    }
+    EXPECT_TRUE(InitAsyncQ(kWorkers, &queue));
+    FS_BindAsyncQ(queue);
     void* object = nullptr;
-    if (InitCache(folder.path().c_str(), capacity_bytes, &object) == SUCCESS) {
-      cache = static_cast<ICache*>(object);
-      FS_BindCache(object);
-    }
+    EXPECT_EQ(InitCache(folder.path().c_str(), capacity_bytes, &object), SUCCESS);
+    cache = static_cast<ICache*>(object);
+    FS_BindCache(object);
   }
   ~LentLibraries() {
     FS_UnbindCache();
     FS_UnbindAsyncQ();
-    if (queue != nullptr) {
-      queue->Release();  // its tasks may still use the cache's place in the library, not the cache
-    }
+    queue->Release();  // its tasks may still use the cache's place in the library, not the cache
     (void)ReleaseCache(folder.path().c_str());  // the folder goes anyway
   }
-  // Until every background task that was pushed before has ended: all workers of that lane meet.
-  void WaitIdle() {
-    const auto meeting = std::make_shared<std::latch>(kBackgroundWorkers + 1);
-    for (int i = 0; i < kBackgroundWorkers; ++i) {
-      queue->Push(
-          [](void* context, int /*stopping*/) {
-            const std::unique_ptr<std::shared_ptr<std::latch>> met(
-                static_cast<std::shared_ptr<std::latch>*>(context));
-            (*met)->arrive_and_wait();
-          },
-          new std::shared_ptr<std::latch>(meeting), ASYNCQ_BACKGROUND);
-    }
-    meeting->arrive_and_wait();
-  }
-
   LentLibraries(const LentLibraries&) = delete;
   LentLibraries& operator=(const LentLibraries&) = delete;
+
+  // Until every background task that was pushed before has ended: all workers of that lane meet.
+  void WaitIdle() {
+    const auto meet = [](void* context, int /*stopping*/) {
+      static_cast<std::barrier<>*>(context)->arrive_and_wait();
+    };
+    for (int i = 0; i < kBackgroundWorkers; ++i) {
+      queue->Push(meet, &meeting, ASYNCQ_BACKGROUND);
+    }
+    meeting.arrive_and_wait();
+  }
 
   IAsyncQ* queue = nullptr;
   ICache* cache = nullptr;
 
  private:
   TempFolder folder;
+  std::barrier<> meeting{kBackgroundWorkers + 1};
 };
 
 }  // namespace tarn::test

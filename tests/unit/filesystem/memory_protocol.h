@@ -6,39 +6,39 @@
 #include <cstring>
 #include <ctime>
 #include <map>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/sync.h"
 #include "interfaces/iprotocol_v2.h"
+#include "platform/filesystem/names.h"
 
 namespace tarn::test {
 
 // A complete remote in memory. Threads: any, several operations at once.
 class MemoryProtocol : public IProtocol_V2 {
  public:
+  virtual ~MemoryProtocol() = default;
+
   // What somebody elsewhere does and sees, at once. Folders above are made.
   void Write(const std::string& path, const std::string& content) {
-    MakeFolder(FolderOf(path));
     const MutexLock guard(lock);
+    tree.PutFolder(std::string(fs::FolderOf(path)));
     tree.PutFile(path, content);
   }
   void MakeFolder(const std::string& path) {
-    if (path != "/") {
-      MakeFolder(FolderOf(path));
-      const MutexLock guard(lock);
-      tree.PutFolder(path);
-    }
+    const MutexLock guard(lock);
+    tree.PutFolder(path);
   }
   void Remove(const std::string& path) {
     const MutexLock guard(lock);
-    std::erase_if(tree.items, [&](const auto& item) { return IsWithin(item.first, path); });
+    std::erase_if(tree.items, [&](const auto& item) { return fs::IsWithin(item.first, path); });
   }
   [[nodiscard]] std::string Content(const std::string& path) const {  // empty when there is none
     const MutexLock guard(lock);
     const auto item = tree.items.find(path);
-    return item == tree.items.end() || !item->second.content ? "" : *item->second.content;
+    return item == tree.items.end() ? "" : item->second.content;
   }
   [[nodiscard]] std::vector<std::string> Paths() const {  // sorted, without the root
     std::vector<std::string> paths;
@@ -52,39 +52,34 @@ class MemoryProtocol : public IProtocol_V2 {
 
   // While it hangs, no operation comes back, whatever is cancelled.
   void SetHanging(bool is_hanging) {
-    const MutexLock guard(lock);
     hangs = is_hanging;
-    cancel_came.notify_all();
+    hangs.notify_all();
   }
 
-  std::atomic<int> latency_ms = 0;                   // before every operation
-  std::atomic<bool> reads_versions = true;           // a capability
-  std::atomic<AERROR> failure = SUCCESS;             // of every operation, when not SUCCESS
-  std::atomic<bool> loses_answers = false;           // uploads come, but fail nevertheless
-  std::atomic<int> lists = 0, infos = 0, reads = 0;  // operations so far
+  std::atomic<int> latency_ms = 0;          // before every operation
+  std::atomic<bool> reads_versions = true;  // a capability
+  std::atomic<AERROR> failure = SUCCESS;    // of every operation, when not SUCCESS
+  std::atomic<AERROR> refusal = SUCCESS;    // of uploads, as where files are locked
+  std::atomic<bool> loses_answers = false;  // uploads come, but fail nevertheless
+  std::atomic<int> lists = 0, infos = 0, reads = 0, uploads = 0;  // operations so far
 
   void Release() override {}  // lives as long as its test wants
   int GetUserName(char* /*buffer*/, int* /*length*/) override { return NOT_SUPPORTED; }
   AERROR GetSize(unsigned long long* total, unsigned long long* free) override {
     ++infos;
-    *total = 10ULL << 30;
-    *free = 4ULL << 30;
+    *total = *free = 4ULL << 30;
     return Begin();
   }
   int SetSize(unsigned long long /*total*/, unsigned long long /*used*/) override { return 0; }
   AERROR List(const char* path, FS_LIST_SINK sink, void* context) override {
     ++lists;
     return Do([&](Tree& all) {
-      const Item* const folder = all.Find(path);
-      if (folder == nullptr || folder->content) {
-        return folder == nullptr ? PATH_NOT_FOUND : INVALID_DIRECTORY;
+      if (!all.IsFolder(path)) {
+        return PATH_NOT_FOUND;
       }
-      const std::string prefix = Below(path);
-      for (auto item = all.items.upper_bound(prefix);
-           item != all.items.end() && item->first.starts_with(prefix); ++item) {
-        const std::string name = item->first.substr(prefix.size());
-        const FS_INFO info = Describe(item->second);
-        if (name.find('/') == std::string::npos && sink(context, name.c_str(), &info) == 0) {
+      for (const auto& [child, item] : all.items) {
+        const std::string name(fs::NameOf(child));
+        if (Tree::IsIn(path, child) && sink(context, name.c_str(), &item.info) == 0) {
           break;
         }
       }
@@ -98,74 +93,78 @@ class MemoryProtocol : public IProtocol_V2 {
       if (item == nullptr) {
         return FILE_NOT_FOUND;
       }
-      *info = Describe(*item);
+      *info = item->info;
       return SUCCESS;
     });
   }
   AERROR Read(const char* path, unsigned long long offset, void* buffer, unsigned long long length,
               unsigned long long* received) override {
-    return ReadIf(path, nullptr, offset, buffer, length, received);
+    return ReadVersion(path, nullptr, offset, buffer, length, received);
   }
   AERROR Upload(const char* path, FS_SOURCE* source, unsigned long long size, FS_PROGRESS progress,
                 void* context) override {
+    ++uploads;
     std::string content;
-    if (const AERROR error = Begin(); error != SUCCESS) {
-      return error;
+    if (const AERROR error = Begin(); error != SUCCESS || refusal != SUCCESS) {
+      return error != SUCCESS ? error : refusal.load();
     }
-    // Twice, as a module does whose connection broke in between.
-    if (!ReadSource(*source, size, nullptr, nullptr, content) ||
-        source->rewind(source->context) != 0 ||
-        !ReadSource(*source, size, progress, context, content)) {
-      return FILE_READ_FAILED;
+    for (int i = 0; i < 2; ++i) {  // as a module does whose connection broke in between
+      if (source->rewind(source->context) != 0 ||
+          !ReadSource(*source, size, progress, context, content)) {
+        return FILE_READ_FAILED;
+      }
     }
     const MutexLock guard(lock);
-    const Item* const present = tree.Find(path);
-    if (!tree.HasParent(path) || (present != nullptr && !present->content)) {
-      return present != nullptr ? ALREADY_EXISTS : PATH_NOT_FOUND;
+    if (tree.IsFolder(path) || !tree.HasFolderOf(path)) {
+      return tree.IsFolder(path) ? ALREADY_EXISTS : PATH_NOT_FOUND;
     }
-    const FS_INFO replaced = present == nullptr ? FS_INFO{} : Describe(*present);
-    if (source->replaces != nullptr && std::string_view(source->replaces) != replaced.version) {
+    const Item* const present = tree.Find(path);
+    const std::string_view replaced = present == nullptr ? "" : present->info.version;
+    if (source->replaces != nullptr && source->replaces != replaced) {
       return SHARING_VIOLATION;
     }
-    Item& stored = tree.PutFile(path, std::move(content));
+    Item& stored = tree.PutFile(path, content);
     if (source->modified != nullptr) {
-      stored.modified = *source->modified;
+      stored.info.modified = *source->modified;
     }
-    std::memcpy(source->version, Describe(stored).version, sizeof source->version);
+    std::memcpy(source->version, stored.info.version, sizeof source->version);
     return loses_answers ? FILE_WRITE_FAILED : SUCCESS;
   }
   AERROR CreateFolder(const char* path) override {
     return Do([&](Tree& all) {
-      if (all.Find(path) != nullptr || !all.HasParent(path)) {
+      if (all.Find(path) != nullptr || !all.HasFolderOf(path)) {
         return all.Find(path) != nullptr ? ALREADY_EXISTS : PATH_NOT_FOUND;
       }
-      all.PutFolder(path);
+      all.items.try_emplace(path);
       return SUCCESS;
     });
   }
-  AERROR DeleteFile(const char* path) override { return Delete(path, false); }
-  AERROR DeleteFolder(const char* path) override { return Delete(path, true); }
+  AERROR DeleteFile(const char* path) override {
+    return Do([&](Tree& all) { return all.items.erase(path) == 1 ? SUCCESS : FILE_NOT_FOUND; });
+  }
+  AERROR DeleteFolder(const char* path) override {
+    return Do([&](Tree& all) {
+      if (!all.IsEmpty(path)) {
+        return DIR_NOT_EMPTY;
+      }
+      return all.items.erase(path) == 1 ? SUCCESS : PATH_NOT_FOUND;
+    });
+  }
   AERROR Move(const char* from, const char* to) override {
     return Do([&](Tree& all) {
       const Item* const source = all.Find(from);
       const Item* const target = all.Find(to);
-      if (source == nullptr || !all.HasParent(to)) {
+      if (source == nullptr || !all.HasFolderOf(to)) {
         return source == nullptr ? FILE_NOT_FOUND : PATH_NOT_FOUND;
       }
-      if (target != nullptr && target != source) {
-        if (!target->content != !source->content) {
-          return ALREADY_EXISTS;
-        }
-        if (!target->content && !all.IsEmpty(to)) {
-          return DIR_NOT_EMPTY;
-        }
-        all.items.erase(to);
+      if (target != nullptr && target->info.is_folder != 0 && !all.IsEmpty(to)) {
+        return DIR_NOT_EMPTY;
       }
-      std::map<std::string, Item> moved;
-      for (const auto& [path, item] : all.items) {
-        moved.emplace(IsWithin(path, from) ? to + path.substr(std::strlen(from)) : path, item);
+      all.items.erase(to);
+      for (auto& [path, item] : std::exchange(all.items, {})) {
+        all.items.emplace(fs::IsWithin(path, from) ? to + path.substr(std::strlen(from)) : path,
+                          item);
       }
-      all.items = std::move(moved);
       return SUCCESS;
     });
   }
@@ -175,8 +174,8 @@ class MemoryProtocol : public IProtocol_V2 {
       if (item == nullptr) {
         return FILE_NOT_FOUND;
       }
-      item->modified = *time;
-      item->version = ++all.last_version;  // as a version made of time and size
+      item->info.modified = *time;
+      all.SetVersion(*item);  // as where it is made of time and size
       return SUCCESS;
     });
   }
@@ -196,7 +195,19 @@ class MemoryProtocol : public IProtocol_V2 {
   }
   AERROR ReadVersion(const char* path, const char* version, unsigned long long offset, void* buffer,
                      unsigned long long length, unsigned long long* received) override {
-    return reads_versions ? ReadIf(path, version, offset, buffer, length, received) : NOT_SUPPORTED;
+    ++reads;
+    return Do([&](Tree& all) {
+      const Item* const item = all.Find(path);
+      if (item == nullptr) {
+        return FILE_NOT_FOUND;
+      }
+      if (version != nullptr && std::string_view(version) != item->info.version) {
+        return SHARING_VIOLATION;
+      }
+      const auto start = std::min<unsigned long long>(offset, item->content.size());
+      *received = item->content.copy(static_cast<char*>(buffer), length, start);
+      return SUCCESS;
+    });
   }
   int SetOption(const char* /*key*/, const char* /*value*/) override { return 0; }
   void Reserved18() override {}
@@ -209,9 +220,8 @@ class MemoryProtocol : public IProtocol_V2 {
 
  private:
   struct Item {
-    std::shared_ptr<const std::string> content;  // null for a folder
-    FS_TIME modified = {};
-    std::uint64_t version = 0;
+    std::string content;
+    FS_INFO info = {.is_folder = 1};
   };
 
   struct Tree {
@@ -219,65 +229,49 @@ class MemoryProtocol : public IProtocol_V2 {
       const auto item = items.find(path);
       return item == items.end() ? nullptr : &item->second;
     }
-    Item& PutFile(const std::string& path, std::string content) {
-      return items[path] = {std::make_shared<const std::string>(std::move(content)), Now(),
-                            ++last_version};
+    void PutFolder(std::string path) {  // and those above
+      while (items.try_emplace(path).second) {
+        path = std::string(fs::FolderOf(path));
+      }
     }
-    void PutFolder(const std::string& path) { items.try_emplace(path, Item{nullptr, Now(), 0}); }
-    bool HasParent(const std::string& path) {
-      const Item* const folder = Find(FolderOf(path));
-      return folder != nullptr && !folder->content;
+    Item& PutFile(const std::string& path, const std::string& content) {
+      Item& item = items[path] = {content, {}};
+      item.info.size = content.size();
+      item.info.modified.seconds = std::time(nullptr);
+      SetVersion(item);
+      return item;
+    }
+    void SetVersion(Item& item) {
+      std::snprintf(item.info.version, sizeof item.info.version, "v%d", ++last_version);
+    }
+    bool IsFolder(const std::string& path) {
+      const Item* const item = Find(path);
+      return item != nullptr && item->info.is_folder != 0;
+    }
+    bool HasFolderOf(const std::string& path) { return IsFolder(std::string(fs::FolderOf(path))); }
+    static bool IsIn(const std::string& folder, const std::string& path) {
+      return path != "/" && fs::FolderOf(path) == folder;
     }
     bool IsEmpty(const std::string& folder) {
-      const auto next = items.upper_bound(Below(folder));
-      return next == items.end() || !next->first.starts_with(Below(folder));
+      return std::none_of(items.begin(), items.end(),
+                          [&](const auto& item) { return IsIn(folder, item.first); });
     }
 
     std::map<std::string, Item> items = {{"/", {}}};
-    std::uint64_t last_version = 0;
+    int last_version = 0;
   };
 
-  static std::string FolderOf(const std::string& path) {
-    return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
-  }
-  static std::string Below(const std::string& folder) {
-    return folder == "/" ? folder : folder + "/";
-  }
-  static bool IsWithin(const std::string& path, const std::string& top) {
-    return path == top || path.starts_with(Below(top));
-  }
-  static FS_TIME Now() {
-    timespec now = {};
-    (void)::clock_gettime(CLOCK_REALTIME, &now);
-    return {now.tv_sec, static_cast<int>(now.tv_nsec)};
-  }
-  static FS_INFO Describe(const Item& item) {
-    FS_INFO info = {};
-    info.is_folder = item.content ? 0 : 1;
-    info.modified = item.modified;
-    if (item.content) {
-      info.size = item.content->size();
-      std::snprintf(info.version, sizeof info.version, "v%llu",
-                    static_cast<unsigned long long>(item.version));
-    }
-    return info;
-  }
   static bool ReadSource(FS_SOURCE& source, unsigned long long size, FS_PROGRESS progress,
                          void* context, std::string& content) {
-    std::string part(size_t{64} * 1024, '\0');
-    content.clear();
-    while (content.size() < size) {
-      const auto wanted = std::min<unsigned long long>(part.size(), size - content.size());
-      const long long count =
-          source.read(source.context, part.data(), static_cast<long long>(wanted));
+    content.resize(size);
+    for (size_t done = 0; done < size;) {
+      const auto wanted = static_cast<long long>(std::min<size_t>(65536, size - done));
+      const long long count = source.read(source.context, content.data() + done, wanted);
       if (count <= 0) {
         return false;
       }
-      content.append(part, 0, static_cast<size_t>(count));
-      if (progress != nullptr) {
-        progress(static_cast<long long>(size), static_cast<long long>(content.size()), context,
-                 1e6);
-      }
+      done += static_cast<size_t>(count);
+      progress(static_cast<long long>(size), static_cast<long long>(done), context, 1e6);
     }
     return true;
   }
@@ -286,10 +280,8 @@ class MemoryProtocol : public IProtocol_V2 {
   [[nodiscard]] AERROR Begin() {
     const int wait_ms = latency_ms;
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
+    hangs.wait(true);
     const MutexLock guard(lock);
-    while (hangs) {
-      cancel_came.wait(lock);
-    }
     const int cancels_before = cancels;
     while (wait_ms > 0 && cancels == cancels_before && cancel_came.wait_until(lock, end)) {
     }
@@ -302,39 +294,10 @@ class MemoryProtocol : public IProtocol_V2 {
     const MutexLock guard(lock);
     return error != SUCCESS ? error : operation(tree);
   }
-  AERROR ReadIf(const char* path, const char* version, unsigned long long offset, void* buffer,
-                unsigned long long length, unsigned long long* received) {
-    ++reads;
-    return Do([&](Tree& all) {
-      const Item* const item = all.Find(path);
-      if (item == nullptr || !item->content) {
-        return FILE_NOT_FOUND;
-      }
-      if (version != nullptr && std::string_view(version) != Describe(*item).version) {
-        return SHARING_VIOLATION;
-      }
-      const auto start = std::min<unsigned long long>(offset, item->content->size());
-      *received = item->content->copy(static_cast<char*>(buffer), length, start);
-      return SUCCESS;
-    });
-  }
-  AERROR Delete(const char* path, bool is_folder) {
-    return Do([&](Tree& all) {
-      const Item* const item = all.Find(path);
-      if (item == nullptr || is_folder != !item->content) {
-        return is_folder ? PATH_NOT_FOUND : FILE_NOT_FOUND;
-      }
-      if (is_folder && !all.IsEmpty(path)) {
-        return DIR_NOT_EMPTY;
-      }
-      all.items.erase(path);
-      return SUCCESS;
-    });
-  }
 
   mutable Mutex lock;
   CondVar cancel_came;
-  bool hangs TARN_GUARDED_BY(lock) = false;
+  std::atomic<bool> hangs = false;
   int cancels TARN_GUARDED_BY(lock) = 0;
   Tree tree TARN_GUARDED_BY(lock);
 };

@@ -4,14 +4,13 @@
 #include <cerrno>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <latch>
 #include <thread>
 
 #include "tests/unit/filesystem/lent_libraries.h"
 
 namespace tarn::fs {
 namespace {
-
-constexpr size_t kBlock = Reader::kBlockBytes;
 
 std::string Pattern(size_t size, unsigned seed) {
   std::string text(size, '\0');
@@ -29,7 +28,6 @@ class FakeSource : public ReadSource {
 
   int Read(std::uint64_t offset, const std::shared_ptr<Buffer>& buffer, size_t& received) override {
     const size_t length = buffer->size();
-    const MutexLock guard(lock);
     ++reads;
     bytes += length;
     if (failure != 0) {
@@ -45,35 +43,24 @@ class FakeSource : public ReadSource {
   const Line& GetLine() const override { return line; }
   bool ReadsOneVersion() const override { return one_version; }
   int Confirm() override {
-    const MutexLock guard(lock);
     ++confirms;
     return content == at_open ? 0 : ESTALE;
   }
-  void Change(std::string text) {
-    const MutexLock guard(lock);
-    content = std::move(text);
-  }
 
+  std::string content;  // to be changed while nobody reads
+  const std::string at_open;
   Line line;
   std::atomic<int> reads = 0;
   std::atomic<int> confirms = 0;
   std::atomic<size_t> bytes = 0;
   std::atomic<int> failure = 0;
   std::atomic<bool> one_version = false;
-
- private:
-  Mutex lock;
-  std::string content TARN_GUARDED_BY(lock);
-  const std::string at_open;
 };
 
 class ReaderTest : public testing::Test {
  protected:
-  std::shared_ptr<Reader> Open(const std::string& version = "v1", bool is_fresh = true) {
-    return std::make_shared<Reader>(
-        source,
-        Reader::File{
-            .key = "key", .version = version, .size = content.size(), .is_fresh = is_fresh});
+  std::shared_ptr<Reader> Open(bool is_fresh = true) {
+    return std::make_shared<Reader>(source, Reader::File{"key", "v1", content.size(), is_fresh});
   }
   static std::string Read(Reader& reader, std::uint64_t offset, size_t length, int error = 0) {
     std::string part(length, '?');
@@ -81,6 +68,13 @@ class ReaderTest : public testing::Test {
     EXPECT_EQ(reader.Read(offset, part.data(), length, received), error) << "at " << offset;
     part.resize(received);
     return part;
+  }
+  static std::string ReadOn(Reader& reader, size_t length) {
+    std::string read;
+    for (std::string part = "?"; read.size() < length && !part.empty(); read += part) {
+      part = Read(reader, read.size(), 100'000);
+    }
+    return read;
   }
 
   const std::string content = Pattern(9'000'001, 7);
@@ -90,27 +84,9 @@ class ReaderTest : public testing::Test {
 TEST_F(ReaderTest, ReadingOnAndOnIsRightAndTakesFewRequestsAheadOfTheProgram) {
   const test::LentLibraries libraries;
   const auto reader = Open();
-  std::string read;
-  while (read.size() < content.size()) {
-    const std::string part = Read(*reader, read.size(), 100'000);
-    ASSERT_FALSE(part.empty());
-    read += part;
-  }
-  EXPECT_TRUE(read == content);
+  EXPECT_TRUE(ReadOn(*reader, content.size()) == content);
   EXPECT_LE(source->reads, 12) << "pieces of one MiB";
   EXPECT_EQ(Read(*reader, content.size(), 10), "");
-}
-
-TEST_F(ReaderTest, ARandomReadFetchesOneBlockAndNothingAhead) {
-  const test::LentLibraries libraries;
-  const auto reader = Open();
-  for (const std::uint64_t offset : {5000000U, 2500000U, 7900000U}) {
-    EXPECT_TRUE(Read(*reader, offset, 4096) == content.substr(offset, 4096));
-  }
-  EXPECT_EQ(source->reads, 3);
-  EXPECT_EQ(source->bytes, 3 * kBlock);
-  EXPECT_TRUE(Read(*reader, 5'000'000, 4096) == content.substr(5'000'000, 4096));
-  EXPECT_EQ(source->reads, 3) << "it is still there";
 }
 
 TEST_F(ReaderTest, RandomReadsBringTheWholeFileOnlyWhereThatDelaysNobody) {
@@ -132,36 +108,7 @@ TEST_F(ReaderTest, RandomReadsBringTheWholeFileOnlyWhereThatDelaysNobody) {
   EXPECT_LT(source->reads, 30) << "windows grow";
   read_at_random(std::chrono::nanoseconds(1));
   EXPECT_GE(source->reads, 30);
-  EXPECT_LE(source->bytes, 39 * kBlock + 1);
-}
-
-TEST_F(ReaderTest, AChangedFileGivesAnErrorAndNeverAMixture) {
-  const auto reader = Open();
-  const std::string first = Read(*reader, 3'000'000, 4096);
-  EXPECT_TRUE(first == content.substr(3'000'000, 4096));
-  EXPECT_EQ(source->confirms, 0) << "alone it is no mixture";
-  source->Change(Pattern(content.size(), 8));
-  (void)Read(*reader, 6'000'000, 4096, ESTALE);
-  EXPECT_TRUE(Read(*reader, 3'000'000, 4096) == first) << "what is there stays readable";
-  EXPECT_TRUE(reader->HasChanged());
-
-  source->Change(content.substr(0, 1'000'000));
-  (void)Read(*Open(), 950'000, 4096, ESTALE);
-  (void)Read(*Open("v1", false), 8'990'000, 4096, ESTALE);
-  source->Change(content + "more");
-  (void)Read(*Open(), content.size() - 100, 100, ESTALE);
-}
-
-TEST_F(ReaderTest, ASourceThatReadsOneVersionIsNotAskedAgain) {
-  source->one_version = true;
-  const auto reader = Open("v1", false);
-  for (const std::uint64_t offset : {3000000U, 6000000U}) {
-    EXPECT_TRUE(Read(*reader, offset, 4096) == content.substr(offset, 4096));
-  }
-  EXPECT_EQ(source->confirms, 0);
-  source->Change(Pattern(content.size(), 8));
-  (void)Read(*reader, 8'000'000, 4096, ESTALE);
-  EXPECT_TRUE(Read(*reader, 6'000'000, 4096) == content.substr(6'000'000, 4096));
+  EXPECT_LE(source->bytes, 39 * Reader::kBlockBytes + 1);
 }
 
 TEST_F(ReaderTest, AFailureOfTheNetworkPasses) {
@@ -172,10 +119,39 @@ TEST_F(ReaderTest, AFailureOfTheNetworkPasses) {
   EXPECT_TRUE(Read(*reader, 3'000'000, 4096) == content.substr(3'000'000, 4096));
 }
 
+TEST_F(ReaderTest, AChangedFileGivesAnErrorAndNeverAMixture) {
+  const auto reader = Open();
+  const std::string first = Read(*reader, 3'000'000, 4096);
+  EXPECT_TRUE(first == content.substr(3'000'000, 4096));
+  EXPECT_EQ(source->confirms, 0) << "alone it is no mixture";
+  source->content = Pattern(content.size(), 8);
+  (void)Read(*reader, 6'000'000, 4096, ESTALE);
+  EXPECT_TRUE(Read(*reader, 3'000'000, 4096) == first) << "what is there stays readable";
+  EXPECT_TRUE(reader->HasChanged());
+
+  source->content = content.substr(0, 1'000'000);
+  (void)Read(*Open(), 950'000, 4096, ESTALE);
+  (void)Read(*Open(false), 8'990'000, 4096, ESTALE);
+  source->content = content + "more";
+  (void)Read(*Open(), content.size() - 100, 100, ESTALE);
+}
+
+TEST_F(ReaderTest, ASourceThatReadsOneVersionIsNotAskedAgain) {
+  source->one_version = true;
+  const auto reader = Open(false);
+  for (const std::uint64_t offset : {3000000U, 6000000U}) {
+    EXPECT_TRUE(Read(*reader, offset, 4096) == content.substr(offset, 4096));
+  }
+  EXPECT_EQ(source->confirms, 0);
+  source->content = Pattern(content.size(), 8);
+  (void)Read(*reader, 8'000'000, 4096, ESTALE);
+  EXPECT_TRUE(Read(*reader, 6'000'000, 4096) == content.substr(6'000'000, 4096));
+}
+
 TEST_F(ReaderTest, ManyThreadsReadTheSameFile) {
   const test::LentLibraries libraries;
   const auto reader = Open();
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (unsigned seed = 1; seed <= 4; ++seed) {
     threads.emplace_back([&, seed] {
       for (size_t i = 0; i < 60; ++i) {
@@ -185,38 +161,17 @@ TEST_F(ReaderTest, ManyThreadsReadTheSameFile) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
 }
 
-// Accepts tasks and does none until it is told to.
-class StuckQueue : public IAsyncQ {
- public:
-  AERROR Push(ASYNCQ_TASK task, void* context, ASYNCQ_LANE /*lane*/) override {
-    tasks.emplace_back(task, context);
-    return SUCCESS;
-  }
-  void Release() override {
-    for (const auto& [task, context] : tasks) {
-      task(context, 1);
-    }
-  }
-  std::vector<std::pair<ASYNCQ_TASK, void*>> tasks;
-};
-
 TEST_F(ReaderTest, AProgramDoesNotWaitForAQueueThatIsBusyWithOtherThings) {
-  StuckQueue queue;
-  FS_BindAsyncQ(&queue);
-  const auto reader = Open();
-  std::string read;
-  for (int i = 0; i < 40; ++i) {
-    read += Read(*reader, read.size(), 100'000);
+  std::latch free(1);
+  const test::LentLibraries libraries;
+  for (int i = 0; i < test::LentLibraries::kWorkers; ++i) {
+    const auto wait = [](void* latch, int) { static_cast<std::latch*>(latch)->wait(); };
+    ASSERT_EQ(libraries.queue->Push(wait, &free, ASYNCQ_URGENT), SUCCESS);
   }
-  FS_UnbindAsyncQ();
-  EXPECT_TRUE(read == content.substr(0, 4'000'000));
-  EXPECT_FALSE(queue.tasks.empty());
-  queue.Release();
+  EXPECT_TRUE(ReadOn(*Open(), 4'000'000) == content.substr(0, 4'000'000));
+  free.count_down();
 }
 
 }  // namespace

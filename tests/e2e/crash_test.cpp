@@ -56,7 +56,8 @@ std::string Show(const Files& files) {
 // Changes the files of a folder, one after another, and notes what was confirmed.
 class Writer {
  public:
-  Writer(unsigned seed, std::string folder_name) : random(seed), own(std::move(folder_name)) {}
+  Writer(unsigned seed, const std::string& folder_name)
+      : random(seed), own(folder_name), other(folder_name + " renamed") {}
 
   void MakeFolder(const fs::path& base) const { fs::create_directory(base / own); }
 
@@ -72,9 +73,14 @@ class Writer {
   // The files there are as was confirmed, with the change that was under way or without it; they
   // are then what the next look has to find.
   void ExpectAsConfirmed(const fs::path& base, const char* when) {
-    const Files there = FilesIn(base / own);
+    const fs::path place = FolderIn(base);
+    EXPECT_NE(fs::exists(base / own), fs::exists(base / other)) << when << ", " << last;
+    if (place.filename() != own) {
+      std::swap(own, other);
+    }
+    const Files there = FilesIn(place);
     EXPECT_TRUE(there == changed || there == confirmed)
-        << when << ", " << base / own << Show(there) << "\nconfirmed" << Show(confirmed)
+        << when << ", " << place << Show(there) << "\nconfirmed" << Show(confirmed)
         << "\nwith the last change, " << last << Show(changed);
     changed = there;
     confirmed = there;
@@ -84,8 +90,8 @@ class Writer {
   void ExpectSynced(const fs::path& remote) const {
     for (const auto& [name, content] : synced) {
       std::string stored;
-      EXPECT_TRUE(tarn::ReadFile(remote / own / name, kLargestBytes, stored) && stored == content)
-          << remote / own / name;
+      const fs::path file = FolderIn(remote) / name;
+      EXPECT_TRUE(tarn::ReadFile(file, kLargestBytes, stored) && stored == content) << file;
     }
   }
 
@@ -107,7 +113,7 @@ class Writer {
     const auto found = confirmed.find(name);
     const bool exists = found != confirmed.end();
     const size_t size = exists ? found->second.size() : 0;
-    switch (Below(10)) {
+    switch (Below(11)) {
       case 0:
       case 1:
         return !exists || RenameOver(name, SomeName());
@@ -119,6 +125,8 @@ class Writer {
         return Write(name, 0, exists ? Below(size + 1) : 0);
       case 5:  // as editors do
         return Write("new", O_TRUNC, 0) && RenameOver("new", name);
+      case 6:
+        return RenameFolder();
       default:
         return Write(name, O_TRUNC, 0);
     }
@@ -134,6 +142,19 @@ class Writer {
       changed.erase(name);
     }
     return ::rename((folder / name).c_str(), (folder / new_name).c_str()) == 0;
+  }
+
+  bool RenameFolder() {
+    confirmed = changed;
+    last = "rename the folder to " + other;
+    std::swap(own, other);
+    const fs::path old_folder = std::exchange(folder, folder.parent_path() / own);
+    return ::rename(old_folder.c_str(), folder.c_str()) == 0;
+  }
+
+  // Under its name, or the one that it had before the change that was under way.
+  [[nodiscard]] fs::path FolderIn(const fs::path& base) const {
+    return base / (fs::exists(base / own) ? own : other);
   }
 
   bool Remove(const std::string& name) {
@@ -174,8 +195,9 @@ class Writer {
   }
 
   std::mt19937 random;
-  const std::string own;  // the name of its folder
-  fs::path folder;        // where it writes
+  std::string own;    // the name of its folder
+  std::string other;  // the one that it takes next
+  fs::path folder;    // where it writes
   Files confirmed;
   Files changed;  // with the call that was made last
   Files synced;   // what is at the remote

@@ -221,7 +221,7 @@ class MemoryProtocol : public IProtocol_V2 {
  private:
   struct Item {
     std::string content;
-    FS_INFO info = {.is_folder = 1};
+    FS_INFO info = {1, 0, {}, ""};  // a folder
   };
 
   struct Tree {

@@ -77,7 +77,8 @@ TEST_F(FileSystemTest, CloseTellsThatTheRemoteTookNothingAndTheContentStaysReada
   const auto texts = drive.events->Texts();
   EXPECT_EQ(texts.back(), "end /file 0");
   EXPECT_EQ(texts[texts.size() - 2], "uploading /file 1000000/1000000");
-  EXPECT_LT(texts.size(), 12U) << "32 parts in an instant are not 32 events";
+  const auto is_progress = [](const std::string& text) { return text.starts_with("uploading"); };
+  EXPECT_LT(std::ranges::count_if(texts, is_progress), 6) << "32 parts in an instant";
 }
 
 TEST_F(FileSystemTest, ATimeReachesTheRemoteAndLeavesTheContentReadable) {

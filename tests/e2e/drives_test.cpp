@@ -202,7 +202,8 @@ TEST_F(DrivesE2eTest, AVolumeUnmountedFromOutsideIsReportedAndItsEndHarmsNoOther
 }
 
 TEST_F(DrivesE2eTest, SettingsReachADriveThatRunsAndItsUploadsAreReported) {
-  ASSERT_EQ(Mount(backing, volume, "Labelled"), 0);
+  const DavServer server(DavServer::Kind::kApache);
+  ASSERT_EQ(Mount(server.Url(), volume, "Labelled", "webdav"), 0);
   const auto set = [&](const std::string& command, const std::string& members) {
     return client->AskForResult(DriveMessage(command, volume, members));
   };
@@ -212,7 +213,7 @@ TEST_F(DrivesE2eTest, SettingsReachADriveThatRunsAndItsUploadsAreReported) {
   EXPECT_EQ(errno, EXDEV);
   EXPECT_EQ(set("set_move_folder", R"(,"flag":1)"), 0);
   EXPECT_EQ(::rename((volume / "folder").c_str(), (volume / "moved").c_str()), 0);
-  EXPECT_TRUE(fs::exists(backing / "moved/inner"));
+  EXPECT_TRUE(fs::exists(server.Root() / "moved/inner"));
 
   EXPECT_EQ(set("set_loglevel", R"(,"level":"DEBUG")"), 0);
   EXPECT_EQ(set("set_speedlimit", R"(,"speed":1048576)"), 0);
@@ -231,7 +232,7 @@ TEST_F(DrivesE2eTest, SettingsReachADriveThatRunsAndItsUploadsAreReported) {
     EXPECT_EQ(status, expected);
   }
   EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-  EXPECT_EQ(fs::file_size(backing / "file"), 3 << 20);
+  EXPECT_EQ(fs::file_size(server.Root() / "file"), 3 << 20);
 }
 
 TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientAnswers) {

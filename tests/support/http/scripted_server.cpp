@@ -134,7 +134,6 @@ void ScriptedServer::Serve(int socket) {
     }
   }
   (void)::shutdown(socket, SHUT_RDWR);
-  ++closed;
 }
 
 std::string HttpAnswer(int status, const std::string& body, const std::string& headers) {

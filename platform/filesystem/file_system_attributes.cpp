@@ -162,8 +162,8 @@ void FileSystem::TakeNewVersion(OpenFile& file, const std::string& path) {
     if (now.attributes.size != file.remote.size) {
       return;
     }
-    if (kernel[file.ino].version == file.remote.version) {
-      kernel[file.ino].version = now.attributes.version;
+    if (nodes.Exists(file.ino) && nodes.KernelOf(file.ino).version == file.remote.version) {
+      nodes.KernelOf(file.ino).version = now.attributes.version;
     }
     file.remote = now.attributes;
     file.is_fresh = false;

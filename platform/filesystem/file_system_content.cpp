@@ -22,21 +22,20 @@ bool WantsToWrite(int flags) {
 }  // namespace
 
 FileSystem::Opened FileSystem::MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) {
-  const std::uint64_t number = next_handle++;
-  handles.emplace(number, Handle{.file = file,
+  ++file->handles;
+  file->writers += WantsToWrite(flags) ? 1 : 0;
+  return {.handle = handles.Add({.file = file,
                                  .may_read = (flags & O_ACCMODE) != O_WRONLY,
                                  .may_write = WantsToWrite(flags),
                                  .append = (flags & O_APPEND) != 0,
-                                 .serial = file->serial});
-  ++file->handles;
-  file->writers += WantsToWrite(flags) ? 1 : 0;
-  return {.handle = number, .keep_cache = false};
+                                 .serial = file->serial}),
+          .keep_cache = false};
 }
 
 std::optional<Handle> FileSystem::GetHandle(std::uint64_t handle) {
   const MutexLock guard(lock);
-  const auto found = handles.find(handle);
-  return found == handles.end() ? std::nullopt : std::optional(found->second);
+  const Handle* const open = handles.Find(handle);
+  return open != nullptr ? std::optional(*open) : std::nullopt;
 }
 
 int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& stat, Opened& opened,
@@ -53,7 +52,7 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
   }
   work->MarkDirty();
   const MutexLock guard(lock);
-  if (!PathOf(folder, name)) {
+  if (!nodes.PathOf(folder, name)) {
     return ENOENT;
   }
   if (const auto known = nodes.Find(folder, name); known) {
@@ -109,7 +108,7 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
       file->at_remote = true;
     }
     opened = MakeHandle(file, flags);
-    std::string& version = kernel[ino].version;
+    std::string& version = nodes.KernelOf(ino).version;
     opened.keep_cache = is_local || version == attributes.version;
     version = is_local ? version : attributes.version;
   }
@@ -135,7 +134,7 @@ void FileSystem::Refresh(OpenFile& file, const Attributes& attributes) {
       file.remote.version != attributes.version || (file.reader && file.reader->HasChanged());
   if (is_new || has_changed) {
     file.serial += is_new ? 0 : 1;
-    file.is_fresh = is_new && kernel[file.ino].version != attributes.version;
+    file.is_fresh = is_new && nodes.KernelOf(file.ino).version != attributes.version;
     DropReader(file);
   }
   file.remote = attributes;
@@ -278,10 +277,11 @@ void FileSystem::CloseHandle(std::uint64_t handle) {
   std::optional<std::string> torn;
   {
     const MutexLock guard(lock);
-    const auto open = handles.extract(handle);
-    const auto& file = open.mapped().file;
+    const Handle open = *handles.Find(handle);
+    handles.Remove(handle);
+    const auto& file = open.file;
     --file->handles;
-    file->writers -= open.mapped().may_write ? 1 : 0;
+    file->writers -= open.may_write ? 1 : 0;
     if (file->writers == 0 && file->is_torn) {  // it can never be whole; the close has told
       torn = nodes.PathOf(file->ino);
       file->work.reset();

@@ -59,7 +59,7 @@ void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
       Adopt(std::move(unsent), index);
     }
   }
-  AskSpace();
+  space.Ask();
 }
 
 // The file is there for programs as it was, from the first moment.
@@ -364,7 +364,7 @@ void FileSystem::DropUnsent(OpenFile& file) {
 
 void FileSystem::GiveUpUploadsAt(Ino folder, const std::string& name, bool all) {
   const MutexLock guard(lock);
-  const auto path = PathOf(folder, name);
+  const auto path = nodes.PathOf(folder, name);
   for (const auto& [ino, file] : open_files) {
     if (!path || !file->sending || (!all && file->unsent.state.size <= kQuickBytes)) {
       continue;

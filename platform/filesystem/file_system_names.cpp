@@ -52,7 +52,7 @@ int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
       stat = LocalStat(*file);
       return 0;
     }
-    path = PathOf(folder, name);
+    path = nodes.PathOf(folder, name);
   }
   Listings::Answer answer;
   const auto begin = Clock::now();
@@ -76,7 +76,7 @@ int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
   nodes.AddLookup(ino);
   stat = RemoteStat(ino, answer.attributes, answer.believable);
   if (answer.asked >= begin) {
-    kernel[ino].looked_up = Clock::now();
+    nodes.KernelOf(ino).looked_up = Clock::now();
   }
   return 0;
 }
@@ -84,9 +84,6 @@ int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
 void FileSystem::Forget(Ino ino, std::uint64_t lookups) {
   const MutexLock guard(lock);
   nodes.Forget(ino, lookups);
-  if (!nodes.Exists(ino)) {
-    kernel.erase(ino);
-  }
 }
 
 int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
@@ -279,7 +276,7 @@ void FileSystem::TakePlaceOf(OpenFile& source, const OpenFile* target, Ino new_f
     source.remote = target->remote;
     return;
   }
-  const auto path = PathOf(new_folder, new_name);
+  const auto path = nodes.PathOf(new_folder, new_name);
   const auto there = path ? listings.Find(*path, Clock::now()) : Listings::Answer{};
   source.at_remote =
       there.known == Listings::Known::kPresent ||
@@ -374,8 +371,7 @@ int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
 
 std::uint64_t FileSystem::OpenFolder(Ino folder) {
   const MutexLock guard(lock);
-  open_folders.emplace(next_handle, OpenedFolder{folder, nullptr});
-  return next_handle++;
+  return open_folders.Add({folder, nullptr});
 }
 
 int FileSystem::GetOpenFolder(std::uint64_t handle, bool anew,
@@ -383,12 +379,12 @@ int FileSystem::GetOpenFolder(std::uint64_t handle, bool anew,
   Ino ino = 0;
   {
     const MutexLock guard(lock);
-    const auto folder = open_folders.find(handle);
-    if (folder == open_folders.end()) {
+    const OpenedFolder* const folder = open_folders.Find(handle);
+    if (folder == nullptr) {
       return EBADF;
     }
-    content = folder->second.content;
-    ino = folder->second.ino;
+    content = folder->content;
+    ino = folder->ino;
   }
   if (content && !anew) {
     return 0;
@@ -399,15 +395,15 @@ int FileSystem::GetOpenFolder(std::uint64_t handle, bool anew,
   }
   content = read;
   const MutexLock guard(lock);
-  if (const auto folder = open_folders.find(handle); folder != open_folders.end()) {
-    folder->second.content = content;
+  if (OpenedFolder* const folder = open_folders.Find(handle); folder != nullptr) {
+    folder->content = content;
   }
   return 0;
 }
 
 void FileSystem::CloseFolder(std::uint64_t handle) {
   const MutexLock guard(lock);
-  open_folders.erase(handle);
+  open_folders.Remove(handle);
 }
 
 Ino FileSystem::InoOf(Ino folder, const std::string& name) const {
@@ -437,7 +433,7 @@ void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entrie
 
 bool FileSystem::LookUpEntry(Ino folder, const Entry& entry, Clock::time_point asked, Stat& stat) {
   const MutexLock guard(lock);
-  const auto path = PathOf(folder, entry.name);
+  const auto path = nodes.PathOf(folder, entry.name);
   const auto unsent = FindOpenFile(folder, entry.name);
   const bool is_local = unsent && unsent->work;
   const auto known = path ? listings.Find(*path, Clock::now()) : Listings::Answer{};

@@ -17,8 +17,6 @@ constexpr std::chrono::milliseconds kSameCall{10};
 // The first open of a file that was fetched ahead takes what was found then or since, for a short
 // time: a program that goes through small files would wait for every one of them otherwise.
 constexpr std::chrono::seconds kAheadTrust{1};
-constexpr size_t kMaxRemembered = 4096;
-constexpr size_t kSmallFileBytes = Reader::kBlockBytes;
 
 }  // namespace
 
@@ -37,12 +35,12 @@ FileSystem::Beginning FileSystem::StartReading(Ino ino) {
     ticket = listings.Begin();
     if (listed.known != Listings::Known::kPresent || listed.attributes.is_folder ||
         listed.attributes.size == 0 || FindOpenFile(ino) ||
-        kernel[ino].version == listed.attributes.version) {
+        nodes.KernelOf(ino).version == listed.attributes.version) {
       return {};
     }
   }
   Beginning begun{MakeReader(ino, listed.attributes, true), listed.attributes};
-  if (listed.attributes.size > kSmallFileBytes ||
+  if (listed.attributes.size > SmallFiles::kMaxFileBytes ||
       !remote.ReadsVersions(listed.attributes.protocol)) {
     begun.reader->Begin();
   } else if (begun.reader->FetchBeginning()) {
@@ -69,7 +67,10 @@ void FileSystem::Use(const Beginning& begun, OpenFile& file) {
 bool FileSystem::TrustsForOpen(Ino ino) {
   const auto now = Clock::now();
   const MutexLock guard(lock);
-  KernelState& known = kernel[ino];
+  if (!nodes.Exists(ino)) {
+    return false;
+  }
+  KernelState& known = nodes.KernelOf(ino);
   const auto looked_up = std::exchange(known.looked_up, Clock::time_point{});
   if (looked_up + kSameCall > now) {
     return true;
@@ -218,24 +219,6 @@ void FileSystem::DropReader(OpenFile& file) {
   if (file.reader) {
     file.reader->Stop();
     file.reader.reset();
-  }
-}
-
-void FileSystem::Remember(Ino ino) {
-  const auto known = std::find(remembered.begin(), remembered.end(), ino);
-  if (known != remembered.end()) {
-    remembered.splice(remembered.begin(), remembered, known);
-    return;
-  }
-  nodes.Pin(ino);
-  remembered.push_front(ino);
-  if (remembered.size() > kMaxRemembered) {
-    const Ino oldest = remembered.back();
-    remembered.pop_back();
-    nodes.Unpin(oldest);
-    if (!nodes.Exists(oldest)) {
-      kernel.erase(oldest);
-    }
   }
 }
 

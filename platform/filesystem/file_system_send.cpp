@@ -250,7 +250,9 @@ void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
       file.is_fresh = false;
       file.sending.reset();
       DropReader(file);
-      kernel[file.ino].version = stored.version;
+      if (nodes.Exists(file.ino)) {
+        nodes.KernelOf(file.ino).version = stored.version;
+      }
       listings.SetPresent(path, stored, Clock::now());
       (file.unsent.state.change <= state.change ? sent : newer) = file.unsent;
       if (sent.content) {
@@ -314,8 +316,8 @@ void FileSystem::CloseAll() {
   std::unordered_map<Ino, std::shared_ptr<OpenFile>> closed;  // ends after the lock
   const MutexLock guard(lock);
   closed.swap(open_files);
-  handles.clear();
-  open_folders.clear();
+  handles.Clear();
+  open_folders.Clear();
   for (const auto& [ino, file] : closed) {
     DropReader(*file);
   }

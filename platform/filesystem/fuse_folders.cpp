@@ -27,7 +27,7 @@ class FolderPage {
   FolderPage(fuse_req_t asked, FileSystem& held, Ino read, size_t length)
       : request(asked), files(held), folder(read), buffer(length) {}
 
-  void Fill(const FileSystem::FolderContent& content, size_t offset, bool with_attributes) {
+  void Fill(const FolderContent& content, size_t offset, bool with_attributes) {
     const size_t count = content.entries.size() + 2;
     for (size_t i = offset; i < count; ++i) {
       const bool added = i < 2             ? AddDots(i, with_attributes)
@@ -59,7 +59,7 @@ class FolderPage {
     });
   }
 
-  bool AddPlain(const FileSystem::FolderContent& content, size_t i) {
+  bool AddPlain(const FolderContent& content, size_t i) {
     const Entry& entry = content.entries[i - 2];
     struct stat attributes = {};
     attributes.st_mode = entry.attributes.is_folder ? S_IFDIR : S_IFREG;
@@ -70,7 +70,7 @@ class FolderPage {
     });
   }
 
-  bool AddWithAttributes(const FileSystem::FolderContent& content, size_t i) {
+  bool AddWithAttributes(const FolderContent& content, size_t i) {
     const Entry& entry = content.entries[i - 2];
     Stat known;
     fuse_entry_param told = {};
@@ -115,7 +115,7 @@ class FolderPage {
 
 void ReadFolderPage(fuse_req_t request, fuse_ino_t ino, size_t length, off_t offset,
                     const fuse_file_info* open, bool with_attributes) {
-  std::shared_ptr<const FileSystem::FolderContent> content;
+  std::shared_ptr<const FolderContent> content;
   ServeWaiting(
       request,
       [&](FileSystem& files) { return files.GetOpenFolder(open->fh, offset == 0, content); },

@@ -9,6 +9,12 @@
 
 namespace tarn::fs {
 
+// What a folder holds at one moment.
+struct FolderContent {
+  std::vector<Entry> entries;
+  Clock::time_point asked;
+};
+
 // What is known of the remote's files and folders, for as long as it may be believed.
 //
 // An answer of the remote is kept only if nothing changed here since the question was asked: take a

@@ -6,6 +6,12 @@
 
 namespace tarn::fs {
 
+namespace {
+
+constexpr size_t kMaxRemembered = 4096;
+
+}  // namespace
+
 Nodes::Nodes() {
   nodes.emplace(kRootIno, Node{.folder = 0, .name = "", .is_folder = true, .lookups = 1});
 }
@@ -50,6 +56,11 @@ std::optional<std::string> Nodes::PathOf(Ino ino) const {
   return path.empty() ? "/" : path;
 }
 
+std::optional<std::string> Nodes::PathOf(Ino folder, const std::string& name) const {
+  const auto path = PathOf(folder);
+  return path ? std::optional(JoinPath(*path, name)) : std::nullopt;
+}
+
 void Nodes::Forget(Ino ino, std::uint64_t lookups) {
   if (const auto node = nodes.find(ino); node != nodes.end() && ino != kRootIno) {
     node->second.lookups -= std::min(node->second.lookups, lookups);
@@ -60,6 +71,21 @@ void Nodes::Forget(Ino ino, std::uint64_t lookups) {
 void Nodes::Unpin(Ino ino) {
   --nodes.at(ino).pins;
   DropIfUnused(ino);
+}
+
+void Nodes::Remember(Ino ino) {
+  const auto known = std::find(remembered.begin(), remembered.end(), ino);
+  if (known != remembered.end()) {
+    remembered.splice(remembered.begin(), remembered, known);
+    return;
+  }
+  Pin(ino);
+  remembered.push_front(ino);
+  if (remembered.size() > kMaxRemembered) {
+    const Ino oldest = remembered.back();
+    remembered.pop_back();
+    Unpin(oldest);
+  }
 }
 
 void Nodes::Unlink(Ino ino) {

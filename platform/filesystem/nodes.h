@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <optional>
 #include <string>
@@ -9,10 +10,25 @@
 #include <utility>
 #include <vector>
 
+#include "platform/filesystem/attributes.h"
+
 namespace tarn::fs {
 
 using Ino = std::uint64_t;
 inline constexpr Ino kRootIno = 1;
+
+// A name in a folder; without a name the node itself.
+struct Place {
+  Ino ino = 0;
+  std::string name;
+};
+
+// What the kernel holds of a file.
+struct KernelState {
+  std::string version;               // of the pages that it may have
+  Clock::time_point looked_up = {};  // when the remote told of it for a lookup
+  bool fetched_ahead = false;        // its content is in the cache and was not opened since
+};
 
 // Which inode number stands for which place in the drive. A number is given out on the first
 // lookup, never twice, and stays with the file when it or a folder above it is renamed. A node is
@@ -34,13 +50,19 @@ class Nodes {
 
   // The place of a node; empty when it, or a folder above it, was removed.
   [[nodiscard]] std::optional<std::string> PathOf(Ino ino) const;
+  [[nodiscard]] std::optional<std::string> PathOf(Ino folder, const std::string& name) const;
 
+  // Of a node that exists.
   [[nodiscard]] Ino FolderOf(Ino ino) const { return nodes.at(ino).folder; }
+  [[nodiscard]] KernelState& KernelOf(Ino ino) { return nodes.at(ino).kernel; }
+  [[nodiscard]] const KernelState& KernelOf(Ino ino) const { return nodes.at(ino).kernel; }
 
   void AddLookup(Ino ino) { ++nodes.at(ino).lookups; }
   void Forget(Ino ino, std::uint64_t lookups);
   void Pin(Ino ino) { ++nodes.at(ino).pins; }
   void Unpin(Ino ino);
+  // Pins a file that was read, whose number its blocks in the cache have, until many others were.
+  void Remember(Ino ino);
 
   // The name is gone; the node stays for those that still use it.
   void Unlink(Ino ino);
@@ -56,12 +78,14 @@ class Nodes {
     std::uint64_t lookups = 0;
     std::uint64_t pins = 0;      // uses of ours
     std::uint64_t children = 0;  // nodes whose folder this is, linked or not
+    KernelState kernel = {};
   };
 
   void DropIfUnused(Ino ino);
 
   std::unordered_map<Ino, Node> nodes;
   std::map<std::pair<Ino, std::string>, Ino> places;  // of the linked ones
+  std::list<Ino> remembered;                          // the last read first
   Ino next_ino = kRootIno + 1;
 };
 

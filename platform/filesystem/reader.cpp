@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/filesystem/bindings.h"
+#include "platform/filesystem/background.h"
 
 namespace tarn::fs {
 
@@ -19,28 +19,6 @@ constexpr std::uint64_t BlockStart(std::uint64_t offset) {
 }
 
 }  // namespace
-
-struct Reader::Task {
-  std::shared_ptr<Reader> reader;
-  PiecePtr piece;
-
-  static void Run(void* context, int stopping) {
-    const std::unique_ptr<Task> self(static_cast<Task*>(context));
-    Reader& reader = *self->reader;
-    {
-      const MutexLock guard(reader.lock);
-      if (self->piece->state != State::kWaiting) {
-        return;  // a program could not wait, or nobody wants it any more
-      }
-      if (stopping != 0 || reader.stopped) {
-        reader.RemovePiece(self->piece);
-        return;
-      }
-      self->piece->state = State::kBusy;
-    }
-    reader.Load(self->piece);
-  }
-};
 
 Reader::PiecePtr Reader::FindPiece(std::uint64_t offset) const {
   auto piece = pieces.upper_bound(offset);
@@ -176,6 +154,21 @@ int Reader::Finish(const PiecePtr& piece) {
   return piece->error;
 }
 
+void Reader::LoadQueued(const PiecePtr& piece, bool stopping) {
+  {
+    const MutexLock guard(lock);
+    if (piece->state != State::kWaiting) {
+      return;  // a program could not wait, or nobody wants it any more
+    }
+    if (stopping || stopped) {
+      RemovePiece(piece);
+      return;
+    }
+    piece->state = State::kBusy;
+  }
+  Load(piece);
+}
+
 void Reader::Load(const PiecePtr& piece) {
   const bool is_first = IsFirst();
   Loaded(piece, is_first, LoadInto(*piece, is_first));
@@ -306,13 +299,11 @@ bool Reader::HasChanged() {
 }
 
 bool Reader::Push(const PiecePtr& piece, ASYNCQ_LANE lane) {
-  auto task = std::make_unique<Task>(Task{shared_from_this(), piece});
-  {
-    const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
-    if (queue && queue->Push(&Task::Run, task.get(), lane) == SUCCESS) {
-      (void)task.release();  // the queue's now
-      return true;
-    }
+  const auto work = [self = shared_from_this(), piece](bool stopping) {
+    self->LoadQueued(piece, stopping);
+  };
+  if (PushWork(work, lane)) {
+    return true;
   }
   const MutexLock guard(lock);
   if (piece->state == State::kWaiting) {

@@ -97,7 +97,6 @@ class Reader : public std::enable_shared_from_this<Reader> {
     std::shared_ptr<Buffer> buffer;
   };
   using PiecePtr = std::shared_ptr<Piece>;
-  struct Task;
 
   [[nodiscard]] PiecePtr FindPiece(std::uint64_t offset) const TARN_REQUIRES(lock);
   PiecePtr AddPiece(std::uint64_t offset, size_t length) TARN_REQUIRES(lock);
@@ -109,6 +108,7 @@ class Reader : public std::enable_shared_from_this<Reader> {
 
   // Waits for the piece, or does it when nobody has begun.
   [[nodiscard]] int Finish(const PiecePtr& piece);
+  void LoadQueued(const PiecePtr& piece, bool stopping);
   void Load(const PiecePtr& piece);
   [[nodiscard]] bool IsFirst();
   [[nodiscard]] int LoadInto(Piece& piece, bool is_first);

@@ -3,25 +3,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/filesystem/bindings.h"
+#include "platform/filesystem/background.h"
 #include "platform/filesystem/errors.h"
 
 namespace tarn::fs {
-
-struct Uploads::Task {
-  std::shared_ptr<Uploads> uploads;
-
-  static void Run(void* context, int stopping) {
-    const std::unique_ptr<Task> self(static_cast<Task*>(context));
-    if (stopping == 0) {
-      self->uploads->SendAllReady();
-      return;
-    }
-    const MutexLock guard(self->uploads->lock);
-    --self->uploads->senders;
-    self->uploads->changed.notify_all();
-  }
-};
 
 Uploads::Uploads(Send sender, Pauses between_attempts)
     : send(std::move(sender)), pauses(between_attempts), random(std::random_device()()) {}
@@ -170,16 +155,19 @@ void Uploads::StartSenders() {
       }
       ++senders;
     }
-    auto task = std::make_unique<Task>(Task{shared_from_this()});
-    const Lent<IAsyncQ>::Lease queue(Bindings::Get().queue);
-    if (!queue || queue->Push(&Task::Run, task.get(), ASYNCQ_BACKGROUND) != SUCCESS) {
-      const MutexLock guard(lock);
-      --senders;
-      changed.notify_all();  // the waiter sends
+    if (!PushWork([self = shared_from_this()](bool stopping) {
+          stopping ? self->SenderEnded() : self->SendAllReady();
+        })) {
+      SenderEnded();  // the waiter sends
       return;
     }
-    (void)task.release();  // the queue's now
   }
+}
+
+void Uploads::SenderEnded() {
+  const MutexLock guard(lock);
+  --senders;
+  changed.notify_all();
 }
 
 void Uploads::SendAllReady() {

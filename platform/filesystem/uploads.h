@@ -72,7 +72,6 @@ class Uploads : public std::enable_shared_from_this<Uploads> {
     bool is_last_try = false;    // begun since Finish began
     bool refused = false;        // such a try failed, by a remote that can be reached
   };
-  struct Task;
 
   void Sent(Ino ino, AERROR error) TARN_REQUIRES(lock);
   [[nodiscard]] Clock::duration PauseAfter(int failures) TARN_REQUIRES(lock);
@@ -80,6 +79,7 @@ class Uploads : public std::enable_shared_from_this<Uploads> {
   // Puts senders to work as long as there is something for them.
   void StartSenders() TARN_EXCLUDES(lock);
   void SendAllReady() TARN_EXCLUDES(lock);
+  void SenderEnded() TARN_EXCLUDES(lock);
   Clock::time_point EndPauses() TARN_REQUIRES(lock);
   void WaitForPauses();
   [[nodiscard]] bool NothingMoreToTry() const TARN_REQUIRES(lock);

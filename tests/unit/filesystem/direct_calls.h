@@ -111,7 +111,7 @@ class DirectCalls : public Calls {
   }
   int List(const std::string& path, std::vector<std::string>& names) override {
     const Node node(files, path);
-    fs::FileSystem::FolderContent content;
+    fs::FolderContent content;
     const int error = node.error != 0 ? node.error : files.ReadFolder(node.stat.ino, content);
     names.clear();
     for (const fs::Entry& entry : content.entries) {

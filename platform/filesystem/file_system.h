@@ -1,27 +1,23 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
-#include <unordered_map>
 #include <vector>
 
 #include "common/sync.h"
+#include "platform/filesystem/ahead.h"
+#include "platform/filesystem/drive_state.h"
 #include "platform/filesystem/events.h"
+#include "platform/filesystem/finder.h"
 #include "platform/filesystem/handle_table.h"
 #include "platform/filesystem/journal.h"
 #include "platform/filesystem/known_space.h"
-#include "platform/filesystem/listings.h"
-#include "platform/filesystem/nodes.h"
-#include "platform/filesystem/open_file.h"
-#include "platform/filesystem/path_locks.h"
+#include "platform/filesystem/readers.h"
 #include "platform/filesystem/remote.h"
-#include "platform/filesystem/small_files.h"
 #include "platform/filesystem/uploads.h"
 
 namespace tarn::fs {
@@ -52,12 +48,10 @@ struct AttributeChange {
 // A drive as programs see it: folders, files and open files over the remote. This is the whole of a
 // volume but the kernel's side of it, which an adapter connects.
 //
-// Owns:    the inode numbers, what is known of the remote, the open files and their work files.
+// Owns:    the drive's state and all who work on it, who share this object's life.
 // Threads: any, several at once.
-// Locks:   `lock` guards the state and comes before a work file's own; neither is held while the
-//          remote works, nor while an event is told. Changes of the remote are put in order by
-//          `changes`, which is taken with no lock held; those of the journal by `publishing`, which
-//          comes before `lock` and is held while the disk works.
+// Locks:   the state's. Changes of the journal are put in order by `publishing`, which comes before
+//          it and is held while the disk works.
 // Errors:  0 or an errno value.
 class FileSystem : public std::enable_shared_from_this<FileSystem> {
  public:
@@ -80,7 +74,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] Events& GetEvents() { return events; }
 
   // Whatever is known is asked anew after the machine has slept. To be called for every request.
-  void NoticeResume() TARN_EXCLUDES(lock);
+  void NoticeResume() TARN_EXCLUDES(drive.lock);
 
   // Names. For ENOENT, Lookup says in `valid_for` how long that holds. Lookup, Create, MakeFolder
   // and LookUpEntry count one lookup, which Forget takes back.
@@ -110,8 +104,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] Space GetSpace() { return space.Get(); }
   // What is to be seen of the drive, at its root, and of a file. False: there is no such attribute.
   [[nodiscard]] bool GetExtended(Ino ino, std::string_view name, std::string& value) const
-      TARN_EXCLUDES(lock);
-  [[nodiscard]] std::vector<std::string_view> ListExtended(Ino ino) const TARN_EXCLUDES(lock);
+      TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] std::vector<std::string_view> ListExtended(Ino ino) const TARN_EXCLUDES(drive.lock);
 
   // Content. `flags` are those of open(2). `keep_cache`: what the kernel holds of it is still
   // right.
@@ -142,58 +136,16 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   void CloseAll();
 
  private:
-  struct RemoteContent;  // the content on its way from the remote
-
-  // Believable knowledge, from the remote unless it is there already or is to be asked anew.
-  [[nodiscard]] int Find(const std::string& path, bool ask_anew, Listings::Answer& answer)
-      TARN_EXCLUDES(lock);
-  [[nodiscard]] int FindInFolder(const std::string& path, Listings::Answer& answer)
-      TARN_EXCLUDES(lock);
-  // The believable listing of a folder; asked for once when several want it at the same time.
-  [[nodiscard]] AERROR GetListing(const std::string& path, FolderContent& content)
-      TARN_EXCLUDES(lock);
-  // Fetches what programs are likely to want next, in the background, a bounded number at a time.
-  void ListAhead(const std::string& folder, const std::vector<Entry>& entries) TARN_EXCLUDES(lock);
-  // What was begun to read for an open, of the file as it was expected to be.
-  struct Beginning {
-    std::shared_ptr<Reader> reader;  // null: nothing
-    Attributes expected;
-    bool is_confirmed = false;  // it is there, and the file is as expected
-  };
-  Beginning StartReading(Ino ino) TARN_EXCLUDES(lock);
-  // Takes over what was begun for this open, if it is of what was found.
-  static void Use(const Beginning& begun, OpenFile& file);
-  std::shared_ptr<Reader> MakeReader(Ino ino, const Attributes& attributes, bool is_fresh);
-  // A file was opened; `waited`: until it was known how it is.
-  void OpenedSmall(const OpenFile& file, const Beginning& begun, Clock::duration waited)
-      TARN_EXCLUDES(lock);
-  void FetchNextSmall() TARN_EXCLUDES(lock);
-  void ListAgain(Ino folder) TARN_EXCLUDES(lock);
-  [[nodiscard]] bool ReadSmall(const std::string& path, const Attributes& expected,
-                               const std::shared_ptr<Buffer>& content) TARN_EXCLUDES(lock);
-  void FetchFileAhead(Ino folder, const std::string& name) TARN_EXCLUDES(lock);
-  [[nodiscard]] bool StartAhead(std::function<void()> work) TARN_EXCLUDES(lock);
-  [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino ino) const TARN_REQUIRES(lock);
-  [[nodiscard]] std::shared_ptr<OpenFile> FindOpenFile(Ino folder, const std::string& name) const
-      TARN_REQUIRES(lock);
-  std::shared_ptr<OpenFile> EnsureOpenFile(Ino ino) TARN_REQUIRES(lock);
-  void DropOpenFileIfUnused(const std::shared_ptr<OpenFile>& file) TARN_REQUIRES(lock);
-  Stat LocalStat(const OpenFile& file) const TARN_REQUIRES(lock);
+  [[nodiscard]] Owner ShareOfThis();
+  Stat LocalStat(const OpenFile& file) const TARN_REQUIRES(drive.lock);
   Stat RemoteStat(Ino ino, const Attributes& attributes, Clock::duration valid_for) const;
 
-  // The right to change some places, whose paths go to `paths`. Unset when one does not exist.
-  [[nodiscard]] std::optional<PathLocks::Hold> HoldPlaces(const std::vector<Place>& places,
-                                                          std::vector<std::string>& paths);
-  [[nodiscard]] bool GetPaths(const std::vector<Place>& places,
-                              std::vector<std::string>& paths) const TARN_REQUIRES(lock);
-
-  Opened MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) TARN_REQUIRES(lock);
-  [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(lock);
-  void CloseHandle(std::uint64_t handle) TARN_EXCLUDES(lock);
-  [[nodiscard]] int FindForOpen(Ino ino, int flags, Attributes& attributes, Beginning& begun);
-  [[nodiscard]] bool TrustsForOpen(Ino ino) TARN_EXCLUDES(lock);
-  [[nodiscard]] bool WasStoredSince(Ino ino, const Attributes& answer) const TARN_REQUIRES(lock);
-  void Refresh(OpenFile& file, const Attributes& attributes) TARN_REQUIRES(lock);
+  Opened MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) TARN_REQUIRES(drive.lock);
+  [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(drive.lock);
+  void CloseHandle(std::uint64_t handle) TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] bool WasStoredSince(Ino ino, const Attributes& answer) const
+      TARN_REQUIRES(drive.lock);
+  void Refresh(OpenFile& file, const Attributes& attributes) TARN_REQUIRES(drive.lock);
   [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
 
   // The file's work file, made when there is none of the first `keep` bytes of the remote's
@@ -201,54 +153,54 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t keep,
                             std::shared_ptr<WorkFile>& work);
   [[nodiscard]] WorkFile::Base BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length)
-      TARN_EXCLUDES(lock);
-  [[nodiscard]] int Complete(OpenFile& file) TARN_EXCLUDES(lock);
-  std::shared_ptr<Reader> ReaderFor(OpenFile& file) TARN_EXCLUDES(lock);
-  static void DropReader(OpenFile& file);
+      TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] int Complete(OpenFile& file) TARN_EXCLUDES(drive.lock);
   // Lets those who have the file open keep its content, which the remote is about to lose.
   [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
 
   // An empty work file where the unsent ones are kept.
   [[nodiscard]] int MakeWork(std::shared_ptr<WorkFile>& work) const;
   // What programs wrote is safe from now on: in the journal, or else at the remote.
-  [[nodiscard]] int Save(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
-  [[nodiscard]] bool HasNewsAtRelease(const OpenFile& file) const TARN_EXCLUDES(lock);
+  [[nodiscard]] int Save(const std::shared_ptr<OpenFile>& file)
+      TARN_EXCLUDES(publishing, drive.lock);
+  [[nodiscard]] bool HasNewsAtRelease(const OpenFile& file) const TARN_EXCLUDES(drive.lock);
   // Puts what is not stored into the journal.
-  [[nodiscard]] int Publish(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(publishing, lock);
+  [[nodiscard]] int Publish(const std::shared_ptr<OpenFile>& file)
+      TARN_EXCLUDES(publishing, drive.lock);
   // Its place, or what it replaces, has changed.
   void PublishAnew(const OpenFile& file, const std::string& superseded_id = "")
-      TARN_EXCLUDES(publishing, lock);
-  // What waits to be sent of a node and those below it, and where it goes.
-  [[nodiscard]] std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> UnsentAt(
-      Ino top) const TARN_REQUIRES(lock);
+      TARN_EXCLUDES(publishing, drive.lock);
   // Tells the journal of their new places, and of what was replaced.
   void UnsentMoved(Ino top, bool at_remote, const std::string& superseded_id)
-      TARN_EXCLUDES(publishing, lock);
+      TARN_EXCLUDES(publishing, drive.lock);
   [[nodiscard]] int PutRecord(const OpenFile& file, const std::string& path,
                               const WorkFile::Snapshot& snapshot,
                               const std::string& superseded_id = "") TARN_REQUIRES(publishing);
   // Notes a move that concerns unsent files before the remote hears of it. Unset: concerns none.
   [[nodiscard]] std::optional<Journal::Move> NoteMove(Ino source_ino,
                                                       const std::vector<std::string>& paths,
-                                                      const OpenFile* target) TARN_EXCLUDES(lock);
+                                                      const OpenFile* target)
+      TARN_EXCLUDES(drive.lock);
   // Puts right what a process that ended in the middle of a move left.
-  void Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found) TARN_EXCLUDES(lock);
+  void Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found)
+      TARN_EXCLUDES(drive.lock);
   // Nobody wants it at the remote any more.
-  void DropUnsent(OpenFile& file) TARN_EXCLUDES(publishing, lock);
+  void DropUnsent(OpenFile& file) TARN_EXCLUDES(publishing, drive.lock);
   // Has uploads of files at or below the place end, those that would take long or all of them.
-  void GiveUpUploadsAt(Ino folder, const std::string& name, bool all) TARN_EXCLUDES(lock);
-  void Adopt(Journal::Unsent unsent, int protocol) TARN_EXCLUDES(lock);
-  [[nodiscard]] bool HasJournalFor(const OpenFile& file) TARN_EXCLUDES(lock);
+  void GiveUpUploadsAt(Ino folder, const std::string& name, bool all) TARN_EXCLUDES(drive.lock);
+  void Adopt(Journal::Unsent unsent, int protocol) TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] bool HasJournalFor(const OpenFile& file) TARN_EXCLUDES(drive.lock);
 
-  std::shared_ptr<Uploads> GetUploads() TARN_EXCLUDES(lock);
-  [[nodiscard]] AERROR SendInBackground(Ino ino) TARN_EXCLUDES(lock);
+  std::shared_ptr<Uploads> GetUploads() TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] AERROR SendInBackground(Ino ino) TARN_EXCLUDES(drive.lock);
   enum class What {
     kSaved,    // what is in the journal, or could not be put there
     kCurrent,  // what there is now
   };
   // SUCCESS: the remote has it, or there was nothing to send, or nobody wants it any more.
   // RETRY_UPLOAD: was given up, perhaps for a rename.
-  [[nodiscard]] AERROR Send(const std::shared_ptr<OpenFile>& file, What what) TARN_EXCLUDES(lock);
+  [[nodiscard]] AERROR Send(const std::shared_ptr<OpenFile>& file, What what)
+      TARN_EXCLUDES(drive.lock);
   // What is to be sent of a file next.
   struct Outgoing {
     std::shared_ptr<WorkFile> work;
@@ -259,93 +211,89 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   };
   // The snapshot is one of the file's attempts from now on; without one there is nothing to send.
   [[nodiscard]] AERROR BeginSending(OpenFile& file, What what, Outgoing& outgoing)
-      TARN_EXCLUDES(publishing, lock);
+      TARN_EXCLUDES(publishing, drive.lock);
   [[nodiscard]] bool Remedy(const std::shared_ptr<OpenFile>& file, const std::string& path,
                             const Outgoing& outgoing, AERROR& error, Attributes& stored);
   // Takes back that attempt where the remote cannot have it.
-  void NotSent(OpenFile& file, const Outgoing& outgoing) TARN_EXCLUDES(publishing, lock);
+  void NotSent(OpenFile& file, const Outgoing& outgoing) TARN_EXCLUDES(publishing, drive.lock);
   // Those that are not what is in the journal go.
   static void Discard(const std::vector<WorkFile::Snapshot>& attempts,
                       const WorkFile::Snapshot& unsent);
   // Unset: cannot be found out now.
   [[nodiscard]] std::optional<bool> IsAnAttempt(const OpenFile& file, const std::string& path,
-                                                const Attributes& there) TARN_EXCLUDES(lock);
+                                                const Attributes& there) TARN_EXCLUDES(drive.lock);
   // Whether the remote has something under the file's name, as far as that is known or can be
   // asked.
   [[nodiscard]] bool HasCome(const std::shared_ptr<OpenFile>& file, const std::string& path)
-      TARN_EXCLUDES(lock);
-  [[nodiscard]] int SendNow(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(lock);
+      TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] int SendNow(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] AERROR Upload(const std::string& path, const Outgoing& outgoing,
                               Attributes& stored);
   [[nodiscard]] bool SettleConflict(const std::shared_ptr<OpenFile>& file, const std::string& path,
                                     const Outgoing& outgoing, AERROR& error, Attributes& stored);
   [[nodiscard]] std::string FreeConflictName(Ino folder, const std::string& name) const
-      TARN_REQUIRES(lock);
+      TARN_REQUIRES(drive.lock);
   [[nodiscard]] std::optional<bool> IsAtRemote(const std::string& path,
                                                const Attributes& attributes,
                                                const WorkFile::Snapshot& snapshot);
   // Somebody else has a file of this name: ours takes another one beside it.
   void MoveAside(const std::shared_ptr<OpenFile>& file, const std::string& path)
-      TARN_EXCLUDES(lock);
+      TARN_EXCLUDES(drive.lock);
   [[nodiscard]] bool MakeFoldersAbove(const std::string& path);
   void Stored(OpenFile& file, const std::string& path, WorkFile& work, const WorkFile::State& state,
-              const Attributes& stored) TARN_EXCLUDES(publishing, lock);
+              const Attributes& stored) TARN_EXCLUDES(publishing, drive.lock);
 
-  [[nodiscard]] bool MayHave(mode_t permissions, const Stat& stat) const TARN_EXCLUDES(lock);
+  [[nodiscard]] bool MayHave(mode_t permissions, const Stat& stat) const TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
-  [[nodiscard]] bool IsAsOpened(const OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
-  void TakeNewVersion(OpenFile& file, const std::string& path) TARN_EXCLUDES(lock);
   [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
   [[nodiscard]] bool SetUnsentModified(Ino ino, const FS_TIME& time)
-      TARN_EXCLUDES(publishing, lock);
-  [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(lock);
+      TARN_EXCLUDES(publishing, drive.lock);
+  [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
-      TARN_EXCLUDES(lock);
+      TARN_EXCLUDES(drive.lock);
   void TakePlaceOf(OpenFile& source, const OpenFile* target, Ino new_folder,
-                   const std::string& new_name) TARN_REQUIRES(lock);
+                   const std::string& new_name) TARN_REQUIRES(drive.lock);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
-             const std::vector<std::string>& paths) TARN_REQUIRES(lock);
+             const std::vector<std::string>& paths) TARN_REQUIRES(drive.lock);
   // Whether the folder has files that only this side knows of; and adds them to a listing.
-  [[nodiscard]] bool HoldsUnsent(Ino folder, const std::string& name) const TARN_REQUIRES(lock);
-  void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const TARN_REQUIRES(lock);
+  [[nodiscard]] bool HoldsUnsent(Ino folder, const std::string& name) const
+      TARN_REQUIRES(drive.lock);
+  void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const
+      TARN_REQUIRES(drive.lock);
   // How far a file is on its way to the remote: "clean", "unsent", "sending" or "failed: reason".
   struct Unsent {
     std::string state = "clean";
     std::uint64_t bytes = 0;  // that the remote lacks
   };
-  [[nodiscard]] Unsent StateOf(const OpenFile& file) const TARN_REQUIRES(lock);
+  [[nodiscard]] Unsent StateOf(const OpenFile& file) const TARN_REQUIRES(drive.lock);
   [[nodiscard]] std::string StateOfAll(std::uint64_t& count, std::uint64_t& bytes) const
-      TARN_REQUIRES(lock);
+      TARN_REQUIRES(drive.lock);
   // Called when the remote cannot be reached any more, and when it can be again.
-  void ReachabilityChanged(bool is_reachable) TARN_EXCLUDES(lock);
+  void ReachabilityChanged(bool is_reachable) TARN_EXCLUDES(drive.lock);
 
+  DriveState drive;
   Remote remote;
   Events events;
-  PathLocks changes;
   const FS_TIME mounted_at;
   const Clock::duration time_out;
   Suspension suspension;
+  Finder finder;
+  Readers readers;
+  Ahead ahead;
   KnownSpace space;
   std::atomic<std::uint64_t> progress = 0;  // grows while an upload moves
   std::unique_ptr<Journal> journal;         // set once, before the first use
 
   Mutex publishing;
-  mutable Mutex lock;
-  CondVar prepared;
-  Nodes nodes TARN_GUARDED_BY(lock);
-  Listings listings TARN_GUARDED_BY(lock);
-  std::unordered_map<Ino, std::shared_ptr<OpenFile>> open_files TARN_GUARDED_BY(lock);
-  HandleTable<Handle> handles TARN_GUARDED_BY(lock);
+  CondVar prepared;  // a work file
+  HandleTable<Handle> handles TARN_GUARDED_BY(drive.lock);
   struct OpenedFolder {
     Ino ino;
     std::shared_ptr<const FolderContent> content;  // null: not read yet
   };
-  HandleTable<OpenedFolder> open_folders TARN_GUARDED_BY(lock);
-  std::set<std::string> listing_now TARN_GUARDED_BY(lock);
-  int ahead_tasks TARN_GUARDED_BY(lock) = 0;
-  SmallFiles small TARN_GUARDED_BY(lock);
-  std::vector<std::string> identities TARN_GUARDED_BY(lock);  // of the protocols
-  std::shared_ptr<Uploads> uploads TARN_GUARDED_BY(lock);     // made when it is needed
+  HandleTable<OpenedFolder> open_folders TARN_GUARDED_BY(drive.lock);
+  std::vector<std::string> identities TARN_GUARDED_BY(drive.lock);  // of the protocols
+  std::shared_ptr<Uploads> uploads TARN_GUARDED_BY(drive.lock);     // made when it is needed
 };
 
 }  // namespace tarn::fs

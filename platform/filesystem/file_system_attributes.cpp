@@ -15,28 +15,28 @@ int FileSystem::GetAttributes(Ino ino, Stat& stat) {
   }
   std::optional<std::string> path;
   {
-    const MutexLock guard(lock);
-    if (const auto file = FindOpenFile(ino); file && file->work) {
+    const MutexLock guard(drive.lock);
+    if (const auto file = drive.open_files.Find(ino); file && file->work) {
       stat = LocalStat(*file);
       return 0;
     }
-    path = nodes.PathOf(ino);
-    if (!path && nodes.IsFolder(ino)) {  // removed, but somebody's current folder
+    path = drive.nodes.PathOf(ino);
+    if (!path && drive.nodes.IsFolder(ino)) {  // removed, but somebody's current folder
       stat = {.ino = ino, .modified = mounted_at, .linked = false, .valid_for = time_out};
       return 0;
     }
   }
   Listings::Answer answer;
-  if (const int error = path ? Find(*path, false, answer) : ENOENT; error != 0) {
+  if (const int error = path ? finder.Find(*path, false, answer) : ENOENT; error != 0) {
     return error;
   }
-  const MutexLock guard(lock);
-  if (const auto file = FindOpenFile(ino); file && file->work) {
+  const MutexLock guard(drive.lock);
+  if (const auto file = drive.open_files.Find(ino); file && file->work) {
     stat = LocalStat(*file);  // made while the remote was asked
     return 0;
   }
   if (answer.known == Listings::Known::kAbsent ||
-      answer.attributes.is_folder != nodes.IsFolder(ino)) {
+      answer.attributes.is_folder != drive.nodes.IsFolder(ino)) {
     return ESTALE;  // the kernel looks the name up again
   }
   stat = RemoteStat(ino, answer.attributes, answer.believable);
@@ -66,16 +66,16 @@ int FileSystem::SetAttributes(Ino ino, const AttributeChange& change, Stat& stat
 
 // Programs that copy give a new file the permissions that they have created it with.
 bool FileSystem::MayHave(mode_t permissions, const Stat& stat) const {
-  const MutexLock guard(lock);
-  const auto file = FindOpenFile(stat.ino);
+  const MutexLock guard(drive.lock);
+  const auto file = drive.open_files.Find(stat.ino);
   return permissions == stat.Permissions() || (file && file->created_with == permissions);
 }
 
 int FileSystem::SetSize(Ino ino, std::uint64_t size) {
   Opened opened;
   {
-    const MutexLock guard(lock);
-    if (const auto file = FindOpenFile(ino); file && file->writers > 0) {
+    const MutexLock guard(drive.lock);
+    if (const auto file = drive.open_files.Find(ino); file && file->writers > 0) {
       opened = MakeHandle(file, O_WRONLY);  // those who have it open close it later
     }
   }
@@ -91,7 +91,7 @@ int FileSystem::SetSize(Ino ino, std::uint64_t size) {
   error = error == 0 ? work->SetSize(size) : error;
   bool is_last = false;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     is_last = file->writers == 1;
   }
   if (is_last) {
@@ -107,21 +107,21 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
     return 0;
   }
   std::vector<std::string> paths;
-  const auto hold = HoldPlaces({{ino, ""}}, paths);
+  const auto hold = drive.HoldPlaces({{ino, ""}}, paths);
   if (!hold) {
     return 0;  // a removed file that is still open
   }
   std::shared_ptr<OpenFile> file;
   std::shared_ptr<WorkFile> work;
   {
-    const MutexLock guard(lock);
-    file = FindOpenFile(ino);
+    const MutexLock guard(drive.lock);
+    file = drive.open_files.Find(ino);
     work = file ? file->work : nullptr;
   }
   if (SetUnsentModified(ino, time)) {  // it was changed while this waited
     return 0;
   }
-  const bool is_as_opened = file && IsAsOpened(*file, paths[0]);
+  const bool is_as_opened = file && finder.IsAsOpened(*file, paths[0]);
   const AERROR error = remote.SetModifiedTime(paths[0], time);
   if (error == NOT_SUPPORTED) {
     return 0;  // the remote keeps no times; programs that copy them are not to fail for it
@@ -133,43 +133,13 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
     work->SetModified(time);
   }
   {
-    const MutexLock guard(lock);
-    listings.Forget(paths[0]);
+    const MutexLock guard(drive.lock);
+    drive.listings.Forget(paths[0]);
   }
-  if (is_as_opened) {
-    TakeNewVersion(*file, paths[0]);
+  if (is_as_opened && finder.TakeNewVersion(*file, paths[0])) {
+    PublishAnew(*file);
   }
   return 0;
-}
-
-bool FileSystem::IsAsOpened(const OpenFile& file, const std::string& path) {
-  Listings::Answer now;
-  if (Find(path, true, now) != 0 || now.known != Listings::Known::kPresent) {
-    return false;
-  }
-  const MutexLock guard(lock);
-  return now.attributes.version == file.remote.version;
-}
-
-// Another time may mean another version of the same content; who has it open reads on.
-void FileSystem::TakeNewVersion(OpenFile& file, const std::string& path) {
-  Listings::Answer now;
-  if (Find(path, true, now) != 0 || now.known != Listings::Known::kPresent) {
-    return;
-  }
-  {
-    const MutexLock guard(lock);
-    if (now.attributes.size != file.remote.size) {
-      return;
-    }
-    if (nodes.Exists(file.ino) && nodes.KernelOf(file.ino).version == file.remote.version) {
-      nodes.KernelOf(file.ino).version = now.attributes.version;
-    }
-    file.remote = now.attributes;
-    file.is_fresh = false;
-    DropReader(file);
-  }
-  PublishAnew(file);
 }
 
 }  // namespace tarn::fs

@@ -40,7 +40,7 @@ bool FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std
   const AERROR asked = remote.GetInfo(path, there);
   const bool is_absent = ErrnoOf(asked) == ENOENT;
   if (is_absent && outgoing.replaces && !outgoing.replaces->empty()) {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     file->at_remote = false;  // removed by somebody else; ours is kept as a new one
     return true;
   }
@@ -65,7 +65,7 @@ bool FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std
     return true;
   }
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     file->at_remote = true;
     file->remote = there;
   }
@@ -77,7 +77,7 @@ std::optional<bool> FileSystem::IsAnAttempt(const OpenFile& file, const std::str
                                             const Attributes& there) {
   std::vector<WorkFile::Snapshot> attempts;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     attempts = file.attempts;
   }
   for (const WorkFile::Snapshot& attempt : attempts) {
@@ -119,7 +119,7 @@ std::string FileSystem::FreeConflictName(Ino folder, const std::string& name) co
   const std::time_t now = std::time(nullptr);
   int number = 1;
   std::string free = ConflictName(name, now, number);
-  while (nodes.Find(folder, free)) {
+  while (drive.nodes.Find(folder, free)) {
     free = ConflictName(name, now, ++number);
   }
   return free;
@@ -128,14 +128,14 @@ std::string FileSystem::FreeConflictName(Ino folder, const std::string& name) co
 void FileSystem::MoveAside(const std::shared_ptr<OpenFile>& file, const std::string& path) {
   std::string new_path;
   {
-    const MutexLock guard(lock);
-    const Ino folder = nodes.FolderOf(file->ino);
+    const MutexLock guard(drive.lock);
+    const Ino folder = drive.nodes.FolderOf(file->ino);
     const std::string name = FreeConflictName(folder, std::string(NameOf(path)));
     new_path = JoinPath(FolderOf(path), name);
-    nodes.Move(file->ino, folder, name);
+    drive.nodes.Move(file->ino, folder, name);
     file->at_remote = false;
-    listings.Forget(path);
-    listings.Forget(new_path);
+    drive.listings.Forget(path);
+    drive.listings.Forget(new_path);
   }
   PublishAnew(*file);
   events.Failed(FS_EVENT_CREATE_FILE, SHARING_VIOLATION, new_path, path);
@@ -153,8 +153,8 @@ bool FileSystem::MakeFoldersAbove(const std::string& path) {
     if (error != SUCCESS && error != ALREADY_EXISTS && error != FILE_EXISTS) {
       return false;
     }
-    const MutexLock guard(lock);
-    listings.Forget(path.substr(0, end));
+    const MutexLock guard(drive.lock);
+    drive.listings.Forget(path.substr(0, end));
   }
   return has_made;
 }

@@ -19,6 +19,27 @@ bool WantsToWrite(int flags) {
   return (flags & O_ACCMODE) != O_RDONLY;
 }
 
+int ReadParts(Reader& reader, std::uint64_t offset, size_t length, std::vector<Bytes>& parts) {
+  parts.clear();
+  for (size_t received = 0; received < length; received += parts.back().length) {
+    Bytes part;
+    const int error = reader.View(offset + received, length - received, part);
+    if (error != 0 || part.length == 0) {
+      return error;
+    }
+    parts.push_back(std::move(part));
+  }
+  return 0;
+}
+
+int ReadWork(WorkFile& work, std::uint64_t offset, size_t length, std::vector<Bytes>& parts) {
+  const auto buffer = Buffer::Make(length);
+  size_t received = 0;
+  const int error = buffer ? work.Read(offset, buffer->data(), length, received) : ENOMEM;
+  parts.assign(1, Bytes{buffer, buffer ? buffer->data() : nullptr, received});
+  return error;
+}
+
 }  // namespace
 
 FileSystem::Opened FileSystem::MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) {
@@ -33,7 +54,7 @@ FileSystem::Opened FileSystem::MakeHandle(const std::shared_ptr<OpenFile>& file,
 }
 
 std::optional<Handle> FileSystem::GetHandle(std::uint64_t handle) {
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   const Handle* const open = handles.Find(handle);
   return open != nullptr ? std::optional(*open) : std::nullopt;
 }
@@ -51,23 +72,23 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
     return error;
   }
   work->MarkDirty();
-  const MutexLock guard(lock);
-  if (!nodes.PathOf(folder, name)) {
+  const MutexLock guard(drive.lock);
+  if (!drive.nodes.PathOf(folder, name)) {
     return ENOENT;
   }
-  if (const auto known = nodes.Find(folder, name); known) {
-    if (const auto file = FindOpenFile(*known); file && file->work) {
+  if (const auto known = drive.nodes.Find(folder, name); known) {
+    if (const auto file = drive.open_files.Find(*known); file && file->work) {
       return EEXIST;
     }
-    nodes.Unlink(*known);  // removed elsewhere
+    drive.nodes.Unlink(*known);  // removed elsewhere
   }
-  const Ino ino = nodes.Ensure(folder, name, false);
-  const auto file = EnsureOpenFile(ino);
-  const auto folder_path = nodes.PathOf(folder).value_or("/");
-  file->remote.protocol = listings.Find(folder_path, Clock::now()).attributes.protocol;
+  const Ino ino = drive.nodes.Ensure(folder, name, false);
+  const auto file = drive.open_files.Ensure(ino);
+  const auto folder_path = drive.nodes.PathOf(folder).value_or("/");
+  file->remote.protocol = drive.listings.Find(folder_path, Clock::now()).attributes.protocol;
   file->work = std::move(work);
   file->created_with = permissions;
-  nodes.AddLookup(ino);
+  drive.nodes.AddLookup(ino);
   opened = MakeHandle(file, flags);
   stat = LocalStat(*file);
   return 0;
@@ -75,25 +96,26 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
 
 int FileSystem::Open(Ino ino, int flags, Opened& opened) {
   {
-    const MutexLock guard(lock);
-    if (nodes.IsFolder(ino)) {
+    const MutexLock guard(drive.lock);
+    if (drive.nodes.IsFolder(ino)) {
       return EISDIR;
     }
-    if (const auto file = FindOpenFile(ino); file && file->work && (flags & O_TRUNC) == 0) {
+    if (const auto file = drive.open_files.Find(ino);
+        file && file->work && (flags & O_TRUNC) == 0) {
       opened = MakeHandle(file, flags);
       opened.keep_cache = true;
       return 0;
     }
   }
   Attributes attributes;
-  Beginning begun;
+  Readers::Beginning begun;
   const auto asked = Clock::now();
-  const int error = FindForOpen(ino, flags, attributes, begun);
+  const int error = readers.Find(ino, !WantsToWrite(flags), attributes, begun);
   const Clock::duration waited = Clock::now() - asked;
   std::shared_ptr<OpenFile> file;
   {
-    const MutexLock guard(lock);
-    const auto known = FindOpenFile(ino);
+    const MutexLock guard(drive.lock);
+    const auto known = drive.open_files.Find(ino);
     const bool is_local = known && (known->work || known->preparing);
     if (error != 0 && !is_local) {
       return error;
@@ -101,18 +123,18 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     if (!is_local && WasStoredSince(ino, attributes)) {
       return ESTALE;  // the kernel asks again
     }
-    file = EnsureOpenFile(ino);
+    file = drive.open_files.Ensure(ino);
     if (!is_local) {
       Refresh(*file, attributes);
-      Use(begun, *file);
+      Readers::TakeOver(begun, *file);
       file->at_remote = true;
     }
     opened = MakeHandle(file, flags);
-    std::string& version = nodes.KernelOf(ino).version;
+    std::string& version = drive.nodes.KernelOf(ino).version;
     opened.keep_cache = is_local || version == attributes.version;
     version = is_local ? version : attributes.version;
   }
-  OpenedSmall(*file, begun, waited);
+  ahead.Opened(*file, begun.reader != nullptr, waited);
   const int truncated = WantsToWrite(flags) && (flags & O_TRUNC) != 0 ? Truncate(file) : 0;
   if (truncated != 0) {
     Release(opened.handle);
@@ -122,8 +144,8 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
 
 // Whether an upload has ended while the remote was asked: the answer is from before it.
 bool FileSystem::WasStoredSince(Ino ino, const Attributes& answer) const {
-  const auto path = nodes.PathOf(ino);
-  const auto known = path ? listings.Find(*path, Clock::now()) : Listings::Answer{};
+  const auto path = drive.nodes.PathOf(ino);
+  const auto known = path ? drive.listings.Find(*path, Clock::now()) : Listings::Answer{};
   return known.known == Listings::Known::kPresent && known.attributes.version != answer.version;
 }
 
@@ -134,8 +156,8 @@ void FileSystem::Refresh(OpenFile& file, const Attributes& attributes) {
       file.remote.version != attributes.version || (file.reader && file.reader->HasChanged());
   if (is_new || has_changed) {
     file.serial += is_new ? 0 : 1;
-    file.is_fresh = is_new && nodes.KernelOf(file.ino).version != attributes.version;
-    DropReader(file);
+    file.is_fresh = is_new && drive.nodes.KernelOf(file.ino).version != attributes.version;
+    file.DropReader();
   }
   file.remote = attributes;
 }
@@ -153,9 +175,9 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
   Attributes attributes;
   std::optional<std::string> path;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     while (file->preparing) {
-      prepared.wait(lock);
+      prepared.wait(drive.lock);
     }
     if (file->work) {
       work = file->work;
@@ -163,25 +185,25 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
     }
     file->preparing = true;
     attributes = file->remote;
-    path = nodes.PathOf(file->ino);
+    path = drive.nodes.PathOf(file->ino);
   }
   int error = path || keep == 0 ? MakeWork(work) : ESTALE;
   if (error == 0 && keep > 0) {
     error = work->SetBase(BaseOf(file, keep));
   }
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   file->preparing = false;
   prepared.notify_all();
   if (error == 0) {
     work->SetModified(attributes.modified);
     file->work = work;
-    work->IsComplete() ? DropReader(*file) : file->reader.reset();
+    work->IsComplete() ? file->DropReader() : file->reader.reset();
   }
   return error;
 }
 
 WorkFile::Base FileSystem::BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length) {
-  const auto reader = ReaderFor(*file);
+  const auto reader = readers.Get(*file);
   return {.read =
               [this, reader](std::uint64_t offset, void* buffer, size_t wanted, size_t& received) {
                 ++progress;
@@ -192,7 +214,7 @@ WorkFile::Base FileSystem::BaseOf(const std::shared_ptr<OpenFile>& file, std::ui
 
 int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     if (file->handles == 0) {
       return 0;
     }
@@ -201,6 +223,34 @@ int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
   int error = WorkFor(file, kWhole, work);
   error = error == 0 ? work->Complete() : error;
   return error == ENOENT ? 0 : error;
+}
+
+int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, size_t length,
+                     std::vector<Bytes>& parts) {
+  const auto open = GetHandle(handle);
+  if (!open) {
+    return EBADF;
+  }
+  const auto find_work = [&](std::shared_ptr<WorkFile>& work) {
+    const MutexLock guard(drive.lock);
+    work = open->file->work;
+    return open->serial == open->file->serial;
+  };
+  std::shared_ptr<WorkFile> work;
+  if (!find_work(work)) {
+    return EIO;  // changed elsewhere since it was opened; a new open sees the change
+  }
+  int error = 0;
+  if (!work) {
+    error = ReadParts(*readers.Get(*open->file), offset, length, parts);
+    if (!find_work(work)) {
+      return EIO;
+    }
+  }
+  if (work) {  // perhaps made meanwhile, because the remote's content was about to go
+    error = ReadWork(*work, offset, length, parts);
+  }
+  return error == ESTALE ? EIO : error;
 }
 
 int FileSystem::Write(std::uint64_t handle, std::uint64_t offset, const void* data, size_t length,
@@ -212,7 +262,7 @@ int FileSystem::Write(std::uint64_t handle, std::uint64_t offset, const void* da
   }
   std::shared_ptr<WorkFile> work;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     if (open->serial != open->file->serial) {
       return EIO;
     }
@@ -256,7 +306,7 @@ int FileSystem::Sync(std::uint64_t handle) {
 // Pages of a mapping may come after the close. The kernel tells of the end of a file late, though:
 // what somebody else has begun to write since is saved when that is closed.
 bool FileSystem::HasNewsAtRelease(const OpenFile& file) const {
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   const bool is_last = file.writers == 1 && file.work && file.work->IsDirty();
   return is_last &&
          (!file.unsent.content || file.unsent.state.change != file.work->GetState().change);
@@ -276,18 +326,18 @@ void FileSystem::Release(std::uint64_t handle) {
 void FileSystem::CloseHandle(std::uint64_t handle) {
   std::optional<std::string> torn;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     const Handle open = *handles.Find(handle);
     handles.Remove(handle);
     const auto& file = open.file;
     --file->handles;
     file->writers -= open.may_write ? 1 : 0;
     if (file->writers == 0 && file->is_torn) {  // it can never be whole; the close has told
-      torn = nodes.PathOf(file->ino);
+      torn = drive.nodes.PathOf(file->ino);
       file->work.reset();
       file->is_torn = false;
     }
-    DropOpenFileIfUnused(file);
+    drive.open_files.DropIfUnused(file);
   }
   if (torn) {
     events.Failed(FS_EVENT_CREATE_FILE, SHARING_VIOLATION, *torn, *torn);

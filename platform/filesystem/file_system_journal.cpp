@@ -41,8 +41,8 @@ void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
   const int index = remote.Add(std::move(protocol));
   const std::string identity = remote.GetIdentity(index);
   {
-    const MutexLock guard(lock);
-    listings.ForgetTree("/");
+    const MutexLock guard(drive.lock);
+    drive.listings.ForgetTree("/");
     identities.resize(std::max(identities.size(), static_cast<size_t>(index) + 1));
     identities[static_cast<size_t>(index)] = identity;
   }
@@ -67,18 +67,18 @@ void FileSystem::Adopt(Journal::Unsent unsent, int protocol) {
   const Journal::Record& record = unsent.record;
   Ino ino = 0;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     Ino folder = kRootIno;
     std::string name(NameOf(record.path));
     for (size_t start = 1, end = 0; end = record.path.find('/', start), end != std::string::npos;
          start = end + 1) {
-      folder = nodes.Ensure(folder, record.path.substr(start, end - start), true);
+      folder = drive.nodes.Ensure(folder, record.path.substr(start, end - start), true);
     }
-    if (const auto other = FindOpenFile(folder, name); other && other->work) {
+    if (const auto other = drive.open_files.Find(folder, name); other && other->work) {
       name = FreeConflictName(folder, name);
     }
-    ino = nodes.Ensure(folder, name, false);
-    const auto file = EnsureOpenFile(ino);
+    ino = drive.nodes.Ensure(folder, name, false);
+    const auto file = drive.open_files.Ensure(ino);
     file->work = std::make_shared<WorkFile>(unsent.content, record.size, record.modified);
     file->unsent = file->work->TakeSnapshot();
     file->id = unsent.id;
@@ -107,7 +107,7 @@ int FileSystem::MakeWork(std::shared_ptr<WorkFile>& work) const {
 }
 
 bool FileSystem::HasJournalFor(const OpenFile& file) {
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   const auto protocol = static_cast<size_t>(file.remote.protocol);
   return journal && protocol < identities.size() && !identities[protocol].empty();
 }
@@ -116,12 +116,12 @@ bool FileSystem::HasJournalFor(const OpenFile& file) {
 int FileSystem::Complete(OpenFile& file) {
   std::shared_ptr<WorkFile> work;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     work = file.work;
   }
   const int error = work && work->IsDirty() ? work->Complete() : 0;
   if (error != 0) {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     file.is_kept = false;
     file.is_torn = error == ESTALE;
   }
@@ -135,7 +135,7 @@ int FileSystem::Save(const std::shared_ptr<OpenFile>& file) {
   }
   bool is_unsent = false;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     is_unsent = file->unsent.content || (error != 0 && !file->is_torn);
   }
   if (is_unsent) {
@@ -147,7 +147,7 @@ int FileSystem::Save(const std::shared_ptr<OpenFile>& file) {
 int FileSystem::Publish(const std::shared_ptr<OpenFile>& file) {
   std::shared_ptr<WorkFile> work;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     work = file->work;
   }
   if (!work || !work->IsDirty() || !work->IsComplete()) {
@@ -157,8 +157,8 @@ int FileSystem::Publish(const std::shared_ptr<OpenFile>& file) {
   const MutexLock one_at_a_time(publishing);
   std::optional<std::string> path;
   {
-    const MutexLock guard(lock);
-    path = nodes.PathOf(file->ino);
+    const MutexLock guard(drive.lock);
+    path = drive.nodes.PathOf(file->ino);
     if (file->id.empty()) {
       file->id = Journal::MakeId();
     }
@@ -169,11 +169,11 @@ int FileSystem::Publish(const std::shared_ptr<OpenFile>& file) {
   }
   if (const int error = PutRecord(*file, *path, snapshot); error != 0) {
     Log(LOGLEVEL_ERROR, "%s cannot be kept until it is sent: %d", path->c_str(), error);
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     file->is_kept = false;
     return error;
   }
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   std::swap(file->unsent, snapshot);
   file->is_kept = true;
   const bool is_attempt = std::any_of(
@@ -193,7 +193,7 @@ int FileSystem::PutRecord(const OpenFile& file, const std::string& path,
   record.size = snapshot.state.size;
   record.modified = snapshot.state.modified;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     record.replaces = file.Replaces();
     for (const WorkFile::Snapshot& attempt : file.attempts) {
       if (attempt.content != snapshot.content && attempt.content->IsKept()) {
@@ -211,8 +211,8 @@ void FileSystem::PublishAnew(const OpenFile& file, const std::string& superseded
   std::optional<std::string> path;
   WorkFile::Snapshot snapshot;
   {
-    const MutexLock guard(lock);
-    path = nodes.PathOf(file.ino);
+    const MutexLock guard(drive.lock);
+    path = drive.nodes.PathOf(file.ino);
     snapshot = file.unsent;
   }
   if (!path || !snapshot.content) {
@@ -223,43 +223,18 @@ void FileSystem::PublishAnew(const OpenFile& file, const std::string& superseded
   }
 }
 
-std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> FileSystem::UnsentAt(Ino top) const {
-  std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> found;
-  const auto add = [&](const std::shared_ptr<OpenFile>& file) TARN_REQUIRES(lock) {
-    if (const auto place = nodes.PathOf(file->ino); place && file->work && file->work->IsDirty()) {
-      found.emplace_back(file, *place);
-    }
-  };
-  if (!nodes.Exists(top)) {
-    return found;
-  }
-  if (!nodes.IsFolder(top)) {
-    if (const auto file = FindOpenFile(top); file) {
-      add(file);
-    }
-    return found;
-  }
-  const auto path = nodes.PathOf(top).value_or("");
-  for (const auto& [ino, file] : open_files) {
-    if (const auto place = nodes.PathOf(ino); place && IsWithin(*place, path)) {
-      add(file);
-    }
-  }
-  return found;
-}
-
 // A move may have changed the versions, too: what is still ours is to be replaced under the new
 // one.
 void FileSystem::UnsentMoved(Ino top, bool at_remote, const std::string& superseded_id) {
   std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> moved;
   {
-    const MutexLock guard(lock);
-    moved = UnsentAt(top);
+    const MutexLock guard(drive.lock);
+    moved = drive.open_files.UnsentAt(top);
   }
   for (const auto& [file, place] : moved) {
     Attributes now;
     if (at_remote && file->at_remote && remote.GetInfo(place, now) == SUCCESS) {
-      const MutexLock guard(lock);
+      const MutexLock guard(drive.lock);
       const bool is_the_same = IsSame(now, file->remote.size, file->remote.modified);
       file->remote = is_the_same ? now : file->remote;
     }
@@ -272,11 +247,11 @@ std::optional<Journal::Move> FileSystem::NoteMove(Ino source_ino,
                                                   const OpenFile* target) {
   Journal::Move move;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     if (target != nullptr && target->unsent.content) {
       move.replaced_id = target->id;
     }
-    if (!journal || (move.replaced_id.empty() && UnsentAt(source_ino).empty())) {
+    if (!journal || (move.replaced_id.empty() && drive.open_files.UnsentAt(source_ino).empty())) {
       return std::nullopt;
     }
   }
@@ -285,7 +260,7 @@ std::optional<Journal::Move> FileSystem::NoteMove(Ino source_ino,
     return std::nullopt;  // neither will it be moved
   }
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     move.remote = identities[static_cast<size_t>(source.protocol)];
   }
   move.id = Journal::MakeId();
@@ -330,8 +305,8 @@ bool FileSystem::SetUnsentModified(Ino ino, const FS_TIME& time) {
   std::shared_ptr<OpenFile> file;
   {
     const MutexLock one_at_a_time(publishing);
-    const MutexLock guard(lock);
-    file = FindOpenFile(ino);
+    const MutexLock guard(drive.lock);
+    file = drive.open_files.Find(ino);
     if (!file || !file->work || !file->work->IsDirty()) {
       return false;
     }
@@ -348,7 +323,7 @@ void FileSystem::DropUnsent(OpenFile& file) {
   std::vector<WorkFile::Snapshot> attempts;
   std::shared_ptr<Uploads> sender;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     unsent = std::exchange(file.unsent, {});
     attempts = std::exchange(file.attempts, {});
     sender = uploads;
@@ -363,13 +338,13 @@ void FileSystem::DropUnsent(OpenFile& file) {
 }
 
 void FileSystem::GiveUpUploadsAt(Ino folder, const std::string& name, bool all) {
-  const MutexLock guard(lock);
-  const auto path = nodes.PathOf(folder, name);
-  for (const auto& [ino, file] : open_files) {
+  const MutexLock guard(drive.lock);
+  const auto path = drive.nodes.PathOf(folder, name);
+  for (const auto& [ino, file] : drive.open_files.All()) {
     if (!path || !file->sending || (!all && file->unsent.state.size <= kQuickBytes)) {
       continue;
     }
-    if (const auto place = nodes.PathOf(ino); place && IsWithin(*place, *path)) {
+    if (const auto place = drive.nodes.PathOf(ino); place && IsWithin(*place, *path)) {
       file->sending->give_up = true;
     }
   }

@@ -21,69 +21,50 @@ int CheckName(const std::string& name) {
 
 }  // namespace
 
-// The second name that is asked for in a folder brings the listing, which answers for all others.
-int FileSystem::FindInFolder(const std::string& path, Listings::Answer& answer) {
-  const std::string folder(FolderOf(path));
-  bool list = false;
-  {
-    const auto now = Clock::now();
-    const MutexLock guard(lock);
-    answer = listings.Find(path, now);
-    if (answer.known != Listings::Known::kNothing) {
-      return 0;
-    }
-    list = listings.HasSingleAnswers(folder, now);
-  }
-  if (FolderContent content; list) {
-    (void)GetListing(folder, content);  // where it fails, the name alone is asked for
-  }
-  return Find(path, false, answer);
-}
-
 int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
   if (const int error = CheckName(name); error != 0) {
     return error == EILSEQ ? ENOENT : error;
   }
   std::optional<std::string> path;
   {
-    const MutexLock guard(lock);
-    if (const auto file = FindOpenFile(folder, name); file && file->work) {
-      nodes.AddLookup(file->ino);
+    const MutexLock guard(drive.lock);
+    if (const auto file = drive.open_files.Find(folder, name); file && file->work) {
+      drive.nodes.AddLookup(file->ino);
       stat = LocalStat(*file);
       return 0;
     }
-    path = nodes.PathOf(folder, name);
+    path = drive.nodes.PathOf(folder, name);
   }
   Listings::Answer answer;
   const auto begin = Clock::now();
-  if (const int error = path ? FindInFolder(*path, answer) : ESTALE; error != 0) {
+  if (const int error = path ? finder.FindInFolder(*path, answer) : ESTALE; error != 0) {
     return error;
   }
   if (answer.known == Listings::Known::kAbsent) {
     stat.valid_for = remote.Count() > 0 ? answer.believable : Clock::duration::zero();
     return ENOENT;
   }
-  const MutexLock guard(lock);
-  if (!nodes.Exists(folder)) {
+  const MutexLock guard(drive.lock);
+  if (!drive.nodes.Exists(folder)) {
     return ESTALE;
   }
-  if (const auto file = FindOpenFile(folder, name); file && file->work) {
-    nodes.AddLookup(file->ino);
+  if (const auto file = drive.open_files.Find(folder, name); file && file->work) {
+    drive.nodes.AddLookup(file->ino);
     stat = LocalStat(*file);  // made while the remote was asked
     return 0;
   }
-  const Ino ino = nodes.Ensure(folder, name, answer.attributes.is_folder);
-  nodes.AddLookup(ino);
+  const Ino ino = drive.nodes.Ensure(folder, name, answer.attributes.is_folder);
+  drive.nodes.AddLookup(ino);
   stat = RemoteStat(ino, answer.attributes, answer.believable);
   if (answer.asked >= begin) {
-    nodes.KernelOf(ino).looked_up = Clock::now();
+    drive.nodes.KernelOf(ino).looked_up = Clock::now();
   }
   return 0;
 }
 
 void FileSystem::Forget(Ino ino, std::uint64_t lookups) {
-  const MutexLock guard(lock);
-  nodes.Forget(ino, lookups);
+  const MutexLock guard(drive.lock);
+  drive.nodes.Forget(ino, lookups);
 }
 
 int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
@@ -94,24 +75,24 @@ int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
     return EROFS;
   }
   std::vector<std::string> paths;
-  const auto hold = HoldPlaces({{folder, name}}, paths);
+  const auto hold = drive.HoldPlaces({{folder, name}}, paths);
   if (!hold) {
     return ENOENT;
   }
   const AERROR error = remote.CreateFolder(paths[0]);
   if (error != SUCCESS) {
     events.Failed(FS_EVENT_CREATE_DIRECTORY, error, paths[0], paths[0]);
-    const MutexLock guard(lock);
-    listings.Forget(paths[0]);
+    const MutexLock guard(drive.lock);
+    drive.listings.Forget(paths[0]);
     return ErrnoOf(error);
   }
   const Attributes made{.is_folder = true, .size = 0, .modified = Now(), .version = {}};
   const auto now = Clock::now();
-  const MutexLock guard(lock);
-  listings.SetPresent(paths[0], made, now);
-  listings.AddListing(listings.Begin(), paths[0], {}, now);  // new, so it is empty
-  const Ino ino = nodes.Ensure(folder, name, true);
-  nodes.AddLookup(ino);
+  const MutexLock guard(drive.lock);
+  drive.listings.SetPresent(paths[0], made, now);
+  drive.listings.AddListing(drive.listings.Begin(), paths[0], {}, now);  // new, so it is empty
+  const Ino ino = drive.nodes.Ensure(folder, name, true);
+  drive.nodes.AddLookup(ino);
   stat = RemoteStat(ino, made, time_out);
   return 0;
 }
@@ -119,14 +100,14 @@ int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
 int FileSystem::RemoveFile(Ino folder, const std::string& name) {
   GiveUpUploadsAt(folder, name, true);
   std::vector<std::string> paths;
-  const auto hold = HoldPlaces({{folder, name}}, paths);
+  const auto hold = drive.HoldPlaces({{folder, name}}, paths);
   if (!hold) {
     return ENOENT;
   }
   std::shared_ptr<OpenFile> file;
   {
-    const MutexLock guard(lock);
-    file = FindOpenFile(folder, name);
+    const MutexLock guard(drive.lock);
+    file = drive.open_files.Find(folder, name);
   }
   if (HasCome(file, paths[0])) {
     if (const int error = file ? Preserve(file) : 0; error != 0) {
@@ -135,37 +116,37 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
     const AERROR error = remote.DeleteFile(paths[0]);
     if (error != SUCCESS && !(file && ErrnoOf(error) == ENOENT)) {
       events.Failed(FS_EVENT_DELETE, error, paths[0], paths[0]);
-      const MutexLock guard(lock);
-      listings.Forget(paths[0]);
+      const MutexLock guard(drive.lock);
+      drive.listings.Forget(paths[0]);
       if (file) {
-        DropOpenFileIfUnused(file);
+        drive.open_files.DropIfUnused(file);
       }
       return ErrnoOf(error);
     }
   }
   {
-    const MutexLock guard(lock);
-    listings.SetAbsent(paths[0], Clock::now());
-    if (const auto ino = nodes.Find(folder, name); ino) {
-      nodes.Unlink(*ino);
+    const MutexLock guard(drive.lock);
+    drive.listings.SetAbsent(paths[0], Clock::now());
+    if (const auto ino = drive.nodes.Find(folder, name); ino) {
+      drive.nodes.Unlink(*ino);
     }
   }
   if (file) {
     DropUnsent(*file);
-    const MutexLock guard(lock);
-    DropOpenFileIfUnused(file);
+    const MutexLock guard(drive.lock);
+    drive.open_files.DropIfUnused(file);
   }
   return 0;
 }
 
 int FileSystem::RemoveFolder(Ino folder, const std::string& name) {
   std::vector<std::string> paths;
-  const auto hold = HoldPlaces({{folder, name}}, paths);
+  const auto hold = drive.HoldPlaces({{folder, name}}, paths);
   if (!hold) {
     return ENOENT;
   }
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     if (HoldsUnsent(folder, name)) {
       return ENOTEMPTY;
     }
@@ -173,15 +154,15 @@ int FileSystem::RemoveFolder(Ino folder, const std::string& name) {
   const AERROR error = remote.DeleteFolder(paths[0]);
   if (error != SUCCESS) {
     events.Failed(FS_EVENT_DELETE, error, paths[0], paths[0]);
-    const MutexLock guard(lock);
-    listings.Forget(paths[0]);
+    const MutexLock guard(drive.lock);
+    drive.listings.Forget(paths[0]);
     return ErrnoOf(error);
   }
-  const MutexLock guard(lock);
-  listings.ForgetTree(paths[0]);
-  listings.SetAbsent(paths[0], Clock::now());
-  if (const auto ino = nodes.Find(folder, name); ino) {
-    nodes.Unlink(*ino);
+  const MutexLock guard(drive.lock);
+  drive.listings.ForgetTree(paths[0]);
+  drive.listings.SetAbsent(paths[0], Clock::now());
+  if (const auto ino = drive.nodes.Find(folder, name); ino) {
+    drive.nodes.Unlink(*ino);
   }
   return 0;
 }
@@ -194,16 +175,16 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   GiveUpUploadsAt(folder, name, false);
   GiveUpUploadsAt(new_folder, new_name, true);
   std::vector<std::string> paths;
-  const auto hold = HoldPlaces({{folder, name}, {new_folder, new_name}}, paths);
+  const auto hold = drive.HoldPlaces({{folder, name}, {new_folder, new_name}}, paths);
   if (!hold) {
     return ENOENT;
   }
   std::shared_ptr<OpenFile> source;
   std::shared_ptr<OpenFile> target;
   {
-    const MutexLock guard(lock);
-    source = FindOpenFile(folder, name);
-    target = FindOpenFile(new_folder, new_name);
+    const MutexLock guard(drive.lock);
+    source = drive.open_files.Find(folder, name);
+    target = drive.open_files.Find(new_folder, new_name);
     target = target == source ? nullptr : target;
     if (paths[0] != paths[1] && HoldsUnsent(new_folder, new_name)) {
       return ENOTEMPTY;
@@ -223,13 +204,13 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
       journal->Remove(*noted);
     }
     if (target) {
-      const MutexLock guard(lock);
-      DropOpenFileIfUnused(target);
+      const MutexLock guard(drive.lock);
+      drive.open_files.DropIfUnused(target);
     }
     return error;
   }
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     if (!is_at_remote) {
       TakePlaceOf(*source, target.get(), new_folder, new_name);
     }
@@ -238,8 +219,8 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   UnsentMoved(InoOf(new_folder, new_name), is_at_remote, target ? target->id : "");
   if (target) {
     DropUnsent(*target);
-    const MutexLock guard(lock);
-    DropOpenFileIfUnused(target);
+    const MutexLock guard(drive.lock);
+    drive.open_files.DropIfUnused(target);
   }
   if (noted) {
     journal->Remove(*noted);
@@ -249,7 +230,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
 
 int FileSystem::CheckFree(const std::string& path, bool is_open) {
   Listings::Answer answer;
-  if (const int error = Find(path, true, answer); error != 0) {
+  if (const int error = finder.Find(path, true, answer); error != 0) {
     return error;
   }
   return is_open || answer.known == Listings::Known::kPresent ? EEXIST : 0;
@@ -261,9 +242,9 @@ int FileSystem::MoveAtRemote(const std::string& from, const std::string& to) {
     return 0;
   }
   events.Failed(FolderOf(from) == FolderOf(to) ? FS_EVENT_RENAME : FS_EVENT_MOVE, error, to, from);
-  const MutexLock guard(lock);
-  listings.Forget(from);
-  listings.Forget(to);
+  const MutexLock guard(drive.lock);
+  drive.listings.Forget(from);
+  drive.listings.Forget(to);
   return error == NOT_SUPPORTED ? EXDEV : ErrnoOf(error);
 }
 
@@ -276,69 +257,40 @@ void FileSystem::TakePlaceOf(OpenFile& source, const OpenFile* target, Ino new_f
     source.remote = target->remote;
     return;
   }
-  const auto path = nodes.PathOf(new_folder, new_name);
-  const auto there = path ? listings.Find(*path, Clock::now()) : Listings::Answer{};
-  source.at_remote =
-      there.known == Listings::Known::kPresent ||
-      (there.known == Listings::Known::kNothing && nodes.Find(new_folder, new_name).has_value());
+  const auto path = drive.nodes.PathOf(new_folder, new_name);
+  const auto there = path ? drive.listings.Find(*path, Clock::now()) : Listings::Answer{};
+  source.at_remote = there.known == Listings::Known::kPresent ||
+                     (there.known == Listings::Known::kNothing &&
+                      drive.nodes.Find(new_folder, new_name).has_value());
   source.remote = there.attributes;
 }
 
 void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
                        const std::string& new_name, const std::vector<std::string>& paths) {
   const auto now = Clock::now();
-  const Listings::Answer before = listings.Find(paths[0], now);
+  const Listings::Answer before = drive.listings.Find(paths[0], now);
   if (before.known != Listings::Known::kPresent || before.attributes.is_folder) {
-    listings.ForgetTree(paths[0]);
-    listings.ForgetTree(paths[1]);
+    drive.listings.ForgetTree(paths[0]);
+    drive.listings.ForgetTree(paths[1]);
   }
-  listings.SetAbsent(paths[0], now);
+  drive.listings.SetAbsent(paths[0], now);
   if (before.known == Listings::Known::kPresent) {
-    listings.SetPresent(paths[1], before.attributes, before.asked);
+    drive.listings.SetPresent(paths[1], before.attributes, before.asked);
   } else {
-    listings.Forget(paths[1]);
+    drive.listings.Forget(paths[1]);
   }
-  if (const auto ino = nodes.Find(folder, name); ino) {
-    nodes.Move(*ino, new_folder, new_name);
-  } else if (const auto target = nodes.Find(new_folder, new_name); target) {
-    nodes.Unlink(*target);
+  if (const auto ino = drive.nodes.Find(folder, name); ino) {
+    drive.nodes.Move(*ino, new_folder, new_name);
+  } else if (const auto target = drive.nodes.Find(new_folder, new_name); target) {
+    drive.nodes.Unlink(*target);
   }
-}
-
-AERROR FileSystem::GetListing(const std::string& path, FolderContent& content) {
-  Listings::Ticket ticket = 0;
-  {
-    const MutexLock guard(lock);
-    for (;;) {
-      content.asked = Clock::now();
-      if (listings.Get(path, content.asked, content.entries, content.asked)) {
-        return SUCCESS;
-      }
-      if (listing_now.insert(path).second) {
-        break;
-      }
-      prepared.wait(lock);  // somebody else asks already
-    }
-    ticket = listings.Begin();
-  }
-  const AERROR error = remote.List(path, content.entries);
-  const MutexLock guard(lock);
-  listing_now.erase(path);
-  prepared.notify_all();
-  if (error == SUCCESS) {
-    listings.AddListing(ticket, path, content.entries, content.asked);
-  } else if (error == DEVICE_NOT_READY && !remote.IsReachable() &&
-             listings.Get(path, content.asked, content.entries, content.asked)) {
-    return SUCCESS;  // what was known before it was gone
-  }
-  return error;
 }
 
 int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
   std::optional<std::string> path;
   {
-    const MutexLock guard(lock);
-    path = nodes.PathOf(folder);
+    const MutexLock guard(drive.lock);
+    path = drive.nodes.PathOf(folder);
   }
   if (!path) {
     return ENOENT;
@@ -346,21 +298,21 @@ int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
   // What is sent while the remote is asked may be in neither of the two.
   std::vector<Entry> unsent;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     AddUnsent(*path, unsent);
   }
-  if (const AERROR error = GetListing(*path, content); error != SUCCESS) {
+  if (const AERROR error = finder.GetListing(*path, content); error != SUCCESS) {
     events.Failed(FS_EVENT_READDIR, error, *path, *path);
     return ErrnoOf(error);
   }
-  ListAhead(*path, content.entries);
-  const MutexLock guard(lock);
+  ahead.Listed(*path, content.entries);
+  const MutexLock guard(drive.lock);
   std::unordered_set<std::string> names;
   for (const Entry& entry : content.entries) {
     names.insert(entry.name);
   }
   for (const Entry& entry : unsent) {
-    const auto known = listings.Find(JoinPath(*path, entry.name), Clock::now());
+    const auto known = drive.listings.Find(JoinPath(*path, entry.name), Clock::now());
     if (known.known == Listings::Known::kPresent && names.insert(entry.name).second) {
       content.entries.push_back({entry.name, known.attributes});
     }
@@ -370,7 +322,7 @@ int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
 }
 
 std::uint64_t FileSystem::OpenFolder(Ino folder) {
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   return open_folders.Add({folder, nullptr});
 }
 
@@ -378,7 +330,7 @@ int FileSystem::GetOpenFolder(std::uint64_t handle, bool anew,
                               std::shared_ptr<const FolderContent>& content) {
   Ino ino = 0;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     const OpenedFolder* const folder = open_folders.Find(handle);
     if (folder == nullptr) {
       return EBADF;
@@ -394,7 +346,7 @@ int FileSystem::GetOpenFolder(std::uint64_t handle, bool anew,
     return error;
   }
   content = read;
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   if (OpenedFolder* const folder = open_folders.Find(handle); folder != nullptr) {
     folder->content = content;
   }
@@ -402,18 +354,21 @@ int FileSystem::GetOpenFolder(std::uint64_t handle, bool anew,
 }
 
 void FileSystem::CloseFolder(std::uint64_t handle) {
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   open_folders.Remove(handle);
 }
 
 Ino FileSystem::InoOf(Ino folder, const std::string& name) const {
-  const MutexLock guard(lock);
-  return nodes.Find(folder, name).value_or(0);
+  const MutexLock guard(drive.lock);
+  return drive.nodes.Find(folder, name).value_or(0);
 }
 
 bool FileSystem::HoldsUnsent(Ino folder, const std::string& name) const {
-  const auto ino = nodes.Find(folder, name);
-  const auto unsent = ino && nodes.IsFolder(*ino) ? UnsentAt(*ino) : decltype(UnsentAt(kRootIno)){};
+  const auto ino = drive.nodes.Find(folder, name);
+  if (!ino || !drive.nodes.IsFolder(*ino)) {
+    return false;
+  }
+  const auto unsent = drive.open_files.UnsentAt(*ino);
   return std::any_of(unsent.begin(), unsent.end(),
                      [](const auto& file) { return !file.first->at_remote; });
 }
@@ -423,8 +378,8 @@ void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entrie
   for (const Entry& entry : entries) {
     known.insert(entry.name);
   }
-  for (const auto& [ino, file] : open_files) {
-    const auto path = file->at_remote ? std::nullopt : nodes.PathOf(ino);
+  for (const auto& [ino, file] : drive.open_files.All()) {
+    const auto path = file->at_remote ? std::nullopt : drive.nodes.PathOf(ino);
     if (path && FolderOf(*path) == folder && known.insert(std::string(NameOf(*path))).second) {
       entries.push_back({std::string(NameOf(*path)), {}});
     }
@@ -432,23 +387,23 @@ void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entrie
 }
 
 bool FileSystem::LookUpEntry(Ino folder, const Entry& entry, Clock::time_point asked, Stat& stat) {
-  const MutexLock guard(lock);
-  const auto path = nodes.PathOf(folder, entry.name);
-  const auto unsent = FindOpenFile(folder, entry.name);
+  const MutexLock guard(drive.lock);
+  const auto path = drive.nodes.PathOf(folder, entry.name);
+  const auto unsent = drive.open_files.Find(folder, entry.name);
   const bool is_local = unsent && unsent->work;
-  const auto known = path ? listings.Find(*path, Clock::now()) : Listings::Answer{};
+  const auto known = path ? drive.listings.Find(*path, Clock::now()) : Listings::Answer{};
   if (!path || (known.known == Listings::Known::kAbsent && !is_local)) {
     return false;
   }
   if (is_local) {  // whatever the remote has there by now
-    nodes.AddLookup(unsent->ino);
+    drive.nodes.AddLookup(unsent->ino);
     stat = LocalStat(*unsent);
     return true;
   }
   const bool is_known = known.known == Listings::Known::kPresent;  // perhaps sent since
   const Attributes& attributes = is_known ? known.attributes : entry.attributes;
-  const Ino ino = nodes.Ensure(folder, entry.name, attributes.is_folder);
-  nodes.AddLookup(ino);
+  const Ino ino = drive.nodes.Ensure(folder, entry.name, attributes.is_folder);
+  drive.nodes.AddLookup(ino);
   const auto valid_for = std::max(Clock::duration::zero(), asked + time_out - Clock::now());
   stat = RemoteStat(ino, attributes, is_known ? known.believable : valid_for);
   return true;

@@ -57,7 +57,7 @@ std::vector<WorkFile::Snapshot>::iterator FindAttempt(std::vector<WorkFile::Snap
 }  // namespace
 
 std::shared_ptr<Uploads> FileSystem::GetUploads() {
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   if (!uploads) {
     uploads = std::make_shared<Uploads>(
         [weak = weak_from_this()](Ino ino) {
@@ -73,8 +73,8 @@ AERROR FileSystem::SendInBackground(Ino ino) {
   std::shared_ptr<OpenFile> file;
   int protocol = 0;
   {
-    const MutexLock guard(lock);
-    file = FindOpenFile(ino);
+    const MutexLock guard(drive.lock);
+    file = drive.open_files.Find(ino);
     protocol = file ? file->remote.protocol : 0;
   }
   if (!file) {
@@ -84,9 +84,9 @@ AERROR FileSystem::SendInBackground(Ino ino) {
     return DEVICE_NOT_READY;  // not tried, so there is nothing to tell
   }
   const AERROR error = Send(file, What::kSaved);
-  const MutexLock guard(lock);
-  DropOpenFileIfUnused(file);
-  const bool is_newer = file->unsent.content && nodes.PathOf(ino);
+  const MutexLock guard(drive.lock);
+  drive.open_files.DropIfUnused(file);
+  const bool is_newer = file->unsent.content && drive.nodes.PathOf(ino);
   return error == SUCCESS && is_newer ? RETRY_UPLOAD : error;
 }
 
@@ -101,7 +101,7 @@ int FileSystem::SendNow(const std::shared_ptr<OpenFile>& file) {
 AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file, What what) {
   for (int attempt = 1;; ++attempt) {
     std::vector<std::string> paths;
-    const auto hold = HoldPlaces({{file->ino, ""}}, paths);
+    const auto hold = drive.HoldPlaces({{file->ino, ""}}, paths);
     if (!hold) {
       return SUCCESS;  // removed: nobody wants it any more
     }
@@ -134,7 +134,7 @@ AERROR FileSystem::Send(const std::shared_ptr<OpenFile>& file, What what) {
 AERROR FileSystem::BeginSending(OpenFile& file, What what, Outgoing& outgoing) {
   std::shared_ptr<WorkFile> work;
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     work = file.work;
     what = file.is_kept ? what : What::kCurrent;
   }
@@ -146,7 +146,7 @@ AERROR FileSystem::BeginSending(OpenFile& file, What what, Outgoing& outgoing) {
   }
   WorkFile::Snapshot current = what == What::kCurrent ? work->TakeSnapshot() : WorkFile::Snapshot{};
   const MutexLock one_at_a_time(publishing);
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   // What is written since the last close comes with the next.
   outgoing.snapshot = what == What::kCurrent ? std::move(current) : file.unsent;
   outgoing.work = std::move(work);
@@ -166,7 +166,7 @@ AERROR FileSystem::BeginSending(OpenFile& file, What what, Outgoing& outgoing) {
 
 void FileSystem::NotSent(OpenFile& file, const Outgoing& outgoing) {
   const MutexLock one_at_a_time(publishing);
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   auto given_up = file.attempts.end();
   if (outgoing.is_first_attempt && !outgoing.sending->was_read) {
     given_up = FindAttempt(file.attempts, outgoing.snapshot);
@@ -190,7 +190,7 @@ void FileSystem::Discard(const std::vector<WorkFile::Snapshot>& attempts,
 
 bool FileSystem::HasCome(const std::shared_ptr<OpenFile>& file, const std::string& path) {
   {
-    const MutexLock guard(lock);
+    const MutexLock guard(drive.lock);
     if (!file || file->at_remote || file->attempts.empty()) {
       return !file || file->at_remote;
     }
@@ -242,18 +242,18 @@ void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
     WorkFile::Snapshot newer;
     std::vector<WorkFile::Snapshot> earlier;
     {
-      const MutexLock guard(lock);
+      const MutexLock guard(drive.lock);
       earlier.swap(file.attempts);
       work.MarkStored(state);
       file.at_remote = true;
       file.remote = stored;
       file.is_fresh = false;
       file.sending.reset();
-      DropReader(file);
-      if (nodes.Exists(file.ino)) {
-        nodes.KernelOf(file.ino).version = stored.version;
+      file.DropReader();
+      if (drive.nodes.Exists(file.ino)) {
+        drive.nodes.KernelOf(file.ino).version = stored.version;
       }
-      listings.SetPresent(path, stored, Clock::now());
+      drive.listings.SetPresent(path, stored, Clock::now());
       (file.unsent.state.change <= state.change ? sent : newer) = file.unsent;
       if (sent.content) {
         file.unsent = {};
@@ -272,19 +272,21 @@ void FileSystem::Stored(OpenFile& file, const std::string& path, WorkFile& work,
   if (now.change == state.change && has_another_time &&
       remote.SetModifiedTime(path, now.modified) == SUCCESS) {
     {
-      const MutexLock guard(lock);
-      listings.Forget(path);
+      const MutexLock guard(drive.lock);
+      drive.listings.Forget(path);
     }
-    TakeNewVersion(file, path);
+    if (finder.TakeNewVersion(file, path)) {
+      PublishAnew(file);
+    }
   }
 }
 
 size_t FileSystem::SendAll(Clock::duration patience) {
   std::vector<std::shared_ptr<OpenFile>> files;
   {
-    const MutexLock guard(lock);
-    for (const auto& [ino, file] : open_files) {
-      if (file->work && file->work->IsDirty() && nodes.PathOf(ino)) {
+    const MutexLock guard(drive.lock);
+    for (const auto& [ino, file] : drive.open_files.All()) {
+      if (file->work && file->work->IsDirty() && drive.nodes.PathOf(ino)) {
         files.push_back(file);
       }
     }
@@ -293,7 +295,7 @@ size_t FileSystem::SendAll(Clock::duration patience) {
   for (const auto& file : files) {
     // What cannot be kept is sent all the same.
     if (Complete(*file) != 0 || !HasJournalFor(*file) || Publish(file) != 0) {
-      const MutexLock guard(lock);
+      const MutexLock guard(drive.lock);
       file->is_kept = false;
     }
     sender->Add(file->ino);
@@ -302,24 +304,25 @@ size_t FileSystem::SendAll(Clock::duration patience) {
 }
 
 size_t FileSystem::CountLost() const {
-  const MutexLock guard(lock);
-  return static_cast<size_t>(std::count_if(
-      open_files.begin(), open_files.end(), [&](const auto& open) TARN_REQUIRES(lock) {
-        const OpenFile& file = *open.second;
-        return file.work && file.work->IsDirty() && !file.unsent.content &&
-               nodes.PathOf(file.ino).has_value();
-      }));
+  const MutexLock guard(drive.lock);
+  return static_cast<size_t>(
+      std::count_if(drive.open_files.All().begin(), drive.open_files.All().end(),
+                    [&](const auto& open) TARN_REQUIRES(drive.lock) {
+                      const OpenFile& file = *open.second;
+                      return file.work && file.work->IsDirty() && !file.unsent.content &&
+                             drive.nodes.PathOf(file.ino).has_value();
+                    }));
 }
 
 void FileSystem::CloseAll() {
   GetUploads()->Stop();
-  std::unordered_map<Ino, std::shared_ptr<OpenFile>> closed;  // ends after the lock
-  const MutexLock guard(lock);
-  closed.swap(open_files);
+  OpenFiles::Map closed;  // ends after the lock
+  const MutexLock guard(drive.lock);
+  closed = drive.open_files.Close();
   handles.Clear();
   open_folders.Clear();
   for (const auto& [ino, file] : closed) {
-    DropReader(*file);
+    file->DropReader();
   }
 }
 

@@ -27,7 +27,7 @@ std::string CacheState() {
 }  // namespace
 
 FileSystem::Unsent FileSystem::StateOf(const OpenFile& file) const {
-  if (!nodes.PathOf(file.ino) || !file.work || !file.work->IsDirty()) {
+  if (!drive.nodes.PathOf(file.ino) || !file.work || !file.work->IsDirty()) {
     return {};
   }
   const Uploads::Status status = uploads ? uploads->Get(file.ino) : Uploads::Status{};
@@ -49,7 +49,7 @@ std::string FileSystem::StateOfAll(std::uint64_t& count, std::uint64_t& bytes) c
   };
   std::string worst = "clean";
   count = bytes = 0;
-  for (const auto& [ino, file] : open_files) {
+  for (const auto& [ino, file] : drive.open_files.All()) {
     const Unsent unsent = StateOf(*file);
     if (unsent.state == "clean") {
       continue;
@@ -80,9 +80,9 @@ bool FileSystem::GetExtended(Ino ino, std::string_view name, std::string& value)
                   : "ok";
     return true;
   }
-  const MutexLock guard(lock);
+  const MutexLock guard(drive.lock);
   if (ino != kRootIno) {
-    const auto file = FindOpenFile(ino);
+    const auto file = drive.open_files.Find(ino);
     value = file ? StateOf(*file).state : "clean";
     return true;
   }
@@ -99,8 +99,8 @@ std::vector<std::string_view> FileSystem::ListExtended(Ino ino) const {
   if (ino == kRootIno) {
     return {kNames.begin(), kNames.end()};
   }
-  const MutexLock guard(lock);
-  const bool is_file = nodes.Exists(ino) && !nodes.IsFolder(ino);
+  const MutexLock guard(drive.lock);
+  const bool is_file = drive.nodes.Exists(ino) && !drive.nodes.IsFolder(ino);
   return {kNames.begin(), kNames.begin() + (is_file ? kOfFiles : 0)};
 }
 

@@ -24,13 +24,13 @@ struct Sending {
 // One file that is open, or that has content which the remote lacks. All its handles see the same
 // content: that of `work` once there is one, else the remote's.
 //
-// The file system's lock guards the fields.
+// The lock of the drive's state guards the fields.
 struct OpenFile {
   Ino ino = 0;
   int handles = 0;
   int writers = 0;  // of the handles
   std::shared_ptr<WorkFile> work;
-  bool preparing = false;              // somebody is making `work`; wait for FileSystem::prepared
+  bool preparing = false;              // somebody is making `work`, and will tell
   std::optional<mode_t> created_with;  // the permissions asked for, of a file that is new
   bool at_remote = false;              // the remote has something under this file's name
   Attributes remote;                   // what the remote has, as of the last open or upload
@@ -56,6 +56,13 @@ struct OpenFile {
       return "";
     }
     return remote.version.empty() ? std::nullopt : std::optional(remote.version);
+  }
+
+  void DropReader() {
+    if (reader) {
+      reader->Stop();
+      reader.reset();
+    }
   }
 };
 

@@ -18,6 +18,8 @@ FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
       finder(drive, remote, time_out),
       readers(drive, remote, events, finder, ShareOfThis()),
       ahead(drive, remote, finder, ShareOfThis()),
+      unsent_files(drive, remote),
+      sender(drive, remote, events, finder, unsent_files, ShareOfThis()),
       space(remote, ShareOfThis()) {}
 
 Owner FileSystem::ShareOfThis() {
@@ -26,8 +28,24 @@ Owner FileSystem::ShareOfThis() {
 
 FileSystem::~FileSystem() {
   remote.Stop();  // or its threads would go on to tell of what they find
-  if (uploads) {
-    uploads->Stop();
+}
+
+void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
+  for (const Ino ino : unsent_files.TakeOver(remote.Add(std::move(protocol)))) {
+    sender.Add(ino);
+  }
+  space.Ask();
+}
+
+void FileSystem::CloseAll() {
+  sender.Stop();
+  OpenFiles::Map closed;  // ends after the lock
+  const MutexLock guard(drive.lock);
+  closed = drive.open_files.Close();
+  handles.Clear();
+  open_folders.Clear();
+  for (const auto& [ino, file] : closed) {
+    file->DropReader();
   }
 }
 
@@ -45,7 +63,7 @@ void FileSystem::ReachabilityChanged(bool is_reachable) {
   }
   events.ReachabilityChanged(is_reachable);
   if (is_reachable) {
-    GetUploads()->Hasten();
+    sender.Hasten();
   }
 }
 

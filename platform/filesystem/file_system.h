@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,7 +17,8 @@
 #include "platform/filesystem/known_space.h"
 #include "platform/filesystem/readers.h"
 #include "platform/filesystem/remote.h"
-#include "platform/filesystem/uploads.h"
+#include "platform/filesystem/sender.h"
+#include "platform/filesystem/unsent_files.h"
 
 namespace tarn::fs {
 
@@ -50,14 +50,11 @@ struct AttributeChange {
 //
 // Owns:    the drive's state and all who work on it, who share this object's life.
 // Threads: any, several at once.
-// Locks:   the state's. Changes of the journal are put in order by `publishing`, which comes before
-//          it and is held while the disk works.
+// Locks:   the state's.
 // Errors:  0 or an errno value.
 class FileSystem : public std::enable_shared_from_this<FileSystem> {
  public:
   static constexpr std::chrono::seconds kAttributeTimeOut{5};
-  // Of one file, while others change what it meets.
-  static constexpr int kMaxSendAttempts = 10;
 
   explicit FileSystem(Clock::duration attribute_time_out = kAttributeTimeOut,
                       const Limits& limits = {});
@@ -67,7 +64,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   // Before the first protocol. Files that are closed are then kept there until they were sent in
   // the background; without a journal they are sent before close returns.
-  void UseJournal(std::unique_ptr<Journal> unsent_files);
+  void UseJournal(std::unique_ptr<Journal> journal) { unsent_files.UseJournal(std::move(journal)); }
   // What the journal has for it is sent in the background.
   void AddProtocol(std::shared_ptr<IProtocol_V2> protocol);
   [[nodiscard]] Remote& GetRemote() { return remote; }
@@ -129,9 +126,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   // Sends everything that the remote lacks, for as long as that makes progress: at most `patience`
   // without any. Returns the number of files that the remote still lacks.
-  size_t SendAll(Clock::duration patience);
+  size_t SendAll(Clock::duration patience) { return sender.SendAll(patience); }
   // Of these, files that are not in the journal either.
-  [[nodiscard]] size_t CountLost() const;
+  [[nodiscard]] size_t CountLost() const { return unsent_files.CountLost(); }
   // Nothing is open any more, whatever was not closed, and nothing is sent.
   void CloseAll();
 
@@ -154,100 +151,14 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
                             std::shared_ptr<WorkFile>& work);
   [[nodiscard]] WorkFile::Base BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length)
       TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] int Complete(OpenFile& file) TARN_EXCLUDES(drive.lock);
   // Lets those who have the file open keep its content, which the remote is about to lose.
   [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
 
-  // An empty work file where the unsent ones are kept.
-  [[nodiscard]] int MakeWork(std::shared_ptr<WorkFile>& work) const;
-  // What programs wrote is safe from now on: in the journal, or else at the remote.
-  [[nodiscard]] int Save(const std::shared_ptr<OpenFile>& file)
-      TARN_EXCLUDES(publishing, drive.lock);
   [[nodiscard]] bool HasNewsAtRelease(const OpenFile& file) const TARN_EXCLUDES(drive.lock);
-  // Puts what is not stored into the journal.
-  [[nodiscard]] int Publish(const std::shared_ptr<OpenFile>& file)
-      TARN_EXCLUDES(publishing, drive.lock);
-  // Its place, or what it replaces, has changed.
-  void PublishAnew(const OpenFile& file, const std::string& superseded_id = "")
-      TARN_EXCLUDES(publishing, drive.lock);
-  // Tells the journal of their new places, and of what was replaced.
-  void UnsentMoved(Ino top, bool at_remote, const std::string& superseded_id)
-      TARN_EXCLUDES(publishing, drive.lock);
-  [[nodiscard]] int PutRecord(const OpenFile& file, const std::string& path,
-                              const WorkFile::Snapshot& snapshot,
-                              const std::string& superseded_id = "") TARN_REQUIRES(publishing);
-  // Notes a move that concerns unsent files before the remote hears of it. Unset: concerns none.
-  [[nodiscard]] std::optional<Journal::Move> NoteMove(Ino source_ino,
-                                                      const std::vector<std::string>& paths,
-                                                      const OpenFile* target)
-      TARN_EXCLUDES(drive.lock);
-  // Puts right what a process that ended in the middle of a move left.
-  void Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found)
-      TARN_EXCLUDES(drive.lock);
-  // Nobody wants it at the remote any more.
-  void DropUnsent(OpenFile& file) TARN_EXCLUDES(publishing, drive.lock);
-  // Has uploads of files at or below the place end, those that would take long or all of them.
-  void GiveUpUploadsAt(Ino folder, const std::string& name, bool all) TARN_EXCLUDES(drive.lock);
-  void Adopt(Journal::Unsent unsent, int protocol) TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] bool HasJournalFor(const OpenFile& file) TARN_EXCLUDES(drive.lock);
-
-  std::shared_ptr<Uploads> GetUploads() TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] AERROR SendInBackground(Ino ino) TARN_EXCLUDES(drive.lock);
-  enum class What {
-    kSaved,    // what is in the journal, or could not be put there
-    kCurrent,  // what there is now
-  };
-  // SUCCESS: the remote has it, or there was nothing to send, or nobody wants it any more.
-  // RETRY_UPLOAD: was given up, perhaps for a rename.
-  [[nodiscard]] AERROR Send(const std::shared_ptr<OpenFile>& file, What what)
-      TARN_EXCLUDES(drive.lock);
-  // What is to be sent of a file next.
-  struct Outgoing {
-    std::shared_ptr<WorkFile> work;
-    WorkFile::Snapshot snapshot;
-    std::optional<std::string> replaces;
-    std::shared_ptr<Sending> sending = std::make_shared<Sending>();
-    bool is_first_attempt = false;
-  };
-  // The snapshot is one of the file's attempts from now on; without one there is nothing to send.
-  [[nodiscard]] AERROR BeginSending(OpenFile& file, What what, Outgoing& outgoing)
-      TARN_EXCLUDES(publishing, drive.lock);
-  [[nodiscard]] bool Remedy(const std::shared_ptr<OpenFile>& file, const std::string& path,
-                            const Outgoing& outgoing, AERROR& error, Attributes& stored);
-  // Takes back that attempt where the remote cannot have it.
-  void NotSent(OpenFile& file, const Outgoing& outgoing) TARN_EXCLUDES(publishing, drive.lock);
-  // Those that are not what is in the journal go.
-  static void Discard(const std::vector<WorkFile::Snapshot>& attempts,
-                      const WorkFile::Snapshot& unsent);
-  // Unset: cannot be found out now.
-  [[nodiscard]] std::optional<bool> IsAnAttempt(const OpenFile& file, const std::string& path,
-                                                const Attributes& there) TARN_EXCLUDES(drive.lock);
-  // Whether the remote has something under the file's name, as far as that is known or can be
-  // asked.
-  [[nodiscard]] bool HasCome(const std::shared_ptr<OpenFile>& file, const std::string& path)
-      TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] int SendNow(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] AERROR Upload(const std::string& path, const Outgoing& outgoing,
-                              Attributes& stored);
-  [[nodiscard]] bool SettleConflict(const std::shared_ptr<OpenFile>& file, const std::string& path,
-                                    const Outgoing& outgoing, AERROR& error, Attributes& stored);
-  [[nodiscard]] std::string FreeConflictName(Ino folder, const std::string& name) const
-      TARN_REQUIRES(drive.lock);
-  [[nodiscard]] std::optional<bool> IsAtRemote(const std::string& path,
-                                               const Attributes& attributes,
-                                               const WorkFile::Snapshot& snapshot);
-  // Somebody else has a file of this name: ours takes another one beside it.
-  void MoveAside(const std::shared_ptr<OpenFile>& file, const std::string& path)
-      TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] bool MakeFoldersAbove(const std::string& path);
-  void Stored(OpenFile& file, const std::string& path, WorkFile& work, const WorkFile::State& state,
-              const Attributes& stored) TARN_EXCLUDES(publishing, drive.lock);
 
   [[nodiscard]] bool MayHave(mode_t permissions, const Stat& stat) const TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
   [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
-  [[nodiscard]] bool SetUnsentModified(Ino ino, const FS_TIME& time)
-      TARN_EXCLUDES(publishing, drive.lock);
   [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
       TARN_EXCLUDES(drive.lock);
@@ -280,11 +191,10 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   Finder finder;
   Readers readers;
   Ahead ahead;
+  UnsentFiles unsent_files;
+  Sender sender;
   KnownSpace space;
-  std::atomic<std::uint64_t> progress = 0;  // grows while an upload moves
-  std::unique_ptr<Journal> journal;         // set once, before the first use
 
-  Mutex publishing;
   CondVar prepared;  // a work file
   HandleTable<Handle> handles TARN_GUARDED_BY(drive.lock);
   struct OpenedFolder {
@@ -292,8 +202,6 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
     std::shared_ptr<const FolderContent> content;  // null: not read yet
   };
   HandleTable<OpenedFolder> open_folders TARN_GUARDED_BY(drive.lock);
-  std::vector<std::string> identities TARN_GUARDED_BY(drive.lock);  // of the protocols
-  std::shared_ptr<Uploads> uploads TARN_GUARDED_BY(drive.lock);     // made when it is needed
 };
 
 }  // namespace tarn::fs

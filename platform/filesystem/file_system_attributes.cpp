@@ -95,7 +95,7 @@ int FileSystem::SetSize(Ino ino, std::uint64_t size) {
     is_last = file->writers == 1;
   }
   if (is_last) {
-    const int save_error = Save(file);
+    const int save_error = sender.Save(file);
     error = error == 0 ? save_error : error;
   }
   CloseHandle(opened.handle);
@@ -103,7 +103,7 @@ int FileSystem::SetSize(Ino ino, std::uint64_t size) {
 }
 
 int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
-  if (SetUnsentModified(ino, time)) {
+  if (unsent_files.SetModified(ino, time)) {
     return 0;
   }
   std::vector<std::string> paths;
@@ -118,7 +118,7 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
     file = drive.open_files.Find(ino);
     work = file ? file->work : nullptr;
   }
-  if (SetUnsentModified(ino, time)) {  // it was changed while this waited
+  if (unsent_files.SetModified(ino, time)) {  // it was changed while this waited
     return 0;
   }
   const bool is_as_opened = file && finder.IsAsOpened(*file, paths[0]);
@@ -137,7 +137,7 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
     drive.listings.Forget(paths[0]);
   }
   if (is_as_opened && finder.TakeNewVersion(*file, paths[0])) {
-    PublishAnew(*file);
+    unsent_files.KeepAnew(*file);
   }
   return 0;
 }

@@ -68,7 +68,7 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
     return EROFS;
   }
   std::shared_ptr<WorkFile> work;
-  if (const int error = MakeWork(work); error != 0) {
+  if (const int error = unsent_files.MakeWork(work); error != 0) {
     return error;
   }
   work->MarkDirty();
@@ -187,7 +187,7 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
     attributes = file->remote;
     path = drive.nodes.PathOf(file->ino);
   }
-  int error = path || keep == 0 ? MakeWork(work) : ESTALE;
+  int error = path || keep == 0 ? unsent_files.MakeWork(work) : ESTALE;
   if (error == 0 && keep > 0) {
     error = work->SetBase(BaseOf(file, keep));
   }
@@ -206,7 +206,7 @@ WorkFile::Base FileSystem::BaseOf(const std::shared_ptr<OpenFile>& file, std::ui
   const auto reader = readers.Get(*file);
   return {.read =
               [this, reader](std::uint64_t offset, void* buffer, size_t wanted, size_t& received) {
-                ++progress;
+                sender.NoteProgress();
                 return reader->Read(offset, buffer, wanted, received);
               },
           .size = std::min(length, reader->GetFile().size)};
@@ -282,7 +282,7 @@ int FileSystem::Flush(std::uint64_t handle) {
   if (!open) {
     return EBADF;
   }
-  return open->may_write ? Save(open->file) : 0;
+  return open->may_write ? sender.Save(open->file) : 0;
 }
 
 int FileSystem::Sync(std::uint64_t handle) {
@@ -290,17 +290,7 @@ int FileSystem::Sync(std::uint64_t handle) {
   if (!open) {
     return EBADF;
   }
-  if (const int error = Complete(*open->file); error != 0) {
-    return error;
-  }
-  if (HasJournalFor(*open->file)) {
-    (void)Publish(open->file);  // what cannot be kept is sent all the same
-  }
-  const int error = SendNow(open->file);
-  if (error != 0 && HasJournalFor(*open->file)) {
-    GetUploads()->Add(open->file->ino);  // tried again
-  }
-  return error;
+  return sender.Sync(open->file);
 }
 
 // Pages of a mapping may come after the close. The kernel tells of the end of a file late, though:
@@ -318,7 +308,7 @@ void FileSystem::Release(std::uint64_t handle) {
     return;
   }
   if (open->may_write && HasNewsAtRelease(*open->file)) {
-    (void)Save(open->file);  // events tell of failure
+    (void)sender.Save(open->file);  // events tell of failure
   }
   CloseHandle(handle);
 }

@@ -98,7 +98,7 @@ int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
 }
 
 int FileSystem::RemoveFile(Ino folder, const std::string& name) {
-  GiveUpUploadsAt(folder, name, true);
+  sender.GiveUpAt(folder, name, true);
   std::vector<std::string> paths;
   const auto hold = drive.HoldPlaces({{folder, name}}, paths);
   if (!hold) {
@@ -109,7 +109,7 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
     const MutexLock guard(drive.lock);
     file = drive.open_files.Find(folder, name);
   }
-  if (HasCome(file, paths[0])) {
+  if (sender.HasCome(file, paths[0])) {
     if (const int error = file ? Preserve(file) : 0; error != 0) {
       return error;
     }
@@ -132,7 +132,8 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
     }
   }
   if (file) {
-    DropUnsent(*file);
+    unsent_files.Drop(*file);
+    sender.Drop(file->ino);
     const MutexLock guard(drive.lock);
     drive.open_files.DropIfUnused(file);
   }
@@ -172,8 +173,8 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (const int error = CheckName(new_name); error != 0) {
     return error;
   }
-  GiveUpUploadsAt(folder, name, false);
-  GiveUpUploadsAt(new_folder, new_name, true);
+  sender.GiveUpAt(folder, name, false);
+  sender.GiveUpAt(new_folder, new_name, true);
   std::vector<std::string> paths;
   const auto hold = drive.HoldPlaces({{folder, name}, {new_folder, new_name}}, paths);
   if (!hold) {
@@ -196,12 +197,12 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (const int error = target ? Preserve(target) : 0; error != 0) {
     return error;
   }
-  const bool is_at_remote = HasCome(source, paths[0]);
-  const auto noted =
-      is_at_remote ? NoteMove(InoOf(folder, name), paths, target.get()) : std::nullopt;
+  const bool is_at_remote = sender.HasCome(source, paths[0]);
+  const auto noted = is_at_remote ? unsent_files.BeginMove(InoOf(folder, name), paths, target.get())
+                                  : std::nullopt;
   if (const int error = is_at_remote ? MoveAtRemote(paths[0], paths[1]) : 0; error != 0) {
     if (noted) {
-      journal->Remove(*noted);
+      unsent_files.EndMove(*noted);
     }
     if (target) {
       const MutexLock guard(drive.lock);
@@ -216,14 +217,15 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     }
     Moved(folder, name, new_folder, new_name, paths);
   }
-  UnsentMoved(InoOf(new_folder, new_name), is_at_remote, target ? target->id : "");
+  unsent_files.Moved(InoOf(new_folder, new_name), is_at_remote, target ? target->id : "");
   if (target) {
-    DropUnsent(*target);
+    unsent_files.Drop(*target);
+    sender.Drop(target->ino);
     const MutexLock guard(drive.lock);
     drive.open_files.DropIfUnused(target);
   }
   if (noted) {
-    journal->Remove(*noted);
+    unsent_files.EndMove(*noted);
   }
   return 0;
 }

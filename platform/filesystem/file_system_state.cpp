@@ -30,7 +30,7 @@ FileSystem::Unsent FileSystem::StateOf(const OpenFile& file) const {
   if (!drive.nodes.PathOf(file.ino) || !file.work || !file.work->IsDirty()) {
     return {};
   }
-  const Uploads::Status status = uploads ? uploads->Get(file.ino) : Uploads::Status{};
+  const Uploads::Status status = sender.GetStatus(file.ino);
   std::string state = "unsent";
   if (status.state == Uploads::State::kSending) {
     state = "sending";

@@ -1,6 +1,7 @@
 #include "platform/filesystem/nodes.h"
 
 #include <algorithm>
+#include <ctime>
 
 #include "platform/filesystem/names.h"
 
@@ -59,6 +60,16 @@ std::optional<std::string> Nodes::PathOf(Ino ino) const {
 std::optional<std::string> Nodes::PathOf(Ino folder, const std::string& name) const {
   const auto path = PathOf(folder);
   return path ? std::optional(JoinPath(*path, name)) : std::nullopt;
+}
+
+std::string Nodes::FreeConflictName(Ino folder, const std::string& name) const {
+  const std::time_t now = std::time(nullptr);
+  int number = 1;
+  std::string free = ConflictName(name, now, number);
+  while (Find(folder, free)) {
+    free = ConflictName(name, now, ++number);
+  }
+  return free;
 }
 
 void Nodes::Forget(Ino ino, std::uint64_t lookups) {

@@ -52,6 +52,9 @@ class Nodes {
   [[nodiscard]] std::optional<std::string> PathOf(Ino ino) const;
   [[nodiscard]] std::optional<std::string> PathOf(Ino folder, const std::string& name) const;
 
+  // The first name for a file beside `name`, made by somebody else, that no node has.
+  [[nodiscard]] std::string FreeConflictName(Ino folder, const std::string& name) const;
+
   // Of a node that exists.
   [[nodiscard]] Ino FolderOf(Ino ino) const { return nodes.at(ino).folder; }
   [[nodiscard]] KernelState& KernelOf(Ino ino) { return nodes.at(ino).kernel; }

@@ -1,13 +1,12 @@
-// Conflicts: what an upload meets at the remote, and what becomes of the file then.
+// What an upload meets at the remote, and what becomes of the file then.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <vector>
 
 #include "platform/filesystem/errors.h"
-#include "platform/filesystem/file_system.h"
 #include "platform/filesystem/names.h"
+#include "platform/filesystem/sender.h"
 
 namespace tarn::fs {
 
@@ -17,10 +16,23 @@ constexpr size_t kCompareBytes = size_t{1} << 20;
 
 }  // namespace
 
-// What can be done about a failed upload. True: it is worth another attempt; `error` becomes
-// SUCCESS when the remote turns out to have it.
-bool FileSystem::Remedy(const std::shared_ptr<OpenFile>& file, const std::string& path,
-                        const Outgoing& outgoing, AERROR& error, Attributes& stored) {
+bool Sender::HasCome(const FilePtr& file, const std::string& path) {
+  {
+    const MutexLock guard(drive.lock);
+    if (!file || file->at_remote || file->attempts.empty()) {
+      return !file || file->at_remote;
+    }
+  }
+  Attributes there;
+  const AERROR error = remote.GetInfo(path, there);
+  if (error != SUCCESS) {
+    return ErrnoOf(error) != ENOENT;
+  }
+  return IsAnAttempt(*file, path, there) != false;  // else it is somebody else's
+}
+
+bool Sender::Remedy(const FilePtr& file, const std::string& path, const Outgoing& outgoing,
+                    AERROR& error, Attributes& stored) {
   switch (error) {
     case PATH_NOT_FOUND:
       return MakeFoldersAbove(path);
@@ -34,8 +46,8 @@ bool FileSystem::Remedy(const std::shared_ptr<OpenFile>& file, const std::string
 }
 
 // The remote has something else there than what was to be replaced, or somebody has locked it.
-bool FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std::string& path,
-                                const Outgoing& outgoing, AERROR& error, Attributes& stored) {
+bool Sender::SettleConflict(const FilePtr& file, const std::string& path, const Outgoing& outgoing,
+                            AERROR& error, Attributes& stored) {
   Attributes there;
   const AERROR asked = remote.GetInfo(path, there);
   const bool is_absent = ErrnoOf(asked) == ENOENT;
@@ -61,7 +73,7 @@ bool FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std
     return false;
   }
   if (is_attempt == false) {
-    MoveAside(file, path);
+    MoveAside(*file, path);
     return true;
   }
   {
@@ -69,12 +81,12 @@ bool FileSystem::SettleConflict(const std::shared_ptr<OpenFile>& file, const std
     file->at_remote = true;
     file->remote = there;
   }
-  PublishAnew(*file);
+  unsent_files.KeepAnew(*file);
   return true;
 }
 
-std::optional<bool> FileSystem::IsAnAttempt(const OpenFile& file, const std::string& path,
-                                            const Attributes& there) {
+std::optional<bool> Sender::IsAnAttempt(const OpenFile& file, const std::string& path,
+                                        const Attributes& there) {
   std::vector<WorkFile::Snapshot> attempts;
   {
     const MutexLock guard(drive.lock);
@@ -88,8 +100,8 @@ std::optional<bool> FileSystem::IsAnAttempt(const OpenFile& file, const std::str
   return false;
 }
 
-std::optional<bool> FileSystem::IsAtRemote(const std::string& path, const Attributes& attributes,
-                                           const WorkFile::Snapshot& snapshot) {
+std::optional<bool> Sender::IsAtRemote(const std::string& path, const Attributes& attributes,
+                                       const WorkFile::Snapshot& snapshot) {
   if (attributes.is_folder || attributes.size != snapshot.state.size) {
     return false;
   }
@@ -114,35 +126,24 @@ std::optional<bool> FileSystem::IsAtRemote(const std::string& path, const Attrib
   return is_as_asked ? std::optional(is_same) : std::nullopt;
 }
 
-// A name that nothing here has yet.
-std::string FileSystem::FreeConflictName(Ino folder, const std::string& name) const {
-  const std::time_t now = std::time(nullptr);
-  int number = 1;
-  std::string free = ConflictName(name, now, number);
-  while (drive.nodes.Find(folder, free)) {
-    free = ConflictName(name, now, ++number);
-  }
-  return free;
-}
-
-void FileSystem::MoveAside(const std::shared_ptr<OpenFile>& file, const std::string& path) {
+void Sender::MoveAside(OpenFile& file, const std::string& path) {
   std::string new_path;
   {
     const MutexLock guard(drive.lock);
-    const Ino folder = drive.nodes.FolderOf(file->ino);
-    const std::string name = FreeConflictName(folder, std::string(NameOf(path)));
+    const Ino folder = drive.nodes.FolderOf(file.ino);
+    const std::string name = drive.nodes.FreeConflictName(folder, std::string(NameOf(path)));
     new_path = JoinPath(FolderOf(path), name);
-    drive.nodes.Move(file->ino, folder, name);
-    file->at_remote = false;
+    drive.nodes.Move(file.ino, folder, name);
+    file.at_remote = false;
     drive.listings.Forget(path);
     drive.listings.Forget(new_path);
   }
-  PublishAnew(*file);
+  unsent_files.KeepAnew(file);
   events.Failed(FS_EVENT_CREATE_FILE, SHARING_VIOLATION, new_path, path);
 }
 
 // For files that waited while their folder went.
-bool FileSystem::MakeFoldersAbove(const std::string& path) {
+bool Sender::MakeFoldersAbove(const std::string& path) {
   bool has_made = false;
   if (remote.Count() > 1) {
     return false;  // which of them lost it is not known

@@ -1,0 +1,266 @@
+#include "platform/filesystem/sender.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/filesystem/errors.h"
+#include "platform/filesystem/names.h"
+
+namespace tarn::fs {
+
+namespace {
+
+constexpr int kMaxAttempts = 10;  // of one file, while others change what it meets
+constexpr std::uint64_t kQuickBytes = std::uint64_t{1} << 20;  // an upload worth waiting for
+
+// One snapshot on its way to the remote.
+struct SnapshotSource {
+  const WorkFile::Snapshot* snapshot;
+  Sending* sending;
+  std::atomic<std::uint64_t>* progress;
+  std::uint64_t offset = 0;
+
+  static long long Read(void* context, void* buffer, long long length) {
+    auto& self = *static_cast<SnapshotSource*>(context);
+    if (length < 0 || self.sending->give_up) {
+      return -1;
+    }
+    const size_t wanted = std::min<std::uint64_t>(static_cast<std::uint64_t>(length),
+                                                  self.snapshot->state.size - self.offset);
+    size_t received = 0;
+    if (self.snapshot->content->Read(self.offset, buffer, wanted, received) != 0 ||
+        received < wanted) {
+      return -1;
+    }
+    self.offset += received;
+    self.sending->was_read = self.sending->was_read || self.offset == self.snapshot->state.size;
+    if (self.offset > *self.snapshot->sent_bytes) {  // not what is only sent again
+      *self.snapshot->sent_bytes = self.offset;
+      ++*self.progress;
+    }
+    return static_cast<long long>(received);
+  }
+
+  static int Rewind(void* context) {
+    static_cast<SnapshotSource*>(context)->offset = 0;
+    return 0;
+  }
+};
+
+}  // namespace
+
+Sender::~Sender() {
+  if (uploads) {
+    uploads->Stop();
+  }
+}
+
+Uploads& Sender::GetUploads() {
+  const MutexLock guard(making);
+  if (!uploads) {
+    uploads = std::make_shared<Uploads>(
+        [this, whole = std::weak_ptr<void>(owner())](Ino ino) {
+          const auto keep = whole.lock();
+          return keep ? SendInBackground(ino) : SUCCESS;
+        },
+        Uploads::Pauses{});
+  }
+  return *uploads;
+}
+
+std::shared_ptr<Uploads> Sender::FindUploads() const {
+  const MutexLock guard(making);
+  return uploads;
+}
+
+void Sender::Hasten() {
+  if (const auto sending = FindUploads(); sending) {
+    sending->Hasten();
+  }
+}
+
+void Sender::Drop(Ino ino) {
+  if (const auto sending = FindUploads(); sending) {
+    sending->Drop(ino);
+  }
+}
+
+Uploads::Status Sender::GetStatus(Ino ino) const {
+  const auto sending = FindUploads();
+  return sending ? sending->Get(ino) : Uploads::Status{};
+}
+
+int Sender::Save(const FilePtr& file) {
+  int error = unsent_files.Complete(*file);
+  if (error == 0 && !unsent_files.Keep(file)) {  // the disk is full, perhaps
+    error = SendNow(file);
+  }
+  bool is_unsent = false;
+  {
+    const MutexLock guard(drive.lock);
+    is_unsent = file->unsent.content || (error != 0 && !file->is_torn);
+  }
+  if (is_unsent) {
+    Add(file->ino);
+  }
+  return error;
+}
+
+int Sender::Sync(const FilePtr& file) {
+  if (const int error = unsent_files.Complete(*file); error != 0) {
+    return error;
+  }
+  (void)unsent_files.Keep(file);  // what cannot be kept is sent all the same
+  const int error = SendNow(file);
+  if (error != 0 && unsent_files.CanKeep(*file)) {
+    Add(file->ino);  // tried again
+  }
+  return error;
+}
+
+size_t Sender::SendAll(Clock::duration patience) {
+  std::vector<FilePtr> files;
+  {
+    const MutexLock guard(drive.lock);
+    for (const auto& [ino, file] : drive.open_files.All()) {
+      if (file->work && file->work->IsDirty() && drive.nodes.PathOf(ino)) {
+        files.push_back(file);
+      }
+    }
+  }
+  for (const auto& file : files) {
+    // What cannot be kept is sent all the same.
+    if (unsent_files.Complete(*file) != 0 || !unsent_files.Keep(file)) {
+      const MutexLock guard(drive.lock);
+      file->is_kept = false;
+    }
+    Add(file->ino);
+  }
+  return GetUploads().Finish(patience, [this] { return progress.load(); });
+}
+
+void Sender::GiveUpAt(Ino folder, const std::string& name, bool all) {
+  const MutexLock guard(drive.lock);
+  const auto path = drive.nodes.PathOf(folder, name);
+  for (const auto& [ino, file] : drive.open_files.All()) {
+    if (!path || !file->sending || (!all && file->unsent.state.size <= kQuickBytes)) {
+      continue;
+    }
+    if (const auto place = drive.nodes.PathOf(ino); place && IsWithin(*place, *path)) {
+      file->sending->give_up = true;
+    }
+  }
+}
+
+AERROR Sender::SendInBackground(Ino ino) {
+  FilePtr file;
+  int protocol = 0;
+  {
+    const MutexLock guard(drive.lock);
+    file = drive.open_files.Find(ino);
+    protocol = file ? file->remote.protocol : 0;
+  }
+  if (!file) {
+    return SUCCESS;
+  }
+  if (!remote.CanReach(protocol)) {
+    return DEVICE_NOT_READY;  // not tried, so there is nothing to tell
+  }
+  const AERROR error = Send(file, What::kKept);
+  const MutexLock guard(drive.lock);
+  drive.open_files.DropIfUnused(file);
+  const bool is_newer = file->unsent.content && drive.nodes.PathOf(ino);
+  return error == SUCCESS && is_newer ? RETRY_UPLOAD : error;
+}
+
+int Sender::SendNow(const FilePtr& file) {
+  AERROR error = Send(file, What::kCurrent);
+  for (int attempt = 1; error == RETRY_UPLOAD && attempt < kMaxAttempts; ++attempt) {
+    error = Send(file, What::kCurrent);
+  }
+  return ErrnoOf(error);
+}
+
+AERROR Sender::Send(const FilePtr& file, What what) {
+  for (int attempt = 1;; ++attempt) {
+    std::vector<std::string> paths;
+    const auto hold = drive.HoldPlaces({{file->ino, ""}}, paths);
+    if (!hold) {
+      return SUCCESS;  // removed: nobody wants it any more
+    }
+    Outgoing outgoing;
+    AERROR error = unsent_files.BeginSending(*file, what, outgoing);
+    if (error != SUCCESS || !outgoing.snapshot.content) {
+      return error;
+    }
+    Attributes stored;
+    error = Upload(paths[0], outgoing, stored);
+    const bool is_given_up = outgoing.sending->give_up;
+    const bool again = error != SUCCESS && !is_given_up &&
+                       Remedy(file, paths[0], outgoing, error, stored) && attempt < kMaxAttempts;
+    if (error == SUCCESS) {
+      Stored(*file, paths[0], outgoing, stored);
+      return SUCCESS;
+    }
+    unsent_files.NotSent(*file, outgoing);
+    if (is_given_up) {
+      return RETRY_UPLOAD;
+    }
+    if (!again) {
+      events.Failed(FS_EVENT_CREATE_FILE, error, paths[0], paths[0]);
+      return error;
+    }
+  }
+}
+
+AERROR Sender::Upload(const std::string& path, const Outgoing& outgoing, Attributes& stored) {
+  const WorkFile::Snapshot& snapshot = outgoing.snapshot;
+  SnapshotSource content{&snapshot, outgoing.sending.get(), &progress};
+  FS_SOURCE source = {};
+  source.context = &content;
+  source.read = &SnapshotSource::Read;
+  source.rewind = &SnapshotSource::Rewind;
+  source.modified = &snapshot.state.modified;
+  source.replaces = outgoing.replaces ? outgoing.replaces->c_str() : nullptr;
+  UploadEvents upload_events(events, path, static_cast<long long>(snapshot.state.size));
+  stored = {.is_folder = false,
+            .size = snapshot.state.size,
+            .modified = snapshot.state.modified,
+            .version = {}};
+  AERROR error = remote.Upload(path, source, snapshot.state.size, &UploadEvents::OnProgress,
+                               &upload_events, stored.protocol);
+  if (error != SUCCESS && outgoing.sending->give_up) {
+    error = UPLOAD_CANCELED;
+  }
+  if (error == SUCCESS) {
+    ++progress;
+    stored.version = source.version;
+    Attributes answer;
+    if (stored.version.empty() && remote.GetInfo(path, answer) == SUCCESS) {
+      stored = answer;
+    }
+  }
+  upload_events.End(error);
+  return error;
+}
+
+void Sender::Stored(OpenFile& file, const std::string& path, const Outgoing& outgoing,
+                    const Attributes& stored) {
+  unsent_files.Sent(file, path, outgoing, stored);
+  const WorkFile::State& sent = outgoing.snapshot.state;
+  const WorkFile::State now = outgoing.work->GetState();
+  const bool has_another_time = now.modified.seconds != sent.modified.seconds ||
+                                now.modified.nanoseconds != sent.modified.nanoseconds;
+  if (now.change == sent.change && has_another_time &&
+      remote.SetModifiedTime(path, now.modified) == SUCCESS) {
+    {
+      const MutexLock guard(drive.lock);
+      drive.listings.Forget(path);
+    }
+    if (finder.TakeNewVersion(file, path)) {
+      unsent_files.KeepAnew(file);
+    }
+  }
+}
+
+}  // namespace tarn::fs

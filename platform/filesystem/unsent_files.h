@@ -1,0 +1,102 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/filesystem/drive_state.h"
+#include "platform/filesystem/journal.h"
+#include "platform/filesystem/remote.h"
+
+namespace tarn::fs {
+
+// Keeps what programs wrote on this machine's disk until the remote has it: knows which content of
+// which file is in the journal, which was on its way to the remote, and where it is to go.
+//
+// Owned by the FileSystem; owns the journal; refers to the drive's state and the remote.
+// Threads: any.
+// Locks:   `publishing` puts the changes of the journal in order: it is held while the disk works,
+//          and comes before the state's lock.
+// Errors:  0 or an errno value.
+class UnsentFiles {
+ public:
+  using FilePtr = OpenFiles::FilePtr;
+
+  UnsentFiles(DriveState& shared, Remote& asked) : drive(shared), remote(asked) {}
+
+  // Before the first protocol. Without a journal nothing can be kept.
+  void UseJournal(std::unique_ptr<Journal> used) { journal = std::move(used); }
+  // What waits in the journal for a protocol that was added is there for programs as it was.
+  // Returns the files that are to be sent.
+  [[nodiscard]] std::vector<Ino> TakeOver(int protocol) TARN_EXCLUDES(publishing, drive.lock);
+
+  // An empty work file where the unsent ones are kept.
+  [[nodiscard]] int MakeWork(std::shared_ptr<WorkFile>& work) const;
+  // Fetches, of a file that was changed, all that the remote had and that was not needed before.
+  [[nodiscard]] int Complete(OpenFile& file) TARN_EXCLUDES(drive.lock);
+  // Whether there is a journal for a file of this remote.
+  [[nodiscard]] bool CanKeep(const OpenFile& file) const TARN_EXCLUDES(drive.lock);
+  // Puts what is complete, and not stored, into the journal. False: it cannot be kept there.
+  [[nodiscard]] bool Keep(const FilePtr& file) TARN_EXCLUDES(publishing, drive.lock);
+  // The file's place, or what it replaces, has changed.
+  void KeepAnew(const OpenFile& file, const std::string& superseded_id = "")
+      TARN_EXCLUDES(publishing, drive.lock);
+  // Sets the time of a file that waits to be sent, which goes with it. False: it does not wait.
+  [[nodiscard]] bool SetModified(Ino ino, const FS_TIME& time)
+      TARN_EXCLUDES(publishing, drive.lock);
+  // Nobody wants it at the remote any more.
+  void Drop(OpenFile& file) TARN_EXCLUDES(publishing, drive.lock);
+  // Files that the remote lacks, and that are not in the journal either.
+  [[nodiscard]] size_t CountLost() const TARN_EXCLUDES(drive.lock);
+
+  // What is to be sent of a file next.
+  enum class What {
+    kKept,     // what is in the journal, or could not be put there
+    kCurrent,  // what there is now
+  };
+  struct Outgoing {
+    std::shared_ptr<WorkFile> work;
+    WorkFile::Snapshot snapshot;  // without content there is nothing to send
+    std::optional<std::string> replaces;
+    std::shared_ptr<Sending> sending = std::make_shared<Sending>();
+    bool is_first_attempt = false;
+  };
+  // The snapshot is one of the file's attempts from now on.
+  [[nodiscard]] AERROR BeginSending(OpenFile& file, What what, Outgoing& outgoing)
+      TARN_EXCLUDES(publishing, drive.lock);
+  // Takes back that attempt where the remote cannot have it.
+  void NotSent(OpenFile& file, const Outgoing& outgoing) TARN_EXCLUDES(publishing, drive.lock);
+  // The remote has it, and tells of it what is `stored`.
+  void Sent(OpenFile& file, const std::string& path, const Outgoing& outgoing,
+            const Attributes& stored) TARN_EXCLUDES(publishing, drive.lock);
+
+  // Notes a move that concerns unsent files before the remote hears of it. Unset: concerns none.
+  [[nodiscard]] std::optional<Journal::Move> BeginMove(Ino source_ino,
+                                                       const std::vector<std::string>& paths,
+                                                       const OpenFile* target)
+      TARN_EXCLUDES(drive.lock);
+  // Tells the journal of the new places of a node and those below it, and of what was replaced.
+  void Moved(Ino top, bool at_remote, const std::string& superseded_id)
+      TARN_EXCLUDES(publishing, drive.lock);
+  void EndMove(const Journal::Move& move) { journal->Remove(move); }
+
+ private:
+  [[nodiscard]] int PutRecord(const OpenFile& file, const std::string& path,
+                              const WorkFile::Snapshot& snapshot,
+                              const std::string& superseded_id = "") TARN_REQUIRES(publishing);
+  // Those that are not what is in the journal go.
+  static void Discard(const std::vector<WorkFile::Snapshot>& attempts,
+                      const WorkFile::Snapshot& unsent);
+  // Puts right what a process that ended in the middle of a move left.
+  void Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found);
+  [[nodiscard]] Ino Adopt(Journal::Unsent unsent, int protocol) TARN_EXCLUDES(drive.lock);
+
+  DriveState& drive;
+  Remote& remote;
+  std::unique_ptr<Journal> journal;  // set once, before the first use
+  Mutex publishing;
+  std::vector<std::string> identities TARN_GUARDED_BY(drive.lock);  // of the protocols
+};
+
+}  // namespace tarn::fs

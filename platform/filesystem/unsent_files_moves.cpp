@@ -1,0 +1,155 @@
+// Unsent files whose places change: with a move, or because another process has left them.
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/filesystem/bindings.h"
+#include "platform/filesystem/errors.h"
+#include "platform/filesystem/names.h"
+#include "platform/filesystem/unsent_files.h"
+
+namespace tarn::fs {
+
+namespace {
+
+bool IsSame(const Attributes& file, std::uint64_t size, const FS_TIME& modified) {
+  return file.size == size && file.modified.seconds == modified.seconds &&
+         file.modified.nanoseconds == modified.nanoseconds;
+}
+
+}  // namespace
+
+std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
+  const std::string identity = remote.GetIdentity(protocol);
+  {
+    const MutexLock guard(drive.lock);
+    drive.listings.ForgetTree("/");
+    identities.resize(std::max(identities.size(), static_cast<size_t>(protocol) + 1));
+    identities[static_cast<size_t>(protocol)] = identity;
+  }
+  std::vector<Ino> adopted;
+  if (!journal || identity.empty()) {
+    return adopted;
+  }
+  std::vector<Journal::Move> moves;
+  auto found = journal->TakeOver(identity, moves);
+  for (const Journal::Move& move : moves) {
+    Settle(move, found);
+  }
+  if (!found.empty()) {
+    Log(LOGLEVEL_INFO, "%zu files that were not sent before are sent now", found.size());
+  }
+  for (Journal::Unsent& unsent : found) {
+    adopted.push_back(Adopt(std::move(unsent), protocol));
+  }
+  return adopted;
+}
+
+// The file is there for programs as it was, from the first moment.
+Ino UnsentFiles::Adopt(Journal::Unsent unsent, int protocol) {
+  const Journal::Record& record = unsent.record;
+  const MutexLock guard(drive.lock);
+  Ino folder = kRootIno;
+  std::string name(NameOf(record.path));
+  for (size_t start = 1, end = 0; end = record.path.find('/', start), end != std::string::npos;
+       start = end + 1) {
+    folder = drive.nodes.Ensure(folder, record.path.substr(start, end - start), true);
+  }
+  if (const auto other = drive.open_files.Find(folder, name); other && other->work) {
+    name = drive.nodes.FreeConflictName(folder, name);
+  }
+  const auto file = drive.open_files.Ensure(drive.nodes.Ensure(folder, name, false));
+  file->work = std::make_shared<WorkFile>(unsent.content, record.size, record.modified);
+  file->unsent = file->work->TakeSnapshot();
+  file->id = unsent.id;
+  file->is_kept = true;
+  for (size_t i = 0; i < unsent.attempts.size(); ++i) {
+    const WorkFile::State state{.change = 0, .size = record.attempts[i].size, .modified = {}};
+    file->attempts.push_back(
+        {.content = unsent.attempts[i], .state = state, .sent_bytes = nullptr});
+  }
+  file->attempts.push_back(file->unsent);
+  file->at_remote = !record.replaces || !record.replaces->empty();
+  file->remote.version = record.replaces.value_or("");
+  file->remote.protocol = protocol;
+  return file->ino;
+}
+
+std::optional<Journal::Move> UnsentFiles::BeginMove(Ino source_ino,
+                                                    const std::vector<std::string>& paths,
+                                                    const OpenFile* target) {
+  Journal::Move move;
+  {
+    const MutexLock guard(drive.lock);
+    if (target != nullptr && target->unsent.content) {
+      move.replaced_id = target->id;
+    }
+    if (!journal || (move.replaced_id.empty() && drive.open_files.UnsentAt(source_ino).empty())) {
+      return std::nullopt;
+    }
+  }
+  Attributes source;
+  if (remote.GetInfo(paths[0], source) != SUCCESS) {
+    return std::nullopt;  // neither will it be moved
+  }
+  {
+    const MutexLock guard(drive.lock);
+    move.remote = identities[static_cast<size_t>(source.protocol)];
+  }
+  move.id = Journal::MakeId();
+  move.from = paths[0];
+  move.to = paths[1];
+  move.is_folder = source.is_folder;
+  move.size = source.size;
+  move.modified = source.modified;
+  if (const int error = journal->Put(move); error != 0) {
+    Log(LOGLEVEL_ERROR, "the move of %s cannot be noted: %d", paths[0].c_str(), error);
+  }
+  return move;
+}
+
+// A move may have changed the versions, too: what is still ours is to be replaced under the new
+// one.
+void UnsentFiles::Moved(Ino top, bool at_remote, const std::string& superseded_id) {
+  std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> moved;
+  {
+    const MutexLock guard(drive.lock);
+    moved = drive.open_files.UnsentAt(top);
+  }
+  for (const auto& [file, place] : moved) {
+    Attributes now;
+    if (at_remote && file->at_remote && remote.GetInfo(place, now) == SUCCESS) {
+      const MutexLock guard(drive.lock);
+      const bool is_the_same = IsSame(now, file->remote.size, file->remote.modified);
+      file->remote = is_the_same ? now : file->remote;
+    }
+    KeepAnew(*file, file->ino == top ? superseded_id : "");
+  }
+}
+
+void UnsentFiles::Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found) {
+  Attributes there;
+  Attributes moved;
+  const bool has_gone = ErrnoOf(remote.GetInfo(move.from, there)) == ENOENT;
+  const bool has_come = has_gone && remote.GetInfo(move.to, moved) == SUCCESS &&
+                        moved.is_folder == move.is_folder &&
+                        (moved.is_folder || IsSame(moved, move.size, move.modified));
+  for (Journal::Unsent& unsent : found) {
+    Journal::Record& record = unsent.record;
+    if (has_come && unsent.id == move.replaced_id) {
+      journal->Remove(unsent.id, *unsent.content);
+    } else if (has_come && IsWithin(record.path, move.from)) {
+      record.path = move.to + record.path.substr(move.from.size());
+      if (!moved.is_folder && record.replaces && !record.replaces->empty()) {
+        record.replaces = moved.version;
+      }
+      (void)journal->Put(unsent.id, record, *unsent.content);  // else it is asked for once more
+    }
+  }
+  std::erase_if(found, [&](const Journal::Unsent& unsent) {
+    return has_come && unsent.id == move.replaced_id;
+  });
+  journal->Remove(move);
+}
+
+}  // namespace tarn::fs

@@ -1,11 +1,6 @@
-// The state that names, attributes and content share.
 #include "platform/filesystem/file_system.h"
 
-#include <cerrno>
 #include <utility>
-
-#include "platform/filesystem/errors.h"
-#include "platform/filesystem/names.h"
 
 namespace tarn::fs {
 
@@ -31,7 +26,12 @@ FileSystem::~FileSystem() {
 }
 
 void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
-  for (const Ino ino : unsent_files.TakeOver(remote.Add(std::move(protocol)))) {
+  const int index = remote.Add(std::move(protocol));
+  {
+    const MutexLock guard(drive.lock);
+    drive.listings.ForgetTree("/");
+  }
+  for (const Ino ino : unsent_files.TakeOver(index)) {
     sender.Add(ino);
   }
   space.Ask();

@@ -48,7 +48,15 @@ struct AttributeChange {
 // A drive as programs see it: folders, files and open files over the remote. This is the whole of a
 // volume but the kernel's side of it, which an adapter connects.
 //
-// Owns:    the drive's state and all who work on it, who share this object's life.
+// The calls of programs come in here. Those who do the work behind them share the drive's state:
+//   DriveState   what is known: names, listings, open files; has the lock of all of it
+//   Finder       how things are at the remote: known, or asked
+//   Readers      from the open of a file to what the remote has of it
+//   Ahead        what is fetched before a program asks; small files as SmallFiles plans it
+//   UnsentFiles  what programs wrote, in the Journal until the remote has it
+//   Sender       brings that to the remote, when Uploads says so, and settles conflicts there
+//
+// Owns:    all of these; work of theirs in the background shares this object.
 // Threads: any, several at once.
 // Locks:   the state's.
 // Errors:  0 or an errno value.
@@ -133,32 +141,18 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   void CloseAll();
 
  private:
+  struct OpenedFolder {
+    Ino ino;
+    std::shared_ptr<const FolderContent> content;  // null: not read yet
+  };
+
   [[nodiscard]] Owner ShareOfThis();
+  // Called when the remote cannot be reached any more, and when it can be again.
+  void ReachabilityChanged(bool is_reachable) TARN_EXCLUDES(drive.lock);
   Stat LocalStat(const OpenFile& file) const TARN_REQUIRES(drive.lock);
   Stat RemoteStat(Ino ino, const Attributes& attributes, Clock::duration valid_for) const;
 
-  Opened MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) TARN_REQUIRES(drive.lock);
-  [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(drive.lock);
-  void CloseHandle(std::uint64_t handle) TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] bool WasStoredSince(Ino ino, const Attributes& answer) const
-      TARN_REQUIRES(drive.lock);
-  void Refresh(OpenFile& file, const Attributes& attributes) TARN_REQUIRES(drive.lock);
-  [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
-
-  // The file's work file, made when there is none of the first `keep` bytes of the remote's
-  // content.
-  [[nodiscard]] int WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t keep,
-                            std::shared_ptr<WorkFile>& work);
-  [[nodiscard]] WorkFile::Base BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length)
-      TARN_EXCLUDES(drive.lock);
-  // Lets those who have the file open keep its content, which the remote is about to lose.
-  [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
-
-  [[nodiscard]] bool HasNewsAtRelease(const OpenFile& file) const TARN_EXCLUDES(drive.lock);
-
-  [[nodiscard]] bool MayHave(mode_t permissions, const Stat& stat) const TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
-  [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
+  // Names.
   [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
       TARN_EXCLUDES(drive.lock);
@@ -166,11 +160,19 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
                    const std::string& new_name) TARN_REQUIRES(drive.lock);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
              const std::vector<std::string>& paths) TARN_REQUIRES(drive.lock);
-  // Whether the folder has files that only this side knows of; and adds them to a listing.
+  // Nobody has the file under its old name any more.
+  void DropUnsent(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(drive.lock);
+
+  // Folders: whether one has files that only this side knows of; and adds them to a listing.
   [[nodiscard]] bool HoldsUnsent(Ino folder, const std::string& name) const
       TARN_REQUIRES(drive.lock);
   void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const
       TARN_REQUIRES(drive.lock);
+
+  // Attributes.
+  [[nodiscard]] bool MayHave(mode_t permissions, const Stat& stat) const TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] int SetSize(Ino ino, std::uint64_t size);
+  [[nodiscard]] int SetModified(Ino ino, const FS_TIME& time);
   // How far a file is on its way to the remote: "clean", "unsent", "sending" or "failed: reason".
   struct Unsent {
     std::string state = "clean";
@@ -179,8 +181,24 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] Unsent StateOf(const OpenFile& file) const TARN_REQUIRES(drive.lock);
   [[nodiscard]] std::string StateOfAll(std::uint64_t& count, std::uint64_t& bytes) const
       TARN_REQUIRES(drive.lock);
-  // Called when the remote cannot be reached any more, and when it can be again.
-  void ReachabilityChanged(bool is_reachable) TARN_EXCLUDES(drive.lock);
+
+  // Content.
+  Opened MakeHandle(const std::shared_ptr<OpenFile>& file, int flags) TARN_REQUIRES(drive.lock);
+  [[nodiscard]] std::optional<Handle> GetHandle(std::uint64_t handle) TARN_EXCLUDES(drive.lock);
+  void CloseHandle(std::uint64_t handle) TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] bool WasStoredSince(Ino ino, const Attributes& answer) const
+      TARN_REQUIRES(drive.lock);
+  void Refresh(OpenFile& file, const Attributes& attributes) TARN_REQUIRES(drive.lock);
+  [[nodiscard]] bool HasNewsAtRelease(const OpenFile& file) const TARN_EXCLUDES(drive.lock);
+  // The file's work file, made when there is none of the first `keep` bytes of the remote's
+  // content.
+  [[nodiscard]] int WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t keep,
+                            std::shared_ptr<WorkFile>& work);
+  [[nodiscard]] WorkFile::Base BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length)
+      TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
+  // Lets those who have the file open keep its content, which the remote is about to lose.
+  [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
 
   DriveState drive;
   Remote remote;
@@ -197,10 +215,6 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   CondVar prepared;  // a work file
   HandleTable<Handle> handles TARN_GUARDED_BY(drive.lock);
-  struct OpenedFolder {
-    Ino ino;
-    std::shared_ptr<const FolderContent> content;  // null: not read yet
-  };
   HandleTable<OpenedFolder> open_folders TARN_GUARDED_BY(drive.lock);
 };
 

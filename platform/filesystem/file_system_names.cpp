@@ -1,8 +1,5 @@
-// Names: looking up, listing, making, removing and renaming.
-#include <algorithm>
+// Names: looking up, making, removing and renaming.
 #include <cerrno>
-#include <unordered_set>
-#include <utility>
 
 #include "platform/filesystem/errors.h"
 #include "platform/filesystem/file_system.h"
@@ -132,12 +129,16 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
     }
   }
   if (file) {
-    unsent_files.Drop(*file);
-    sender.Drop(file->ino);
-    const MutexLock guard(drive.lock);
-    drive.open_files.DropIfUnused(file);
+    DropUnsent(file);
   }
   return 0;
+}
+
+void FileSystem::DropUnsent(const std::shared_ptr<OpenFile>& file) {
+  unsent_files.Drop(*file);
+  sender.Drop(file->ino);
+  const MutexLock guard(drive.lock);
+  drive.open_files.DropIfUnused(file);
 }
 
 int FileSystem::RemoveFolder(Ino folder, const std::string& name) {
@@ -219,10 +220,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   }
   unsent_files.Moved(InoOf(new_folder, new_name), is_at_remote, target ? target->id : "");
   if (target) {
-    unsent_files.Drop(*target);
-    sender.Drop(target->ino);
-    const MutexLock guard(drive.lock);
-    drive.open_files.DropIfUnused(target);
+    DropUnsent(target);
   }
   if (noted) {
     unsent_files.EndMove(*noted);
@@ -286,129 +284,6 @@ void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
   } else if (const auto target = drive.nodes.Find(new_folder, new_name); target) {
     drive.nodes.Unlink(*target);
   }
-}
-
-int FileSystem::ReadFolder(Ino folder, FolderContent& content) {
-  std::optional<std::string> path;
-  {
-    const MutexLock guard(drive.lock);
-    path = drive.nodes.PathOf(folder);
-  }
-  if (!path) {
-    return ENOENT;
-  }
-  // What is sent while the remote is asked may be in neither of the two.
-  std::vector<Entry> unsent;
-  {
-    const MutexLock guard(drive.lock);
-    AddUnsent(*path, unsent);
-  }
-  if (const AERROR error = finder.GetListing(*path, content); error != SUCCESS) {
-    events.Failed(FS_EVENT_READDIR, error, *path, *path);
-    return ErrnoOf(error);
-  }
-  ahead.Listed(*path, content.entries);
-  const MutexLock guard(drive.lock);
-  std::unordered_set<std::string> names;
-  for (const Entry& entry : content.entries) {
-    names.insert(entry.name);
-  }
-  for (const Entry& entry : unsent) {
-    const auto known = drive.listings.Find(JoinPath(*path, entry.name), Clock::now());
-    if (known.known == Listings::Known::kPresent && names.insert(entry.name).second) {
-      content.entries.push_back({entry.name, known.attributes});
-    }
-  }
-  AddUnsent(*path, content.entries);
-  return 0;
-}
-
-std::uint64_t FileSystem::OpenFolder(Ino folder) {
-  const MutexLock guard(drive.lock);
-  return open_folders.Add({folder, nullptr});
-}
-
-int FileSystem::GetOpenFolder(std::uint64_t handle, bool anew,
-                              std::shared_ptr<const FolderContent>& content) {
-  Ino ino = 0;
-  {
-    const MutexLock guard(drive.lock);
-    const OpenedFolder* const folder = open_folders.Find(handle);
-    if (folder == nullptr) {
-      return EBADF;
-    }
-    content = folder->content;
-    ino = folder->ino;
-  }
-  if (content && !anew) {
-    return 0;
-  }
-  const auto read = std::make_shared<FolderContent>();
-  if (const int error = ReadFolder(ino, *read); error != 0) {
-    return error;
-  }
-  content = read;
-  const MutexLock guard(drive.lock);
-  if (OpenedFolder* const folder = open_folders.Find(handle); folder != nullptr) {
-    folder->content = content;
-  }
-  return 0;
-}
-
-void FileSystem::CloseFolder(std::uint64_t handle) {
-  const MutexLock guard(drive.lock);
-  open_folders.Remove(handle);
-}
-
-Ino FileSystem::InoOf(Ino folder, const std::string& name) const {
-  const MutexLock guard(drive.lock);
-  return drive.nodes.Find(folder, name).value_or(0);
-}
-
-bool FileSystem::HoldsUnsent(Ino folder, const std::string& name) const {
-  const auto ino = drive.nodes.Find(folder, name);
-  if (!ino || !drive.nodes.IsFolder(*ino)) {
-    return false;
-  }
-  const auto unsent = drive.open_files.UnsentAt(*ino);
-  return std::any_of(unsent.begin(), unsent.end(),
-                     [](const auto& file) { return !file.first->at_remote; });
-}
-
-void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entries) const {
-  std::unordered_set<std::string> known;
-  for (const Entry& entry : entries) {
-    known.insert(entry.name);
-  }
-  for (const auto& [ino, file] : drive.open_files.All()) {
-    const auto path = file->at_remote ? std::nullopt : drive.nodes.PathOf(ino);
-    if (path && FolderOf(*path) == folder && known.insert(std::string(NameOf(*path))).second) {
-      entries.push_back({std::string(NameOf(*path)), {}});
-    }
-  }
-}
-
-bool FileSystem::LookUpEntry(Ino folder, const Entry& entry, Clock::time_point asked, Stat& stat) {
-  const MutexLock guard(drive.lock);
-  const auto path = drive.nodes.PathOf(folder, entry.name);
-  const auto unsent = drive.open_files.Find(folder, entry.name);
-  const bool is_local = unsent && unsent->work;
-  const auto known = path ? drive.listings.Find(*path, Clock::now()) : Listings::Answer{};
-  if (!path || (known.known == Listings::Known::kAbsent && !is_local)) {
-    return false;
-  }
-  if (is_local) {  // whatever the remote has there by now
-    drive.nodes.AddLookup(unsent->ino);
-    stat = LocalStat(*unsent);
-    return true;
-  }
-  const bool is_known = known.known == Listings::Known::kPresent;  // perhaps sent since
-  const Attributes& attributes = is_known ? known.attributes : entry.attributes;
-  const Ino ino = drive.nodes.Ensure(folder, entry.name, attributes.is_folder);
-  drive.nodes.AddLookup(ino);
-  const auto valid_for = std::max(Clock::duration::zero(), asked + time_out - Clock::now());
-  stat = RemoteStat(ino, attributes, is_known ? known.believable : valid_for);
-  return true;
 }
 
 }  // namespace tarn::fs

@@ -145,7 +145,7 @@ void UnsentFiles::KeepAnew(const OpenFile& file, const std::string& superseded_i
 }
 
 bool UnsentFiles::SetModified(Ino ino, const FS_TIME& time) {
-  std::shared_ptr<OpenFile> file;
+  FilePtr file;
   {
     const MutexLock one_at_a_time(publishing);
     const MutexLock guard(drive.lock);

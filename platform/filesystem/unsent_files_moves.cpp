@@ -23,7 +23,6 @@ std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
   const std::string identity = remote.GetIdentity(protocol);
   {
     const MutexLock guard(drive.lock);
-    drive.listings.ForgetTree("/");
     identities.resize(std::max(identities.size(), static_cast<size_t>(protocol) + 1));
     identities[static_cast<size_t>(protocol)] = identity;
   }
@@ -111,7 +110,7 @@ std::optional<Journal::Move> UnsentFiles::BeginMove(Ino source_ino,
 // A move may have changed the versions, too: what is still ours is to be replaced under the new
 // one.
 void UnsentFiles::Moved(Ino top, bool at_remote, const std::string& superseded_id) {
-  std::vector<std::pair<std::shared_ptr<OpenFile>, std::string>> moved;
+  std::vector<std::pair<FilePtr, std::string>> moved;
   {
     const MutexLock guard(drive.lock);
     moved = drive.open_files.UnsentAt(top);

@@ -13,8 +13,8 @@
 namespace tarn::fs {
 
 // Fetches what programs are likely to want next, in the bound queue, a bounded number of requests
-// at a time: the listings of folders beside each other, and small files as SmallFiles plans them,
-// which go to the bound cache.
+// at a time: the listings of the folders in one that was listed, and small files as SmallFiles
+// plans it, which go to the bound cache.
 //
 // Owned by what `owner` gives a share of; refers to its state, remote and finder.
 // Threads: any.

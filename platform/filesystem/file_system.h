@@ -152,7 +152,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   Stat LocalStat(const OpenFile& file) const TARN_REQUIRES(drive.lock);
   Stat RemoteStat(Ino ino, const Attributes& attributes, Clock::duration valid_for) const;
 
-  // Names.
+  // Names. `file` is null where none is open.
+  [[nodiscard]] int DeleteAtRemote(const std::shared_ptr<OpenFile>& file, const std::string& path)
+      TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
       TARN_EXCLUDES(drive.lock);

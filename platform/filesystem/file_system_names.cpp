@@ -106,20 +106,9 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
     const MutexLock guard(drive.lock);
     file = drive.open_files.Find(folder, name);
   }
-  if (sender.HasCome(file, paths[0])) {
-    if (const int error = file ? Preserve(file) : 0; error != 0) {
-      return error;
-    }
-    const AERROR error = remote.DeleteFile(paths[0]);
-    if (error != SUCCESS && !(file && ErrnoOf(error) == ENOENT)) {
-      events.Failed(FS_EVENT_DELETE, error, paths[0], paths[0]);
-      const MutexLock guard(drive.lock);
-      drive.listings.Forget(paths[0]);
-      if (file) {
-        drive.open_files.DropIfUnused(file);
-      }
-      return ErrnoOf(error);
-    }
+  if (const int error = sender.HasCome(file, paths[0]) ? DeleteAtRemote(file, paths[0]) : 0;
+      error != 0) {
+    return error;
   }
   {
     const MutexLock guard(drive.lock);
@@ -132,6 +121,23 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
     DropUnsent(file);
   }
   return 0;
+}
+
+int FileSystem::DeleteAtRemote(const std::shared_ptr<OpenFile>& file, const std::string& path) {
+  if (const int error = file ? Preserve(file) : 0; error != 0) {
+    return error;
+  }
+  const AERROR error = remote.DeleteFile(path);
+  if (error == SUCCESS || (file && ErrnoOf(error) == ENOENT)) {
+    return 0;
+  }
+  events.Failed(FS_EVENT_DELETE, error, path, path);
+  const MutexLock guard(drive.lock);
+  drive.listings.Forget(path);
+  if (file) {
+    drive.open_files.DropIfUnused(file);
+  }
+  return ErrnoOf(error);
 }
 
 void FileSystem::DropUnsent(const std::shared_ptr<OpenFile>& file) {
@@ -202,9 +208,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   const auto noted = is_at_remote ? unsent_files.BeginMove(InoOf(folder, name), paths, target.get())
                                   : std::nullopt;
   if (const int error = is_at_remote ? MoveAtRemote(paths[0], paths[1]) : 0; error != 0) {
-    if (noted) {
-      unsent_files.EndMove(*noted);
-    }
+    unsent_files.EndMove(noted);
     if (target) {
       const MutexLock guard(drive.lock);
       drive.open_files.DropIfUnused(target);
@@ -222,9 +226,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (target) {
     DropUnsent(target);
   }
-  if (noted) {
-    unsent_files.EndMove(*noted);
-  }
+  unsent_files.EndMove(noted);
   return 0;
 }
 

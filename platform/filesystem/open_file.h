@@ -39,7 +39,7 @@ struct OpenFile {
   std::uint64_t serial = 0;            // counts the changes made elsewhere that an open has seen
 
   // In the journal: what was closed, or asked to be stored, and is not at the remote yet. Changed
-  // only with FileSystem::publishing held, too.
+  // only with UnsentFiles::publishing held, too.
   WorkFile::Snapshot unsent;
   std::string id;        // in the journal; empty: never was there
   bool is_kept = false;  // the journal has taken what was to be saved last

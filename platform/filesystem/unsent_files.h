@@ -79,7 +79,7 @@ class UnsentFiles {
   // Tells the journal of the new places of a node and those below it, and of what was replaced.
   void Moved(Ino top, bool at_remote, const std::string& superseded_id)
       TARN_EXCLUDES(publishing, drive.lock);
-  void EndMove(const Journal::Move& move) { journal->Remove(move); }
+  void EndMove(const std::optional<Journal::Move>& move);
 
  private:
   [[nodiscard]] int PutRecord(const OpenFile& file, const std::string& path,

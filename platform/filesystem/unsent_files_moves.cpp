@@ -107,6 +107,12 @@ std::optional<Journal::Move> UnsentFiles::BeginMove(Ino source_ino,
   return move;
 }
 
+void UnsentFiles::EndMove(const std::optional<Journal::Move>& move) {
+  if (move) {
+    journal->Remove(*move);
+  }
+}
+
 // A move may have changed the versions, too: what is still ours is to be replaced under the new
 // one.
 void UnsentFiles::Moved(Ino top, bool at_remote, const std::string& superseded_id) {

@@ -1,8 +1,6 @@
-#include <array>
 #include <gtest/gtest.h>
 #include <tuple>
 #include <type_traits>
-#include <vector>
 
 #include "interfaces/cache.h"
 #include "interfaces/fs_feature.h"
@@ -17,25 +15,19 @@
 // that an object's first word points to. Here such tables are made by hand.
 namespace {
 
-int last_called = -1;
+void* called = nullptr;
 
-void Unexpected(void* /*self*/) {
-  last_called = -1;
-}
-
-template <typename Method>
+template <auto Method, typename Type = decltype(Method)>
 struct Operation;
 
-template <typename Result, typename Class, typename... Arguments>
-struct Operation<Result (Class::*)(Arguments...)> {
-  template <int Position>
-  static Result Record(void* /*self*/, Arguments... /*arguments*/) {
-    last_called = Position;
+template <auto Method, typename Result, typename Class, typename... Arguments>
+struct Operation<Method, Result (Class::*)(Arguments...)> {
+  static Result TableEntry(void* /*self*/, Arguments... /*arguments*/) {
+    called = reinterpret_cast<void*>(&TableEntry);
     return Result();
   }
 
   // The object is none that C++ made, which the sanitizer would notice.
-  template <auto Method>
   __attribute__((no_sanitize("vptr"))) static void Call(void* object) {
     std::tuple<std::remove_reference_t<Arguments>...> arguments;
     std::apply(
@@ -46,84 +38,45 @@ struct Operation<Result (Class::*)(Arguments...)> {
   }
 };
 
-struct Row {
-  int position;
-  void* entry;
-  void (*call)(void* object);
-};
-
-template <int Position, auto Method>
-Row At() {
-  using Typed = Operation<decltype(Method)>;
-  return {Position, reinterpret_cast<void*>(&Typed::template Record<Position>),
-          &Typed::template Call<Method>};
-}
-
-void ExpectPositions(const std::vector<Row>& rows) {
-  std::array<void*, 25> table;
-  table.fill(reinterpret_cast<void*>(&Unexpected));
-  for (const Row& row : rows) {
-    table.at(static_cast<size_t>(row.position)) = row.entry;
-  }
+template <auto... Methods>
+void ExpectOrder() {
+  void* table[] = {reinterpret_cast<void*>(&Operation<Methods>::TableEntry)...};
+  void (*const calls[])(void*) = {&Operation<Methods>::Call...};
   struct {
     void** table;
-  } object{table.data()};
-  for (const Row& row : rows) {
-    last_called = -1;
-    row.call(&object);
-    EXPECT_EQ(last_called, row.position);
+  } object{table};
+  for (size_t position = 0; position < sizeof...(Methods); ++position) {
+    calls[position](&object);
+    ASSERT_EQ(called, table[position]) << position;
   }
 }
 
 TEST(PositionsTest, Protocol) {
   using P = IProtocol_V2;
-  ExpectPositions({At<0, &P::Release>(),
-                   At<1, &P::GetUserName>(),
-                   At<2, &P::GetSize>(),
-                   At<3, &P::SetSize>(),
-                   At<4, &P::List>(),
-                   At<5, &P::GetInfo>(),
-                   At<6, &P::Read>(),
-                   At<7, &P::Upload>(),
-                   At<8, &P::CreateFolder>(),
-                   At<9, &P::DeleteFile>(),
-                   At<10, &P::DeleteFolder>(),
-                   At<11, &P::Move>(),
-                   At<12, &P::SetModifiedTime>(),
-                   At<13, &P::GetIdentity>(),
-                   At<14, &P::Cancel>(),
-                   At<15, &P::GetCapabilities>(),
-                   At<16, &P::ReadVersion>(),
-                   At<17, &P::SetOption>(),
-                   At<19, &P::GetCredential>(),
-                   At<20, &P::SetKeyFile>(),
-                   At<21, &P::Connect>(),
-                   At<22, &P::Disconnect>(),
-                   At<23, &P::SetQuotaCallback>(),
-                   At<24, &P::FreeString>()});
+  ExpectOrder<&P::Release, &P::GetUserName, &P::GetSize, &P::SetSize, &P::List, &P::GetInfo,
+              &P::Read, &P::Upload, &P::CreateFolder, &P::DeleteFile, &P::DeleteFolder, &P::Move,
+              &P::SetModifiedTime, &P::GetIdentity, &P::Cancel, &P::GetCapabilities,
+              &P::ReadVersion, &P::SetOption, &P::Reserved18, &P::GetCredential, &P::SetKeyFile,
+              &P::Connect, &P::Disconnect, &P::SetQuotaCallback, &P::FreeString>();
 }
 
-TEST(PositionsTest, Drive) {
-  ExpectPositions({At<0, &IFSDrive::AddProtocol>(), At<6, &IFSDrive::GetProtocolCount>(),
-                   At<7, &IFSDrive::GetProtocolAt>(), At<8, &IFSDrive::SetFeatures>(),
-                   At<10, &IFSDrive::GetFeatures>(), At<11, &IFSDrive::SetEventSink>()});
-}
-
-TEST(PositionsTest, EventSink) {
-  ExpectPositions({At<0, &IFSEvent::Release>(), At<1, &IFSEvent::BeginUpload>(),
-                   At<2, &IFSEvent::Uploading>(), At<3, &IFSEvent::EndUpload>(),
-                   At<4, &IFSEvent::Error>(), At<5, &IFSEvent::UserAction>(),
-                   At<6, &IFSEvent::Unmounted>()});
+TEST(PositionsTest, DriveAndItsEventSink) {
+  using D = IFSDrive;
+  ExpectOrder<&D::AddProtocol, &D::Reserved1, &D::Reserved2, &D::Reserved3, &D::Reserved4,
+              &D::Reserved5, &D::GetProtocolCount, &D::GetProtocolAt, &D::SetFeatures,
+              &D::Reserved9, &D::GetFeatures, &D::SetEventSink>();
+  using E = IFSEvent;
+  ExpectOrder<&E::Release, &E::BeginUpload, &E::Uploading, &E::EndUpload, &E::Error, &E::UserAction,
+              &E::Unmounted>();
 }
 
 TEST(PositionsTest, SmallInterfaces) {
-  ExpectPositions({At<0, &IRefObject::Release>()});
-  ExpectPositions({At<0, &IAsyncQ::Push>(), At<1, &IAsyncQ::Release>()});
-  ExpectPositions({At<0, &ILog::SetLevel>(), At<1, &ILog::GetLevel>(), At<2, &ILog::Write>()});
-  ExpectPositions({At<0, &IAuth::GetValue>(), At<1, &IAuth::Refresh>()});
-  ExpectPositions({At<0, &ICache::ReadBlock>(), At<1, &ICache::WriteBlock>(),
-                   At<2, &ICache::Drop>(), At<3, &ICache::GetUsed>(), At<4, &ICache::GetCapacity>(),
-                   At<5, &ICache::GetFolder>()});
+  ExpectOrder<&IRefObject::Release>();
+  ExpectOrder<&IAsyncQ::Push, &IAsyncQ::Release>();
+  ExpectOrder<&ILog::SetLevel, &ILog::GetLevel, &ILog::Write>();
+  ExpectOrder<&IAuth::GetValue, &IAuth::Refresh>();
+  ExpectOrder<&ICache::ReadBlock, &ICache::WriteBlock, &ICache::Drop, &ICache::GetUsed,
+              &ICache::GetCapacity, &ICache::GetFolder>();
 }
 
 TEST(FeatureTest, CombiningKeepsTheLow32BitsAndTheirSign) {

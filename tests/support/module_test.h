@@ -1,8 +1,7 @@
 #pragma once
 
-#include <algorithm>
-#include <cstring>
 #include <dlfcn.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
@@ -14,31 +13,21 @@
 
 namespace tarn::test {
 
-struct ReleaseProtocol {
-  void operator()(IProtocol_V2* protocol) const { protocol->Release(); }
-};
-using Protocol = std::unique_ptr<IProtocol_V2, ReleaseProtocol>;
-
 // A text as the content of an upload; `fail_at` makes reading fail there.
 struct TextSource {
   explicit TextSource(std::string text) : content(std::move(text)) {
     source.context = this;
     source.read = [](void* self, void* buffer, long long length) {
-      return static_cast<TextSource*>(self)->Read(buffer, length);
+      auto& own = *static_cast<TextSource*>(self);
+      const size_t limit = own.position < own.fail_at ? static_cast<size_t>(length) : 0;
+      const size_t count = own.content.copy(static_cast<char*>(buffer), limit, own.position);
+      own.position += count;
+      return own.position > own.fail_at ? -1 : static_cast<long long>(count);
     };
     source.rewind = [](void* self) {
       static_cast<TextSource*>(self)->position = 0;
       return 0;
     };
-  }
-  long long Read(void* buffer, long long length) {
-    if (position >= fail_at) {
-      return -1;
-    }
-    const size_t count = std::min(static_cast<size_t>(length), content.size() - position);
-    std::memcpy(buffer, content.data() + position, count);
-    position += count;
-    return static_cast<long long>(count);
   }
 
   std::string content;
@@ -69,10 +58,10 @@ class ModuleTest : public testing::Test {
   Function* Export(const char* name) {
     return reinterpret_cast<Function*>(::dlsym(module.get(), name));
   }
-  Protocol Make(const std::string& id) {
+  std::shared_ptr<IProtocol_V2> Make(const std::string& id) {
     IProtocol_V2* made = nullptr;
     EXPECT_TRUE(Export<decltype(GetProtocol)>("GetProtocol")(id.c_str(), nullptr, &made));
-    return Protocol(made);
+    return {made, std::mem_fn(&IProtocol_V2::Release)};
   }
   AERROR Connect(IProtocol_V2& made) {
     char* text = nullptr;
@@ -135,7 +124,7 @@ class ModuleTest : public testing::Test {
   }
 
   const std::unique_ptr<void, int (*)(void*)> module;
-  Protocol protocol;
+  std::shared_ptr<IProtocol_V2> protocol;
   std::string message;  // of the last Connect
 };
 

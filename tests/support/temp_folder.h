@@ -14,36 +14,33 @@ namespace tarn::test {
 class TempFolder {
  public:
   TempFolder() {
-    std::string name = "/tmp/tarn_test_XXXXXX";
     if (::mkdtemp(name.data()) == nullptr) {
       throw std::system_error(errno, std::generic_category(), name);
     }
-    folder = name;
   }
   ~TempFolder() {
     std::error_code ignored;  // the test has said what went wrong
-    std::filesystem::remove_all(folder, ignored);
+    std::filesystem::remove_all(name, ignored);
   }
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
+  TempFolder(TempFolder&&) = delete;
 
-  [[nodiscard]] std::filesystem::path path() const { return folder; }
+  [[nodiscard]] std::filesystem::path path() const { return name; }
 
   // Makes a file, and the folders above it. Returns its path.
-  std::string Write(const std::string& name, const std::string& content) const {
-    const std::filesystem::path file = folder / name;
+  std::string Write(const std::string& file_name, const std::string& content) const {
+    const std::filesystem::path file = path() / file_name;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream(file, std::ios::binary) << content;
     return file;
   }
 
-  [[nodiscard]] std::string Read(const std::string& name) const {
-    std::ifstream file(folder / name, std::ios::binary);
+  [[nodiscard]] std::string Read(const std::string& file_name) const {
+    std::ifstream file(path() / file_name, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   }
 
  private:
-  std::filesystem::path folder;
+  std::string name = "/tmp/tarn_test_XXXXXX";
 };
 
 }  // namespace tarn::test

@@ -126,6 +126,7 @@ TEST_F(DrivesE2eTest, AModuleThatSupportsNothingOrHangsHarmsOnlyItsOwnDrive) {
   EXPECT_EQ(client->Ask(DriveMessage("get_credential", volume)),
             R"({"cmd":"result_credential","result":"id=x;ex_info=given;"})");
   EXPECT_EQ(Unmount(volume), 0);
+  ASSERT_TRUE(WaitUntil([&] { return service.DriveProcesses().empty(); }));
 
   const auto wait_in_connect = [&](const std::string& id) {
     client->Send(ConnectMessage("slow", volume, "Slow", "test"));

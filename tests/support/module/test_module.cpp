@@ -1,17 +1,18 @@
-// A protocol module whose behaviour the connection id chooses: "denied", "missing" and "fails" do
-// not connect, "null" makes no protocol, "slow" connects after a long time; anything else connects.
-// No file operation is supported. GetCredential tells what the protocol was given, GetUserName has
-// more than ASCII in it; the option "ask_quota" asks for the drive's quota and notes the answer.
-#include <chrono>
+// A protocol module whose behaviour the connection id chooses: "denied" and "fails" do not connect,
+// "null" makes no protocol, "slow" connects after a long time; anything else connects. No file
+// operation is supported. GetCredential tells what the protocol was given; the option "ask_quota"
+// asks for the drive's quota and notes the answer.
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
+#include <unistd.h>
 
 #include "interfaces/module.h"
 
 namespace {
+
+using Size = unsigned long long;
 
 class TestProtocol final : public IProtocol_V2 {
  public:
@@ -19,20 +20,15 @@ class TestProtocol final : public IProtocol_V2 {
 
   void Release() override { const std::unique_ptr<TestProtocol> ends_here(this); }
   int GetUserName(char* buffer, int* length) override { return Put("t\xC3\xA9st", buffer, length); }
-  AERROR GetSize(unsigned long long*, unsigned long long*) override { return NOT_SUPPORTED; }
-  int SetSize(unsigned long long total, unsigned long long used) override {
+  AERROR GetSize(Size*, Size*) override { return NOT_SUPPORTED; }
+  int SetSize(Size total, Size used) override {
     Note("size", std::to_string(total) + "/" + std::to_string(used));
     return 0;
   }
   AERROR List(const char*, FS_LIST_SINK, void*) override { return NOT_SUPPORTED; }
   AERROR GetInfo(const char*, FS_INFO*) override { return FAILED; }
-  AERROR Read(const char*, unsigned long long, void*, unsigned long long,
-              unsigned long long*) override {
-    return NOT_SUPPORTED;
-  }
-  AERROR Upload(const char*, FS_SOURCE*, unsigned long long, FS_PROGRESS, void*) override {
-    return FAILED;
-  }
+  AERROR Read(const char*, Size, void*, Size, Size*) override { return NOT_SUPPORTED; }
+  AERROR Upload(const char*, FS_SOURCE*, Size, FS_PROGRESS, void*) override { return FAILED; }
   AERROR CreateFolder(const char*) override { return NOT_SUPPORTED; }
   AERROR DeleteFile(const char*) override { return NOT_SUPPORTED; }
   AERROR DeleteFolder(const char*) override { return NOT_SUPPORTED; }
@@ -40,9 +36,8 @@ class TestProtocol final : public IProtocol_V2 {
   AERROR SetModifiedTime(const char*, const FS_TIME*) override { return NOT_SUPPORTED; }
   AERROR GetIdentity(char*, int*) override { return NOT_SUPPORTED; }
   AERROR Cancel() override { return SUCCESS; }
-  unsigned long long GetCapabilities() override { return 0; }
-  AERROR ReadVersion(const char*, const char*, unsigned long long, void*, unsigned long long,
-                     unsigned long long*) override {
+  Size GetCapabilities() override { return 0; }
+  AERROR ReadVersion(const char*, const char*, Size, void*, Size, Size*) override {
     return NOT_SUPPORTED;
   }
   int SetOption(const char* key, const char* value) override {
@@ -62,13 +57,10 @@ class TestProtocol final : public IProtocol_V2 {
   void SetKeyFile(const char* path) override { Note("key_file", path); }
   AERROR Connect(char** message) override {
     if (id == "slow") {
-      std::this_thread::sleep_for(std::chrono::minutes(10));
+      ::sleep(600);
     }
     *message = id == "fails" ? ::strdup("no such luck") : nullptr;
-    return id == "denied"    ? ACCESS_DENIED
-           : id == "missing" ? PATH_NOT_FOUND
-           : id == "fails"   ? FAILED
-                             : SUCCESS;
+    return id == "denied" ? ACCESS_DENIED : id == "fails" ? FAILED : SUCCESS;
   }
   AERROR Disconnect() override { return SUCCESS; }
   void SetQuotaCallback(void* context, QUOTA_CALLBACK callback) override {
@@ -81,10 +73,8 @@ class TestProtocol final : public IProtocol_V2 {
   void Note(const std::string& key, const std::string& value) { notes += key + "=" + value + ";"; }
 
   static int Put(const std::string& text, char* buffer, int* length) {
-    const size_t count = std::min(text.size(), static_cast<size_t>(*length) - 1);
-    std::memcpy(buffer, text.data(), count);
-    buffer[count] = '\0';
-    *length = static_cast<int>(count);
+    *length = static_cast<int>(text.copy(buffer, static_cast<size_t>(*length) - 1));
+    buffer[*length] = '\0';
     return 0;
   }
 
@@ -96,14 +86,10 @@ class TestProtocol final : public IProtocol_V2 {
 
 }  // namespace
 
-#if defined(TEST_MODULE_INCOMPLETE)
 void GetSupportProtocol(char** list) {
-  *list = ::strdup("incomplete");
+  *list = ::strdup("none;ad_ftp;" MODULE_NAME);
 }
-#else
-void GetSupportProtocol(char** list) {
-  *list = ::strdup("none;test;ad_ftp");
-}
+#if !defined(TEST_MODULE_INCOMPLETE)
 int GetProtocolVersion() {
   return 1;
 }
@@ -117,4 +103,3 @@ bool GetProtocol(const char* connection_id, void* /*reserved*/, IProtocol_V2** p
   }
   return true;
 }
-void BindLogger(ILog* /*logger*/) {}

@@ -6,15 +6,12 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <mntent.h>
-#include <sys/mount.h>
 
 #include "tarnctl/launch.h"
 
 namespace tarn::test {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kTimeToStart{60};  // a sanitizer's build on a busy machine
 constexpr char kReport[] =
@@ -26,10 +23,8 @@ std::vector<fs::path> MountsBelow(const fs::path& folder) {
   std::vector<fs::path> mounts;
   const std::unique_ptr<FILE, decltype(&::endmntent)> table(::setmntent("/proc/self/mounts", "re"),
                                                             &::endmntent);
-  mntent entry{};
-  char texts[8192];
-  while (table && ::getmntent_r(table.get(), &entry, texts, sizeof texts) != nullptr) {
-    const std::string mount_point = entry.mnt_dir;
+  while (const mntent* entry = table ? ::getmntent(table.get()) : nullptr) {
+    const std::string mount_point = entry->mnt_dir;
     if (mount_point == folder || mount_point.starts_with(folder.string() + "/")) {
       mounts.insert(mounts.begin(), mount_point);
     }
@@ -38,10 +33,8 @@ std::vector<fs::path> MountsBelow(const fs::path& folder) {
 }
 
 void Detach(const fs::path& mount_point) {
-  if (::umount2(mount_point.c_str(), MNT_DETACH) != 0) {
-    // Whether it is gone is seen in the table.
-    (void)Program({"fusermount3", "-u", "-z", mount_point}, "/", "/", "/dev/null").WaitForEnd();
-  }
+  // Whether it is gone is seen in the table.
+  (void)Program({"fusermount3", "-u", "-z", mount_point}, "/", "/", "/dev/null").WaitForEnd();
 }
 
 TempHome::TempHome() {
@@ -76,7 +69,14 @@ ServiceProcess::~ServiceProcess() {
   if (program && program->IsRunning()) {
     Stop();
   }
-  CheckOutput();
+  const std::string output = Output();
+  const bool is_suspicious = testing::Matches(testing::ContainsRegex(kReport))(output);
+  EXPECT_FALSE(is_suspicious) << output;
+  if (testing::Test::HasFailure() && !is_suspicious) {
+    GTEST_LOG_(INFO) << "the service printed:\n"
+                     << output << "and logged:\n"
+                     << FileContent(home.LogFile());
+  }
 }
 
 bool ServiceProcess::Start(const std::string& mode) {
@@ -118,17 +118,6 @@ std::vector<pid_t> ServiceProcess::DriveProcesses() const {
     return arguments.find(std::string("\0-c\0", 4)) == std::string::npos;
   });
   return drives;
-}
-
-void ServiceProcess::CheckOutput() const {
-  const std::string output = Output();
-  const bool is_suspicious = testing::Matches(testing::ContainsRegex(kReport))(output);
-  EXPECT_FALSE(is_suspicious) << output;
-  if (testing::Test::HasFailure() && !is_suspicious) {
-    GTEST_LOG_(INFO) << "the service printed:\n"
-                     << output << "and logged:\n"
-                     << FileContent(home.LogFile());
-  }
 }
 
 }  // namespace tarn::test

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,33 +10,30 @@
 
 namespace tarn::test {
 
+namespace fs = std::filesystem;
+
 // A home folder of the test's own, with the folders in it that the service expects. At the end it
 // goes with all that is in it; a volume that is still mounted below it is detached first and fails
 // the test.
-class TempHome {
+class TempHome : public TempFolder {
  public:
   TempHome();
   ~TempHome();
-  TempHome(const TempHome&) = delete;
-  TempHome& operator=(const TempHome&) = delete;
 
-  [[nodiscard]] std::filesystem::path Path() const { return folder.path(); }
-  [[nodiscard]] std::filesystem::path LogFile() const {  // of the service
+  [[nodiscard]] fs::path Path() const { return path(); }
+  [[nodiscard]] fs::path LogFile() const {  // of the service
     return Path() / "Library/Logs/tarnsvc/tarnsvclog";
   }
 
   // Makes a folder in the home. Returns its path.
-  [[nodiscard]] std::filesystem::path MakeFolder(const std::string& name) const;
-
- private:
-  TempFolder folder;
+  [[nodiscard]] fs::path MakeFolder(const std::string& name) const;
 };
 
 // The mount points at or below a folder, the deepest first.
-[[nodiscard]] std::vector<std::filesystem::path> MountsBelow(const std::filesystem::path& folder);
+[[nodiscard]] std::vector<fs::path> MountsBelow(const fs::path& folder);
 
 // Detaches a volume, even one that is in use or dead.
-void Detach(const std::filesystem::path& mount_point);
+void Detach(const fs::path& mount_point);
 
 // The real service in a temporary home: a copy of the executable with its INI file and its modules,
 // in a folder of its own, so that drive processes find what they need from the working directory.
@@ -47,8 +43,6 @@ class ServiceProcess {
  public:
   explicit ServiceProcess(const TempHome& service_home);
   ~ServiceProcess();
-  ServiceProcess(const ServiceProcess&) = delete;
-  ServiceProcess& operator=(const ServiceProcess&) = delete;
 
   // Starts the service and waits until it has answered an "init". False, after a failed
   // expectation, when it does not. Once at a time; may be started again after it has ended.
@@ -64,10 +58,8 @@ class ServiceProcess {
 
   [[nodiscard]] pid_t Pid() const { return program->Pid(); }
   [[nodiscard]] int Port() const { return ReadPort(installation); }
-  [[nodiscard]] std::filesystem::path InBin(const std::string& name) const {
-    return root / "bin" / name;
-  }
-  [[nodiscard]] std::filesystem::path ModuleFolder() const { return root / "Frameworks"; }
+  [[nodiscard]] fs::path InBin(const std::string& name) const { return root / "bin" / name; }
+  [[nodiscard]] fs::path ModuleFolder() const { return root / "Frameworks"; }
 
   // The drive processes that the service has now.
   [[nodiscard]] std::vector<pid_t> DriveProcesses() const;
@@ -77,10 +69,9 @@ class ServiceProcess {
 
  private:
   void Stop();
-  void CheckOutput() const;
 
   const TempHome& home;
-  const std::filesystem::path root;
+  const fs::path root;
   Installation installation;
   std::optional<Program> program;
 };

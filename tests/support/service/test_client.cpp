@@ -1,15 +1,8 @@
 #include "tests/support/service/test_client.h"
 
-#include "common/frame.h"
-
 namespace tarn::test {
 
 using Result = Client::Result;
-
-std::string Frame(const std::string& body) {
-  const FrameHeader header = EncodeFrameHeader(static_cast<std::int32_t>(body.size()));
-  return std::string(header.begin(), header.end()) + body;
-}
 
 TestClient::TestClient(int port) {
   EXPECT_TRUE(client.Connect(port, After(kPatience))) << "nothing listens at port " << port;
@@ -27,13 +20,6 @@ std::string TestClient::Ask(const std::string& body) {
   return answer;
 }
 
-int TestClient::AskForResult(const std::string& body) {
-  const std::string answer = Ask(body);
-  const std::optional<int> code = ResultCode(answer);
-  EXPECT_TRUE(code.has_value()) << body << " was answered with " << answer;
-  return code.value_or(-1000);
-}
-
 Json TestClient::WaitForEvent(const std::string& method) {
   const Deadline deadline = After(kPatience);
   Json event;
@@ -46,30 +32,17 @@ Json TestClient::WaitForEvent(const std::string& method) {
   return {};
 }
 
-bool TestClient::IsClosed() {
-  std::string body;
-  do {
-    body = Receive();
-  } while (body != "(closed)" && body != "(none)");
-  return body == "(closed)";
-}
-
-std::string ConnectMessage(const std::filesystem::path& folder,
-                           const std::filesystem::path& mount_point, const std::string& label,
-                           const std::string& type) {
+std::string ConnectMessage(const fs::path& folder, const fs::path& mount_point,
+                           const std::string& label, const std::string& type) {
   return DriveMessage("connect", mount_point,
                       R"(,"option":0,"type":")" + type + R"(","label":")" + label + R"(","url":")" +
                           folder.string() + "\"");
 }
 
-std::string DriveMessage(const std::string& command, const std::filesystem::path& mount_point,
+std::string DriveMessage(const std::string& command, const fs::path& mount_point,
                          const std::string& more) {
-  JsonObject data;
-  data.Insert("drive", mount_point.string());
-  Json message = Message(command.c_str());
-  message.Insert("data", data);
-  const std::string text = message.ToText();
-  return text.substr(0, text.size() - 2) + more + "}}";
+  return R"({"cmd":")" + command + R"(","data":{"drive":")" + mount_point.string() + '"' + more +
+         "}}";
 }
 
 }  // namespace tarn::test

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#include "common/frame.h"
 #include "tarnctl/client.h"
 #include "tests/support/service/service_process.h"
 #include "tests/support/service/wait.h"
@@ -11,7 +12,10 @@
 namespace tarn::test {
 
 // A body with its length before it.
-[[nodiscard]] std::string Frame(const std::string& body);
+[[nodiscard]] inline std::string Frame(const std::string& body) {
+  const FrameHeader header = EncodeFrameHeader(static_cast<std::int32_t>(body.size()));
+  return std::string(header.begin(), header.end()) + body;
+}
 
 // A client of the service under test, with expectations instead of results. Waits up to kPatience
 // unless told otherwise. One thread.
@@ -42,29 +46,26 @@ class TestClient {
   // Sends a message and returns its answer, keeping events for WaitForEvent.
   [[nodiscard]] std::string Ask(const std::string& body);
 
-  // As Ask, for answers that are a result code.
-  [[nodiscard]] int AskForResult(const std::string& body);
+  // As Ask, for answers that are a result code; -1000 for any other.
+  [[nodiscard]] int AskForResult(const std::string& body) {
+    return ResultCode(Ask(body)).value_or(-1000);
+  }
 
   // The next event with this "/data/method", skipping others.
   [[nodiscard]] Json WaitForEvent(const std::string& method);
-
-  // Whether the service closes the connection, whatever else comes before.
-  [[nodiscard]] bool IsClosed();
 
  private:
   Client client;
 };
 
 // {"cmd":"connect",...} for a folder as a drive.
-[[nodiscard]] std::string ConnectMessage(const std::filesystem::path& folder,
-                                         const std::filesystem::path& mount_point,
+[[nodiscard]] std::string ConnectMessage(const fs::path& folder, const fs::path& mount_point,
                                          const std::string& label,
                                          const std::string& type = "local");
 
 // {"cmd":command,"data":{"drive":mount_point}}, with `more` members of "data", which begin with
 // ",".
-[[nodiscard]] std::string DriveMessage(const std::string& command,
-                                       const std::filesystem::path& mount_point,
+[[nodiscard]] std::string DriveMessage(const std::string& command, const fs::path& mount_point,
                                        const std::string& more = "");
 
 }  // namespace tarn::test

@@ -3,8 +3,8 @@
 //
 // While mounting: "at-start" ends at once, "connected" after the channels, "asking" after its
 // question, "greets" with another first message, "no-result" answers without one, "refuses" answers
-// 12, "hangs" never answers, "ghost" answers 0 and ends, "hung-up" closes its request channel. Once
-// mounted, "stays" refuses to be unmounted, and "mortal" ends instead of answering anything.
+// 12, "ghost" answers 0 and ends. Once mounted, "stays" refuses to be unmounted, "mortal" ends
+// instead of answering anything, and "hangs" does not answer "set_move_folder".
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -52,18 +52,11 @@ class Drive {
     if (label == "asking") {
       return false;
     }
-    info = Wait(requests);
-    if (label == "hangs") {
-      (void)Wait(requests);
-    } else if (label == "no-result") {
+    (void)Wait(requests);
+    if (label == "no-result") {
       requests.write(R"({"cmd":"mount_result"})");
     } else {
       Result("mount_result", label == "refuses" ? 12 : 0);
-    }
-    if (label == "hung-up") {
-      requests.close();
-      Tell();
-      (void)Wait(events);
     }
     return label != "refuses" && label != "ghost";
   }
@@ -84,7 +77,6 @@ class Drive {
     }
     const std::map<std::string, std::string> replies = {
         {"get_username", R"({"cmd":"result_username","result":"who"})"},
-        {"get_credential", info},  // shows what it was asked to mount
         {"set_size", R"({"cmd":"result_credential","result":"text"})"},
         {"set_speedlimit", "not json"}};
     if (const auto reply = replies.find(command); reply != replies.end()) {
@@ -102,6 +94,8 @@ class Drive {
       const Json quota(Wait(events).c_str());
       Result("result", static_cast<int>(quota.GetObject("/data/total")) +
                            static_cast<int>(quota.GetObject("/data/error")));
+    } else if (label == "hangs") {
+      Tell();
     } else {
       Result("result", 0);
     }
@@ -110,7 +104,6 @@ class Drive {
 
   const std::string label;
   const std::wstring name;
-  std::string info;
   CPipeSession requests;
   CPipeSession events;
 };

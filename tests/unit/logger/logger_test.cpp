@@ -14,6 +14,7 @@
 
 #include "common/log.h"
 #include "platform/logger/log_file.h"
+#include "platform/logger/name_claim.h"
 #include "tests/support/temp_folder.h"
 
 namespace {
@@ -69,7 +70,6 @@ class LoggerTest : public testing::Test {
   const tarn::test::TempFolder temp;
   const fs::path folder = temp.path();
   const fs::path log_path = folder / "log";
-  const fs::path older_path = folder / "log.1";
   std::vector<std::string> names;
 };
 
@@ -102,9 +102,9 @@ TEST_F(LoggerTest, MessagesAndNamesCannotForgeLinesAndLongOnesAreCut) {
 TEST_F(LoggerTest, NameInUseIsRefusedEverywhereUntilReleaseOrDeath) {
   EXPECT_TRUE(Try("taken"));
   EXPECT_FALSE(Try("taken"));
+  EXPECT_FALSE(tarn::NameClaim::Take(folder / "log.locks", "taken")) << "as another process does";
   EXPECT_EQ(InChild([&] { return !Try("taken") && Try("of the dead") ? 0 : 1; })(), 0);
-  EXPECT_TRUE(Try("of the dead"));
-  EXPECT_EQ(ReleaseLogger("of the dead"), 0);
+  EXPECT_TRUE(Make("of the dead"));
   EXPECT_EQ(ReleaseLogger("taken"), 0);
   EXPECT_EQ(InChild([&] { return Try("taken") ? 0 : 1; })(), 0);
 }
@@ -155,7 +155,7 @@ TEST_F(LoggerTest, RotationAmongProcessesLosesAndTearsNoLine) {
     EXPECT_EQ(status(), 0);
   }
   std::multiset<std::string> found;
-  for (const fs::path& path : {older_path, log_path}) {
+  for (const fs::path& path : {folder / "log.1", log_path}) {
     const auto lines = Lines(path);
     EXPECT_FALSE(lines.empty()) << path;
     found.insert(lines.begin(), lines.end());
@@ -174,7 +174,7 @@ TEST_F(LoggerTest, FileStaysBoundedPrivateAndIsFollowedWhenMoved) {
     EXPECT_LE(fs::file_size(log_path), kBytes);
     EXPECT_EQ(fs::status(log_path).permissions(), fs::perms(0600));
   }
-  EXPECT_EQ(fs::file_size(older_path), kBytes / 100 * 100);
+  EXPECT_EQ(fs::file_size(folder / "log.1"), kBytes / 100 * 100);
   fs::remove(log_path);
   errno = ENOTCONN;
   __LOG__A(Make("errno"), LOGLEVEL_ERROR, "new");

@@ -250,23 +250,5 @@ TEST_F(DrivesE2eTest, TheSizeIsWhatTheClientAnswers) {
   EXPECT_EQ(fs::space(volume).free, 4096U);
 }
 
-TEST_F(DrivesE2eTest, ADriveOfSeveralProtocolsIsTheirUnion) {
-  const fs::path second = home.MakeFolder("second");
-  WriteFile(backing / "same", "first");
-  WriteFile(second / "same", "second");
-  WriteFile(second / "other", "second");
-  std::string connect = ConnectMessage(backing, volume, "L");
-  ASSERT_EQ(client->AskForResult(connect.replace(connect.find("connect"), 7, "spindle_mount")), 0);
-  EXPECT_TRUE(fs::is_empty(volume));
-  for (const fs::path& folder : {backing, second}) {
-    const std::string id = R"(,"type":"local","cid":")" + folder.string() + '"';
-    EXPECT_EQ(client->AskForResult(DriveMessage("spindle_add_protocol", volume, id)), 0);
-  }
-  EXPECT_TRUE(WaitUntil([&] { return fs::exists(volume / "other"); }));
-  EXPECT_EQ(FileContent(volume / "same"), "first");
-  EXPECT_EQ(client->AskForResult(DriveMessage("spindle_remove_protocol", volume)), -1);
-  EXPECT_EQ(Unmount(volume), 0);
-}
-
 }  // namespace
 }  // namespace tarn::test

@@ -16,7 +16,11 @@ class ProgramsTest : public MountingTest {
  protected:
   static constexpr std::chrono::minutes kTimeToRun{5};
 
-  [[nodiscard]] int MountServer() { return Mount(server.Url(), volume, "Web", "webdav"); }
+  // For a client without events: nobody would read them while programs run.
+  [[nodiscard]] int MountServer() {
+    client.emplace(service).Introduce();
+    return Mount(server.Url(), volume, "Web", "webdav");
+  }
 
   // Expects success of a shell; $V is the volume, $R what the server has, and the working directory
   // is a plain folder.

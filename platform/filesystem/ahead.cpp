@@ -128,6 +128,7 @@ void Ahead::FetchFile(Ino folder, const std::string& name) {
   const auto asked = Clock::now();
   std::optional<std::string> path;
   Listings::Answer listed;
+  std::string content_before;
   {
     const MutexLock guard(drive.lock);
     path = drive.nodes.PathOf(folder, name);
@@ -139,6 +140,7 @@ void Ahead::FetchFile(Ino folder, const std::string& name) {
     if (ino && drive.nodes.KernelOf(*ino).version == listed.attributes.version) {
       return;  // a program was quicker
     }
+    content_before = drive.nodes.ContentOf(folder, name);
   }
   const Attributes& expected = listed.attributes;
   const auto content = Buffer::Make(expected.size + 1);  // more must not come
@@ -146,21 +148,23 @@ void Ahead::FetchFile(Ino folder, const std::string& name) {
     return;
   }
   Ino ino = 0;
+  std::string key;
   {
     const MutexLock guard(drive.lock);
     const Listings::Answer known = drive.listings.Find(*path, Clock::now());
     if (drive.nodes.PathOf(folder, name) != path || drive.open_files.Find(folder, name) ||
+        drive.nodes.ContentOf(folder, name) != content_before ||
         known.known != Listings::Known::kPresent || known.attributes.version != expected.version) {
       return;  // changed from here meanwhile
     }
     ino = drive.nodes.Ensure(folder, name, false);
     drive.nodes.Remember(ino);
+    key = drive.nodes.ContentOf(ino);
   }
   {
     const Lent<ICache>::Lease cache(Bindings::Get().cache);
-    if (!cache ||
-        cache->WriteBlock(std::to_string(ino).c_str(), expected.version.c_str(), 0, content->data(),
-                          static_cast<unsigned>(expected.size)) != SUCCESS) {
+    if (!cache || cache->WriteBlock(key.c_str(), expected.version.c_str(), 0, content->data(),
+                                    static_cast<unsigned>(expected.size)) != SUCCESS) {
       return;
     }
   }

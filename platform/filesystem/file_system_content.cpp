@@ -126,7 +126,7 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     file = drive.open_files.Ensure(ino);
     if (!is_local) {
       Refresh(*file, attributes);
-      Readers::TakeOver(begun, *file);
+      Readers::TakeOver(begun, drive.nodes.ContentOf(ino), *file);
       file->at_remote = true;
     }
     opened = MakeHandle(file, flags);

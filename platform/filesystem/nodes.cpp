@@ -14,7 +14,9 @@ constexpr size_t kMaxRemembered = 4096;
 }  // namespace
 
 Nodes::Nodes() {
-  nodes.emplace(kRootIno, Node{.folder = 0, .name = "", .is_folder = true, .lookups = 1});
+  nodes.emplace(
+      kRootIno,
+      Node{.folder = 0, .name = "", .is_folder = true, .content = kRootIno, .lookups = 1});
 }
 
 Ino Nodes::Ensure(Ino folder, const std::string& name, bool is_folder) {
@@ -24,8 +26,8 @@ Ino Nodes::Ensure(Ino folder, const std::string& name, bool is_folder) {
     }
     Unlink(*known);
   }
-  const Ino ino = next_ino++;
-  nodes.emplace(ino, Node{.folder = folder, .name = name, .is_folder = is_folder});
+  const Ino ino = next_number++;
+  nodes.emplace(ino, Node{.folder = folder, .name = name, .is_folder = is_folder, .content = ino});
   places.emplace(std::pair(folder, name), ino);
   ++nodes.at(folder).children;
   return ino;

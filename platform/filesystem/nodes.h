@@ -59,12 +59,22 @@ class Nodes {
   [[nodiscard]] Ino FolderOf(Ino ino) const { return nodes.at(ino).folder; }
   [[nodiscard]] KernelState& KernelOf(Ino ino) { return nodes.at(ino).kernel; }
   [[nodiscard]] const KernelState& KernelOf(Ino ino) const { return nodes.at(ino).kernel; }
+  // Names what the remote has of a file, for the cache, until this side has stored another content:
+  // versions may not tell the two apart where they are made of a size and a time in seconds.
+  [[nodiscard]] std::string ContentOf(Ino ino) const {
+    return std::to_string(nodes.at(ino).content);
+  }
+  [[nodiscard]] std::string ContentOf(Ino folder, const std::string& name) const {
+    const auto ino = Find(folder, name);
+    return ino ? ContentOf(*ino) : "";
+  }
+  void HasNewContent(Ino ino) { nodes.at(ino).content = next_number++; }
 
   void AddLookup(Ino ino) { ++nodes.at(ino).lookups; }
   void Forget(Ino ino, std::uint64_t lookups);
   void Pin(Ino ino) { ++nodes.at(ino).pins; }
   void Unpin(Ino ino);
-  // Pins a file that was read, whose number its blocks in the cache have, until many others were.
+  // Pins a file that was read, so that its blocks in the cache are found, until many others were.
   void Remember(Ino ino);
 
   // The name is gone; the node stays for those that still use it.
@@ -77,6 +87,7 @@ class Nodes {
     Ino folder;
     std::string name;
     bool is_folder;
+    std::uint64_t content;  // no other node ever has the same
     bool linked = true;
     std::uint64_t lookups = 0;
     std::uint64_t pins = 0;      // uses of ours
@@ -89,7 +100,7 @@ class Nodes {
   std::unordered_map<Ino, Node> nodes;
   std::map<std::pair<Ino, std::string>, Ino> places;  // of the linked ones
   std::list<Ino> remembered;                          // the last read first
-  Ino next_ino = kRootIno + 1;
+  std::uint64_t next_number = kRootIno + 1;           // of a node, or of a content
 };
 
 }  // namespace tarn::fs

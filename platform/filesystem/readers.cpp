@@ -96,6 +96,7 @@ Readers::Beginning Readers::Begin(Ino ino) {
   std::optional<std::string> path;
   Listings::Answer listed;
   Listings::Ticket ticket = 0;
+  Beginning begun;
   {
     const MutexLock guard(drive.lock);
     path = drive.nodes.PathOf(ino);
@@ -106,8 +107,9 @@ Readers::Beginning Readers::Begin(Ino ino) {
         drive.nodes.KernelOf(ino).version == listed.attributes.version) {
       return {};
     }
+    begun.expected = listed.attributes;
+    begun.reader = Make(ino, begun.expected, true);
   }
-  Beginning begun{Make(ino, listed.attributes, true), listed.attributes};
   if (listed.attributes.size > SmallFiles::kMaxFileBytes ||
       !remote.ReadsVersions(listed.attributes.protocol)) {
     begun.reader->Begin();
@@ -118,11 +120,11 @@ Readers::Beginning Readers::Begin(Ino ino) {
   return begun;
 }
 
-void Readers::TakeOver(const Beginning& begun, OpenFile& file) {
+void Readers::TakeOver(const Beginning& begun, const std::string& content, OpenFile& file) {
   if (!begun.reader) {
     return;
   }
-  if (!file.reader && !begun.reader->HasChanged() &&
+  if (!file.reader && !begun.reader->HasChanged() && begun.reader->GetFile().key == content &&
       file.remote.version == begun.expected.version && file.remote.size == begun.expected.size &&
       file.remote.protocol == begun.expected.protocol) {
     file.reader = begun.reader;
@@ -176,7 +178,7 @@ int Readers::Find(Ino ino, bool only_reads, Attributes& attributes, Beginning& b
 
 std::shared_ptr<Reader> Readers::Make(Ino ino, const Attributes& attributes, bool is_fresh) {
   return std::make_shared<Reader>(std::make_shared<RemoteContent>(*this, ino, attributes),
-                                  Reader::File{.key = std::to_string(ino),
+                                  Reader::File{.key = drive.nodes.ContentOf(ino),
                                                .version = attributes.version,
                                                .size = attributes.size,
                                                .is_fresh = is_fresh});

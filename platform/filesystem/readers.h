@@ -34,8 +34,9 @@ class Readers {
   // How the file is, for an open of this moment; `only_reads`: worth it to begin.
   [[nodiscard]] int Find(Ino ino, bool only_reads, Attributes& attributes, Beginning& begun)
       TARN_EXCLUDES(drive.lock);
-  // Gives the file what was begun for its open if it is of what was found. With the state's lock.
-  static void TakeOver(const Beginning& begun, OpenFile& file);
+  // Gives the file what was begun for its open if it is of what was found, and of `content` as the
+  // nodes name it. With the state's lock.
+  static void TakeOver(const Beginning& begun, const std::string& content, OpenFile& file);
   // The reader of what the remote has of the file.
   [[nodiscard]] std::shared_ptr<Reader> Get(OpenFile& file) TARN_EXCLUDES(drive.lock);
 
@@ -44,7 +45,8 @@ class Readers {
 
   [[nodiscard]] bool TrustsForOpen(Ino ino) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] Beginning Begin(Ino ino) TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] std::shared_ptr<Reader> Make(Ino ino, const Attributes& attributes, bool is_fresh);
+  [[nodiscard]] std::shared_ptr<Reader> Make(Ino ino, const Attributes& attributes, bool is_fresh)
+      TARN_REQUIRES(drive.lock);
 
   DriveState& drive;
   Remote& remote;

@@ -261,6 +261,7 @@ void UnsentFiles::Sent(OpenFile& file, const std::string& path, const Outgoing& 
     file.DropReader();
     if (drive.nodes.Exists(file.ino)) {
       drive.nodes.KernelOf(file.ino).version = stored.version;
+      drive.nodes.HasNewContent(file.ino);
     }
     drive.listings.SetPresent(path, stored, Clock::now());
     (file.unsent.state.change <= state.change ? sent : newer) = file.unsent;

@@ -235,6 +235,16 @@ class CrashTest : public MountingTest {
     RecordProperty("rounds", static_cast<int>(all));
   }
 
+  void RunAgainst(DavServer::Kind kind) {
+    const DavServer server(kind);
+    const auto processes = [&] {
+      std::vector<pid_t> running = ChildrenOf(server.Pid());
+      running.insert(running.begin(), server.Pid());
+      return running;
+    };
+    Run([&] { return Mount(server.Url(), volume, "Web", "webdav"); }, server.Root(), processes);
+  }
+
  private:
   [[nodiscard]] bool HasUnsent() const {
     std::error_code ignored;  // a folder may go while it is looked at
@@ -325,13 +335,12 @@ TEST_F(CrashTest, LosesNothingOfALocalFolder) {
 }
 
 TEST_F(CrashTest, LosesNothingOfAWebdavServer) {
-  const DavServer server(DavServer::Kind::kApache);
-  const auto processes = [&] {
-    std::vector<pid_t> all = ChildrenOf(server.Pid());
-    all.insert(all.begin(), server.Pid());
-    return all;
-  };
-  Run([&] { return Mount(server.Url(), volume, "Web", "webdav"); }, server.Root(), processes);
+  RunAgainst(DavServer::Kind::kApache);
+}
+
+// It ignores the versions that uploads are to replace.
+TEST_F(CrashTest, LosesNothingOfAServerWithoutConditions) {
+  RunAgainst(DavServer::Kind::kNginx);
 }
 
 }  // namespace

@@ -50,6 +50,12 @@ class MemoryProtocol : public IProtocol_V2 {
     return paths;
   }
 
+  // Versions then tell sizes apart and nothing else, as within one second where that is all that a
+  // server counts.
+  void StopTheClock() {
+    const MutexLock guard(lock);
+    tree.tick = 0;
+  }
   // While it hangs, no operation comes back, whatever is cancelled.
   void SetHanging(bool is_hanging) {
     hangs = is_hanging;
@@ -242,7 +248,9 @@ class MemoryProtocol : public IProtocol_V2 {
       return item;
     }
     void SetVersion(Item& item) {
-      std::snprintf(item.info.version, sizeof item.info.version, "v%d", ++last_version);
+      last_version += tick;
+      std::snprintf(item.info.version, sizeof item.info.version, "v%d-%zu", last_version,
+                    item.content.size());
     }
     bool IsFolder(const std::string& path) {
       const Item* const item = Find(path);
@@ -259,6 +267,7 @@ class MemoryProtocol : public IProtocol_V2 {
 
     std::map<std::string, Item> items = {{"/", {}}};
     int last_version = 0;
+    int tick = 1;
   };
 
   static bool ReadSource(FS_SOURCE& source, unsigned long long size, FS_PROGRESS progress,

@@ -158,8 +158,10 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
       TARN_EXCLUDES(drive.lock);
-  void TakePlaceOf(OpenFile& source, const OpenFile* target, Ino new_folder,
-                   const std::string& new_name) TARN_REQUIRES(drive.lock);
+  // The protocol that a new file in the folder goes to.
+  [[nodiscard]] int FindProtocol(Ino folder, int& protocol) TARN_EXCLUDES(drive.lock);
+  void TakePlaceOf(OpenFile& source, const OpenFile* target, const Place& place, int protocol)
+      TARN_REQUIRES(drive.lock);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
              const std::vector<std::string>& paths) TARN_REQUIRES(drive.lock);
   // Nobody has the file under its old name any more.

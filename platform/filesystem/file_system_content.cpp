@@ -67,6 +67,10 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
   if (remote.Count() == 0) {
     return EROFS;
   }
+  int protocol = 0;
+  if (const int error = FindProtocol(folder, protocol); error != 0) {
+    return error;
+  }
   std::shared_ptr<WorkFile> work;
   if (const int error = unsent_files.MakeWork(work); error != 0) {
     return error;
@@ -84,8 +88,7 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
   }
   const Ino ino = drive.nodes.Ensure(folder, name, false);
   const auto file = drive.open_files.Ensure(ino);
-  const auto folder_path = drive.nodes.PathOf(folder).value_or("/");
-  file->remote.protocol = drive.listings.Find(folder_path, Clock::now()).attributes.protocol;
+  file->remote.protocol = protocol;
   file->work = std::move(work);
   file->created_with = permissions;
   drive.nodes.AddLookup(ino);

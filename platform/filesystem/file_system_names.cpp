@@ -205,6 +205,10 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     return error;
   }
   const bool is_at_remote = sender.HasCome(source, paths[0]);
+  int protocol = 0;
+  if (const int error = is_at_remote ? 0 : FindProtocol(new_folder, protocol); error != 0) {
+    return error;
+  }
   const auto noted = is_at_remote ? unsent_files.BeginMove(InoOf(folder, name), paths, target.get())
                                   : std::nullopt;
   if (const int error = is_at_remote ? MoveAtRemote(paths[0], paths[1]) : 0; error != 0) {
@@ -218,7 +222,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   {
     const MutexLock guard(drive.lock);
     if (!is_at_remote) {
-      TakePlaceOf(*source, target.get(), new_folder, new_name);
+      TakePlaceOf(*source, target.get(), {new_folder, new_name}, protocol);
     }
     Moved(folder, name, new_folder, new_name, paths);
   }
@@ -252,19 +256,38 @@ int FileSystem::MoveAtRemote(const std::string& from, const std::string& to) {
 
 // The source is at this side only; what the remote has under the new name is replaced when the
 // content goes there.
-void FileSystem::TakePlaceOf(OpenFile& source, const OpenFile* target, Ino new_folder,
-                             const std::string& new_name) {
+void FileSystem::TakePlaceOf(OpenFile& source, const OpenFile* target, const Place& place,
+                             int protocol) {
   if (target != nullptr) {
     source.at_remote = target->at_remote;
     source.remote = target->remote;
     return;
   }
-  const auto path = drive.nodes.PathOf(new_folder, new_name);
+  const auto path = drive.nodes.PathOf(place.ino, place.name);
   const auto there = path ? drive.listings.Find(*path, Clock::now()) : Listings::Answer{};
   source.at_remote = there.known == Listings::Known::kPresent ||
                      (there.known == Listings::Known::kNothing &&
-                      drive.nodes.Find(new_folder, new_name).has_value());
+                      drive.nodes.Find(place.ino, place.name).has_value());
   source.remote = there.attributes;
+  if (there.known != Listings::Known::kPresent) {
+    source.remote.protocol = protocol;
+  }
+}
+
+int FileSystem::FindProtocol(Ino folder, int& protocol) {
+  protocol = 0;
+  if (remote.Count() == 1 || folder == kRootIno) {
+    return 0;
+  }
+  std::optional<std::string> path;
+  {
+    const MutexLock guard(drive.lock);
+    path = drive.nodes.PathOf(folder);
+  }
+  Listings::Answer answer;
+  const int error = path ? finder.Find(*path, false, answer) : ENOENT;
+  protocol = answer.attributes.protocol;
+  return error;
 }
 
 void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,

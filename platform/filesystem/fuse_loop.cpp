@@ -18,7 +18,8 @@ namespace tarn::fs {
 
 namespace {
 
-constexpr int kMaxThreads = 128;  // so that calls that wait for a slow remote leave room for others
+// As many programs can wait for a slow remote while others go on.
+constexpr int kMaxThreads = 1000;
 constexpr std::chrono::seconds kTimeToGreet{10};
 constexpr int kMaxFollowers = 8;  // more than these end when they have nothing to do
 

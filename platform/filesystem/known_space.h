@@ -17,7 +17,7 @@ struct Space {
 // Threads: any. The lock guards what is known; not held while the remote works.
 class KnownSpace {
  public:
-  KnownSpace(Remote& asked, Owner part_of) : remote(asked), owner(std::move(part_of)) {}
+  KnownSpace(Remote& of, Owner part_of) : remote(of), owner(std::move(part_of)) {}
 
   [[nodiscard]] Space Get();  // at once; what is old is asked anew
   void Ask();

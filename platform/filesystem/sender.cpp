@@ -232,14 +232,13 @@ AERROR Sender::Upload(const std::string& path, const Outgoing& outgoing, Attribu
   if (error != SUCCESS && outgoing.sending->give_up) {
     error = UPLOAD_CANCELED;
   }
-  if (error == SUCCESS) {
-    ++progress;
-    stored.version = source.version;
-    Attributes answer;
-    if (stored.version.empty() && remote.GetInfo(path, answer) == SUCCESS) {
-      stored = answer;
-    }
+  stored.version = source.version;
+  if (error == SUCCESS && stored.version.empty()) {
+    error = remote.GetInfo(path, stored);  // until that tells so, nobody knows that it came there
+    const bool is_all = !stored.is_folder && stored.size == snapshot.state.size;
+    error = error == SUCCESS && !is_all ? FILE_WRITE_FAILED : error;
   }
+  progress += error == SUCCESS ? 1 : 0;
   upload_events.End(error);
   return error;
 }

@@ -72,6 +72,71 @@ TEST_F(JournalTest, WhatWasClosedSurvivesTheProcessAndIsSentUnderItsLastName) {
   EXPECT_EQ(FilesOnDisk(), 0U);
 }
 
+// Says that it has stored everything, and tells no version.
+class SilentProtocol : public MemoryProtocol {
+ public:
+  AERROR Upload(const char* path, FS_SOURCE* source, unsigned long long size, FS_PROGRESS progress,
+                void* context) override {
+    const AERROR error = MemoryProtocol::Upload(path, source, size, progress, context);
+    source->version[0] = '\0';
+    Write(path, Content(path).substr(0, kept_bytes));
+    failure = failure_then.load();
+    return error;
+  }
+  std::atomic<size_t> kept_bytes = std::string::npos;
+  std::atomic<AERROR> failure_then = SUCCESS;
+};
+
+TEST_F(JournalTest, AnUploadCountsOnceTheRemoteIsKnownToHaveAllOfIt) {
+  SilentProtocol silent;
+  Drive drive(silent, base.path());
+  silent.kept_bytes = 3;
+  const int cut = drive.Opened("/cut", O_WRONLY | O_CREAT);
+  EXPECT_EQ(drive.Write(cut, 0, "content"), 0);
+  EXPECT_EQ(drive.Sync(cut), EIO);
+  silent.kept_bytes = std::string::npos;
+  const int file = drive.Opened("/file", O_WRONLY | O_CREAT);
+  EXPECT_EQ(drive.Write(file, 0, "content"), 0);
+  silent.failure_then = ACCESS_DENIED;
+  EXPECT_NE(drive.Sync(file), 0);
+  EXPECT_GT(FilesOnDisk(), 3U) << "the content and the record of each";
+  silent.failure_then = silent.failure = SUCCESS;
+  EXPECT_EQ(drive.Close(cut), 0);
+  EXPECT_EQ(drive.Close(file), 0);
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(silent.Content("/file"), "content");
+  EXPECT_EQ(silent.Paths().size(), 3U) << "whose the cut one is cannot be told";
+}
+
+TEST_F(JournalTest, ANewFileIsKeptForTheProtocolOfItsFolder) {
+  MemoryProtocol second;
+  second.identity = "second:";
+  second.MakeFolder("/folder");
+  {
+    Drive drive(protocol, base.path());
+    drive.files->AddProtocol(Share(second));
+    protocol.refusal = second.refusal = ACCESS_DENIED;
+    EXPECT_EQ(drive.WriteFile("/folder/old", "renamed"), 0);
+    EXPECT_EQ(drive.Rename("/folder/old", "/folder/new"), 0);
+    fs::Stat folder;
+    fs::Stat file;
+    fs::FileSystem::Opened opened;
+    ASSERT_EQ(drive.files->Lookup(fs::kRootIno, "folder", folder), 0);
+    MemoryProtocol third;
+    drive.files->AddProtocol(Share(third));  // so that nothing is known of the folder any more
+    ASSERT_EQ(drive.files->Create(folder.ino, "made", O_WRONLY, file, opened), 0);
+    EXPECT_EQ(drive.files->Flush(opened.handle), 0);
+    drive.files->Release(opened.handle);
+  }
+  protocol.refusal = second.refusal = SUCCESS;
+  for (MemoryProtocol* const remote : {&protocol, &second}) {
+    Drive alone(*remote, base.path());
+    EXPECT_EQ(alone.files->SendAll(kPatience), 0U);
+  }
+  EXPECT_THAT(protocol.Paths(), testing::IsEmpty());
+  EXPECT_THAT(second.Paths(), testing::ElementsAre("/folder", "/folder/made", "/folder/new"));
+}
+
 TEST_F(JournalTest, AFileThatCameThereUnnoticedIsReplacedRemovedAndRenamedAsOurs) {
   const std::vector<std::string> names = {"/changed", "/removed", "/renamed", "/same"};
   {

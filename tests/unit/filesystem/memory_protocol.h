@@ -62,6 +62,7 @@ class MemoryProtocol : public IProtocol_V2 {
     hangs.notify_all();
   }
 
+  std::string identity = "memory:";         // set before the first use
   std::atomic<int> latency_ms = 0;          // before every operation
   std::atomic<bool> reads_versions = true;  // a capability
   std::atomic<AERROR> failure = SUCCESS;    // of every operation, when not SUCCESS
@@ -186,7 +187,7 @@ class MemoryProtocol : public IProtocol_V2 {
     });
   }
   AERROR GetIdentity(char* buffer, int* length) override {
-    *length = std::snprintf(buffer, static_cast<size_t>(*length), "memory:");
+    *length = std::snprintf(buffer, static_cast<size_t>(*length), "%s", identity.c_str());
     return SUCCESS;
   }
   AERROR Cancel() override {

@@ -49,9 +49,9 @@ TempHome::~TempHome() {
   }
 }
 
-fs::path TempHome::MakeFolder(const std::string& name) const {
-  fs::create_directories(Path() / name);
-  return Path() / name;
+fs::path TempHome::MakeFolder(const std::string& folder_name) const {
+  fs::create_directories(Path() / folder_name);
+  return Path() / folder_name;
 }
 
 ServiceProcess::ServiceProcess(const TempHome& service_home)

@@ -26,7 +26,7 @@ class TempHome : public TempFolder {
   }
 
   // Makes a folder in the home. Returns its path.
-  [[nodiscard]] fs::path MakeFolder(const std::string& name) const;
+  [[nodiscard]] fs::path MakeFolder(const std::string& folder_name) const;
 };
 
 // The mount points at or below a folder, the deepest first.

@@ -37,6 +37,9 @@ void ExpectFrame(const UniqueFd& socket, const std::string& body) {
   EXPECT_EQ(frame, Frame(body));
 }
 
+// Never destroyed, as in the service: a session that was refused may say goodbye after the test.
+NeverDestroyed<std::list<CTCPServer>> servers;
+
 class ServerTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -64,8 +67,6 @@ class ServerTest : public testing::Test {
   }
 
   const TempFolder folder;
-  // Never destroyed, as in the service: a session that was refused may say goodbye after the test.
-  static inline NeverDestroyed<std::list<CTCPServer>> servers;
   CTCPServer& server = servers.get().emplace_back();
   int port = -1;
 };

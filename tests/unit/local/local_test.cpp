@@ -59,7 +59,6 @@ TEST_F(LocalTest, TreeIsMadeListedMovedAndRemoved) {
   EXPECT_EQ(protocol->CreateFolder("/a b"), SUCCESS);
   EXPECT_EQ(Put("/a b/ü", "content"), SUCCESS);
   const FS_TIME time{1234567890, 987654321};
-  const std::string before = Version("/a b/ü");
   EXPECT_EQ(protocol->SetModifiedTime("/a b/ü", &time), SUCCESS);
   const auto entries = List("/a b");
   ASSERT_EQ(entries.size(), 1U);
@@ -67,7 +66,6 @@ TEST_F(LocalTest, TreeIsMadeListedMovedAndRemoved) {
   EXPECT_EQ(entry.size, 7U);
   EXPECT_EQ(entry.modified.nanoseconds, time.nanoseconds);
   EXPECT_EQ(entry.version, Version("/a b/ü"));
-  EXPECT_NE(entry.version, before);
   EXPECT_EQ(List("/").at("a b").is_folder, 1);
 
   EXPECT_EQ(protocol->CreateFolder("/a b"), ALREADY_EXISTS);

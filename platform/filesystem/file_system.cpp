@@ -4,6 +4,12 @@
 
 namespace tarn::fs {
 
+namespace {
+
+constexpr std::chrono::seconds kBetweenLooks{2};  // at what other processes still have
+
+}  // namespace
+
 FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
     : drive(attribute_time_out),
       remote(limits, [this](bool is_reachable) { ReachabilityChanged(is_reachable); }),
@@ -15,13 +21,15 @@ FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
       ahead(drive, remote, finder, ShareOfThis()),
       unsent_files(drive, remote),
       sender(drive, remote, events, finder, unsent_files, ShareOfThis()),
-      space(remote, ShareOfThis()) {}
+      space(remote, ShareOfThis()),
+      later([this] { return TakeOverMore(); }, kBetweenLooks) {}
 
 Owner FileSystem::ShareOfThis() {
   return [this] { return weak_from_this().lock(); };
 }
 
 FileSystem::~FileSystem() {
+  later.Stop();
   remote.Stop();  // or its threads would go on to tell of what they find
 }
 
@@ -31,13 +39,29 @@ void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
     const MutexLock guard(drive.lock);
     drive.listings.ForgetTree("/");
   }
-  for (const Ino ino : unsent_files.TakeOver(index)) {
-    sender.Add(ino);
+  unsent_files.Identify(index);
+  TakeOver(index);
+  if (unsent_files.MayTakeMore()) {
+    later.Start();
   }
   space.Ask();
 }
 
+void FileSystem::TakeOver(int protocol) {
+  for (const Ino ino : unsent_files.TakeOver(protocol)) {
+    sender.Add(ino);
+  }
+}
+
+bool FileSystem::TakeOverMore() {
+  for (int i = 0; i < remote.Count(); ++i) {
+    TakeOver(i);
+  }
+  return unsent_files.MayTakeMore();
+}
+
 void FileSystem::CloseAll() {
+  later.Stop();
   sender.Stop();
   OpenFiles::Map closed;  // ends after the lock
   const MutexLock guard(drive.lock);

@@ -17,6 +17,7 @@
 #include "platform/filesystem/known_space.h"
 #include "platform/filesystem/readers.h"
 #include "platform/filesystem/remote.h"
+#include "platform/filesystem/repeater.h"
 #include "platform/filesystem/sender.h"
 #include "platform/filesystem/unsent_files.h"
 
@@ -73,7 +74,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Before the first protocol. Files that are closed are then kept there until they were sent in
   // the background; without a journal they are sent before close returns.
   void UseJournal(std::unique_ptr<Journal> journal) { unsent_files.UseJournal(std::move(journal)); }
-  // What the journal has for it is sent in the background.
+  // What journals have for it is sent in the background, also what other processes leave there
+  // later.
   void AddProtocol(std::shared_ptr<IProtocol_V2> protocol);
   [[nodiscard]] Remote& GetRemote() { return remote; }
   [[nodiscard]] Events& GetEvents() { return events; }
@@ -147,6 +149,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   };
 
   [[nodiscard]] Owner ShareOfThis();
+  void TakeOver(int protocol) TARN_EXCLUDES(drive.lock);
+  [[nodiscard]] bool TakeOverMore() TARN_EXCLUDES(drive.lock);  // true: later once more
   // Called when the remote cannot be reached any more, and when it can be again.
   void ReachabilityChanged(bool is_reachable) TARN_EXCLUDES(drive.lock);
   Stat LocalStat(const OpenFile& file) const TARN_REQUIRES(drive.lock);
@@ -216,6 +220,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   UnsentFiles unsent_files;
   Sender sender;
   KnownSpace space;
+  Repeater later;  // takes over more
 
   CondVar prepared;  // a work file
   HandleTable<Handle> handles TARN_GUARDED_BY(drive.lock);

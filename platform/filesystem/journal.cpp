@@ -280,12 +280,13 @@ void Journal::Remove(const Move& move) {
   (void)::unlink((folder + "/" + move.id + std::string(kMoveEnd)).c_str());  // asked again later
 }
 
-std::vector<Journal::Move> Journal::ReadMoves(const std::string& remote) const {
+std::vector<Journal::Move> Journal::ReadMoves(const std::string& of_folder,
+                                              const std::string& remote) {
   std::vector<Move> moves;
-  for (const std::string& name : NamesIn(folder)) {
+  for (const std::string& name : NamesIn(of_folder)) {
     Move move;
     std::string text;
-    if (name.ends_with(kMoveEnd) && ReadFile(JoinPath(folder, name), kMaxRecordBytes, text) &&
+    if (name.ends_with(kMoveEnd) && ReadFile(JoinPath(of_folder, name), kMaxRecordBytes, text) &&
         FromText(text, move) && move.remote == remote) {
       move.id = name.substr(0, name.size() - kMoveEnd.size());
       moves.push_back(std::move(move));
@@ -396,48 +397,77 @@ bool Journal::MoveHere(const std::string& from_folder, Unsent& unsent) {
   return Content::Open(new_path, unsent.content) == 0;
 }
 
-void Journal::TakeFrom(const std::string& other_folder, const std::string& remote,
-                       std::vector<Unsent>& taken) {
+bool Journal::TakeFrom(const std::string& other_folder, const std::string& remote,
+                       std::vector<Unsent>& taken, std::vector<Move>& moves) {
   UniqueFd other_lock;
-  if (LockFolder(other_folder, other_lock) != Claim::kOurs) {
-    return;
+  if (const Claim claim = LockFolder(other_folder, other_lock); claim != Claim::kOurs) {
+    return claim != Claim::kInUse;
   }
   int unreadable = 0;
+  bool has_all = true;
   for (Unsent& unsent : Read(other_folder, remote, unreadable)) {
-    if (MoveHere(other_folder, unsent)) {
+    if (!MoveHere(other_folder, unsent)) {
+      has_all = false;
+    } else {
       unsent.content->LetGo();
       taken.push_back(std::move(unsent));
     }
   }
   RemoveLeftOvers(other_folder);
-  for (const std::string& name : NamesIn(other_folder)) {
-    if (name.ends_with(kMoveEnd)) {
-      (void)std::rename((other_folder + "/" + name).c_str(), JoinPath(folder, name).c_str());
+  for (Move& move : ReadMoves(other_folder, remote)) {
+    const std::string name = "/" + move.id + std::string(kMoveEnd);
+    if (std::rename((other_folder + name).c_str(), (folder + name).c_str()) == 0) {
+      moves.push_back(std::move(move));
     }
   }
   (void)::rmdir(other_folder.c_str());  // stays while there is anything in it
+  return has_all;
+}
+
+std::set<std::string> Journal::FoldersBeside() const {
+  std::set<std::string> found;
+  for (const std::string& name : NamesIn(base)) {
+    found.insert(JoinPath(base, name));
+  }
+  found.erase(folder);
+  return found;
 }
 
 std::vector<Journal::Unsent> Journal::TakeOver(const std::string& remote,
                                                std::vector<Move>& moves) {
-  int unreadable = 0;
-  std::vector<Unsent> taken = Read(folder, remote, unreadable);
+  bool is_first = false;
+  std::set<std::string> others;
   {
+    const MutexLock guard(lock);
+    const auto [known, is_new] = of_others.try_emplace(remote);
+    is_first = is_new;
+    others.swap(known->second);
+  }
+  std::vector<Unsent> taken;
+  moves.clear();
+  if (is_first) {  // later, what is in the own folder is of this process
+    int unreadable = 0;
+    taken = Read(folder, remote, unreadable);
+    moves = ReadMoves(folder, remote);
+    others = FoldersBeside();
     const MutexLock guard(lock);
     std::erase_if(taken, [this](const Unsent& unsent)
                              TARN_REQUIRES(lock) { return in_use.count(unsent.id) != 0; });
   }
-  for (const std::string& name : NamesIn(base)) {
-    if (const std::string other = JoinPath(base, name); other != folder) {
-      TakeFrom(other, remote, taken);
-    }
-  }
-  moves = ReadMoves(remote);
+  std::erase_if(others,
+                [&](const std::string& other) { return TakeFrom(other, remote, taken, moves); });
   const MutexLock guard(lock);
+  of_others[remote].merge(others);
   for (const Unsent& unsent : taken) {
     in_use.insert(unsent.id);
   }
   return taken;
+}
+
+bool Journal::MayInherit() {
+  const MutexLock guard(lock);
+  return std::any_of(of_others.begin(), of_others.end(),
+                     [](const auto& folders) { return !folders.second.empty(); });
 }
 
 }  // namespace tarn::fs

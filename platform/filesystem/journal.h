@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -80,9 +81,12 @@ class Journal {
   [[nodiscard]] int Put(const Move& move);
   void Remove(const Move& move);
 
-  // What waits for this remote here and in folders that nobody has locked, the oldest first. The
-  // moves are to be removed by whoever has found out what came of them.
+  // What waits for this remote here and in folders that nobody has locked, the oldest first; asked
+  // again, what is in the folders that somebody had then. The moves are to be removed by whoever
+  // has found out what came of them.
   [[nodiscard]] std::vector<Unsent> TakeOver(const std::string& remote, std::vector<Move>& moves);
+  // Whether there are such folders: what is in them may be left later.
+  [[nodiscard]] bool MayInherit();
 
  private:
   // The unsent files of a locked folder that are for this remote, or for any when it is empty.
@@ -90,17 +94,22 @@ class Journal {
   [[nodiscard]] static std::vector<Unsent> Read(const std::string& of_folder,
                                                 const std::string& remote, int& unreadable);
   static void RemoveLeftOvers(const std::string& of_folder);
-  [[nodiscard]] std::vector<Move> ReadMoves(const std::string& remote) const;
+  [[nodiscard]] static std::vector<Move> ReadMoves(const std::string& of_folder,
+                                                   const std::string& remote);
   static void OpenAttempts(const std::string& of_folder, Unsent& unsent);
   [[nodiscard]] bool MoveHere(const std::string& from_folder, Unsent& unsent);
-  void TakeFrom(const std::string& other_folder, const std::string& remote,
-                std::vector<Unsent>& taken);
+  // False: it is to be looked at again.
+  [[nodiscard]] bool TakeFrom(const std::string& other_folder, const std::string& remote,
+                              std::vector<Unsent>& taken, std::vector<Move>& moves);
+  [[nodiscard]] std::set<std::string> FoldersBeside() const;
 
   const std::string base;
   const std::string folder;
   const UniqueFd lock_of_folder;
   Mutex lock;
   std::set<std::string> in_use TARN_GUARDED_BY(lock);  // ids that were put or handed out
+  // The folders that others had when a remote's files were taken over, by remote.
+  std::map<std::string, std::set<std::string>> of_others TARN_GUARDED_BY(lock);
 };
 
 }  // namespace tarn::fs

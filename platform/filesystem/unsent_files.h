@@ -27,9 +27,13 @@ class UnsentFiles {
 
   // Before the first protocol. Without a journal nothing can be kept.
   void UseJournal(std::unique_ptr<Journal> used) { journal = std::move(used); }
-  // What waits in the journal for a protocol that was added is there for programs as it was.
-  // Returns the files that are to be sent.
+  // A protocol was added. Before TakeOver.
+  void Identify(int protocol) TARN_EXCLUDES(drive.lock);
+  // What waits in journals for a protocol is there for programs as it was. Returns the files that
+  // are to be sent. Waits for changes of their places.
   [[nodiscard]] std::vector<Ino> TakeOver(int protocol) TARN_EXCLUDES(publishing, drive.lock);
+  // Whether TakeOver is to be called again later: other processes still have what they may leave.
+  [[nodiscard]] bool MayTakeMore() const { return journal && journal->MayInherit(); }
 
   // An empty work file where the unsent ones are kept.
   [[nodiscard]] int MakeWork(std::shared_ptr<WorkFile>& work) const;

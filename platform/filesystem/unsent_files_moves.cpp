@@ -19,12 +19,19 @@ bool IsSame(const Attributes& file, std::uint64_t size, const FS_TIME& modified)
 
 }  // namespace
 
+void UnsentFiles::Identify(int protocol) {
+  std::string identity = remote.GetIdentity(protocol);
+  const MutexLock guard(drive.lock);
+  identities.resize(std::max(identities.size(), static_cast<size_t>(protocol) + 1));
+  identities[static_cast<size_t>(protocol)] = std::move(identity);
+}
+
 std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
-  const std::string identity = remote.GetIdentity(protocol);
+  const auto index = static_cast<size_t>(protocol);
+  std::string identity;
   {
     const MutexLock guard(drive.lock);
-    identities.resize(std::max(identities.size(), static_cast<size_t>(protocol) + 1));
-    identities[static_cast<size_t>(protocol)] = identity;
+    identity = index < identities.size() ? identities[index] : "";
   }
   std::vector<Ino> adopted;
   if (!journal || identity.empty()) {
@@ -44,9 +51,12 @@ std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
   return adopted;
 }
 
-// The file is there for programs as it was, from the first moment.
+// The file is there for programs as it was, from the first moment. Where they have changed a file
+// of this name themselves, it stands beside that.
 Ino UnsentFiles::Adopt(Journal::Unsent unsent, int protocol) {
   const Journal::Record& record = unsent.record;
+  std::vector<std::string> paths;
+  const auto hold = drive.HoldPlaces({{kRootIno, record.path.substr(1)}}, paths);
   const MutexLock guard(drive.lock);
   Ino folder = kRootIno;
   std::string name(NameOf(record.path));
@@ -54,10 +64,15 @@ Ino UnsentFiles::Adopt(Journal::Unsent unsent, int protocol) {
        start = end + 1) {
     folder = drive.nodes.Ensure(folder, record.path.substr(start, end - start), true);
   }
-  if (const auto other = drive.open_files.Find(folder, name); other && other->work) {
+  drive.nodes.Pin(folder);
+  const auto other = drive.open_files.Find(folder, name);
+  if (other && (other->work || other->preparing || other->writers > 0)) {
     name = drive.nodes.FreeConflictName(folder, name);
+  } else if (const auto known = drive.nodes.Find(folder, name); known) {
+    drive.nodes.Unlink(*known);  // what the kernel and readers have of it is of another content
   }
   const auto file = drive.open_files.Ensure(drive.nodes.Ensure(folder, name, false));
+  drive.nodes.Unpin(folder);
   file->work = std::make_shared<WorkFile>(unsent.content, record.size, record.modified);
   file->unsent = file->work->TakeSnapshot();
   file->id = unsent.id;

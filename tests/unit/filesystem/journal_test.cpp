@@ -137,6 +137,36 @@ TEST_F(JournalTest, ANewFileIsKeptForTheProtocolOfItsFolder) {
   EXPECT_THAT(second.Paths(), testing::ElementsAre("/folder", "/folder/made", "/folder/new"));
 }
 
+TEST_F(JournalTest, WhatAnotherProcessStillHasAtTheMountIsTakenOverWhenThatHasEnded) {
+  protocol.Write("/changed", "before");
+  auto ending = std::make_unique<Drive>(protocol, base.path());
+  (void)ending->Names("/");
+  protocol.refusal = ACCESS_DENIED;
+  ASSERT_EQ(ending->WriteFile("/changed", "ours!!"), 0);
+  ASSERT_EQ(ending->WriteFile("/new", "new"), 0);
+  {
+    Drive next(protocol, base.path());
+    fs::Stat known;
+    ASSERT_EQ(next.files->Lookup(fs::kRootIno, "changed", known), 0);
+    const int reader = next.Opened("/changed", O_RDONLY);
+    EXPECT_EQ(next.ReadAt(reader, 0, 10), "before");
+    ending.reset();
+    EXPECT_TRUE(WaitUntil([&] {
+      return next.Content("/changed") == "ours!!" && next.Content("/new") == "new";
+    }));
+    EXPECT_EQ(next.Names("/"), (std::vector<std::string>{"changed", "new"}));
+    fs::Stat stat;
+    ASSERT_EQ(next.files->Lookup(fs::kRootIno, "changed", stat), 0);
+    EXPECT_NE(stat.ino, known.ino) << "the kernel has old pages of that";
+    next.Close(reader);
+    protocol.refusal = SUCCESS;
+    EXPECT_EQ(next.files->SendAll(kPatience), 0U);
+    EXPECT_EQ(protocol.Content("/changed"), "ours!!");
+    EXPECT_EQ(protocol.Content("/new"), "new");
+  }
+  EXPECT_EQ(FilesOnDisk(), 0U);
+}
+
 TEST_F(JournalTest, AFileThatCameThereUnnoticedIsReplacedRemovedAndRenamedAsOurs) {
   const std::vector<std::string> names = {"/changed", "/removed", "/renamed", "/same"};
   {
@@ -238,6 +268,7 @@ TEST_F(JournalTest, OnlyFilesOfTheSameRemoteAreTakenAndDamagedRecordsHarmNobody)
   {
     const auto journal = fs::Journal::Open(base.path(), "drive");
     PutOne(*journal, "/file", "ab", "elsewhere");
+    ASSERT_EQ(journal->Put(fs::Journal::Move{"two", "elsewhere", "/a", "/b", false, 1, {}, ""}), 0);
     std::ofstream(journal->GetFolder() + "/damaged.record") << "{\"remote\":\"elsew";
     std::ofstream(journal->GetFolder() + "/evil.record")
         << R"({"remote":"elsewhere","path":"/../../x","content":"a.content"})";
@@ -247,9 +278,11 @@ TEST_F(JournalTest, OnlyFilesOfTheSameRemoteAreTakenAndDamagedRecordsHarmNobody)
   const auto journal = fs::Journal::Open(base.path(), "../drive");
   std::vector<fs::Journal::Move> moves;
   EXPECT_TRUE(journal->TakeOver("memory:", moves).empty());
+  EXPECT_TRUE(std::filesystem::exists(base.path() / "drive/two.move"));
   const auto taken = journal->TakeOver("elsewhere", moves);
   ASSERT_EQ(taken.size(), 1U);
   EXPECT_EQ(taken[0].record.path, "/file");
+  EXPECT_EQ(moves.size(), 1U);
   EXPECT_TRUE(journal->TakeOver("elsewhere", moves).empty()) << "once";
   EXPECT_TRUE(std::filesystem::exists(base.path() / "drive/damaged.record"));
 }

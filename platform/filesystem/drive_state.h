@@ -19,7 +19,7 @@ namespace tarn::fs {
 // Locks:   `lock` guards all of the state, the fields of open files too, and comes before a work
 //          file's own. Nobody holds it while the remote or the disk works, nor while an event is
 //          told. The right to change places comes before every lock.
-struct DriveState {
+class DriveState {
  public:
   explicit DriveState(Clock::duration believed_for) : listings(believed_for), open_files(nodes) {}
 

@@ -13,7 +13,7 @@ Space KnownSpace::Get() {
   Space known;
   {
     const MutexLock guard(lock);
-    is_old = asked + kBelieved < Clock::now();
+    is_old = answered + kBelieved < Clock::now();
     known = space;
   }
   if (is_old) {
@@ -34,7 +34,7 @@ void KnownSpace::Ask() {
     const bool is_known = !stopping && remote.GetSize(answer.total, answer.free) == SUCCESS;
     const MutexLock guard(lock);
     space = is_known ? answer : space;
-    asked = Clock::now();
+    answered = Clock::now();
     is_asking = false;
   });
   if (!is_pushed) {

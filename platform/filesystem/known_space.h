@@ -29,7 +29,7 @@ class KnownSpace {
   const Owner owner;
   Mutex lock;
   Space space TARN_GUARDED_BY(lock) = {kUnknown, kUnknown};
-  Clock::time_point asked TARN_GUARDED_BY(lock) = {};
+  Clock::time_point answered TARN_GUARDED_BY(lock) = {};
   bool is_asking TARN_GUARDED_BY(lock) = false;
 };
 

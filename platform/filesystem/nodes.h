@@ -30,10 +30,10 @@ struct KernelState {
   bool fetched_ahead = false;        // its content is in the cache and was not opened since
 };
 
-// Which inode number stands for which place in the drive. A number is given out on the first
-// lookup, never twice, and stays with the file when it or a folder above it is renamed. A node is
-// kept while the kernel counts lookups on it, while something of ours pins it, and while another
-// node lies below it.
+// Which inode number stands for which place in the drive, and what the kernel holds of it. A number
+// is given out on the first lookup, never twice, and stays with the file when it or a folder above
+// it is renamed. A node is kept while the kernel counts lookups on it, while something of ours pins
+// it, and while another node lies below it.
 //
 // Owns:    the nodes.
 // Threads: none of its own; the owner's lock guards every call.

@@ -23,7 +23,7 @@ namespace tarn::fs {
 // Threads: any.
 // Locks:   takes the state's, and the right to change the file's place; no lock is held while the
 //          remote works. `making` is for the making of the uploads only, and may be taken with any.
-// Errors:  0 or an errno value; AERROR between the parts.
+// Errors:  0 or an errno value; within, AERROR.
 class Sender {
  public:
   using FilePtr = OpenFiles::FilePtr;

@@ -171,9 +171,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Nobody has the file under its old name any more.
   void DropUnsent(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(drive.lock);
 
-  // Folders: whether one has files that only this side knows of; and adds them to a listing.
+  // Folders: whether one has files that the remote lacks; and adds these to a listing.
   [[nodiscard]] bool HoldsUnsent(Ino folder, const std::string& name) const
-      TARN_REQUIRES(drive.lock);
+      TARN_EXCLUDES(drive.lock);
   void AddUnsent(const std::string& folder, std::vector<Entry>& entries) const
       TARN_REQUIRES(drive.lock);
 

@@ -87,13 +87,9 @@ Ino FileSystem::InoOf(Ino folder, const std::string& name) const {
 }
 
 bool FileSystem::HoldsUnsent(Ino folder, const std::string& name) const {
+  const MutexLock guard(drive.lock);
   const auto ino = drive.nodes.Find(folder, name);
-  if (!ino || !drive.nodes.IsFolder(*ino)) {
-    return false;
-  }
-  const auto unsent = drive.open_files.UnsentAt(*ino);
-  return std::any_of(unsent.begin(), unsent.end(),
-                     [](const auto& file) { return !file.first->at_remote; });
+  return ino && drive.nodes.IsFolder(*ino) && !drive.open_files.UnsentAt(*ino).empty();
 }
 
 void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entries) const {
@@ -102,7 +98,8 @@ void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entrie
     known.insert(entry.name);
   }
   for (const auto& [ino, file] : drive.open_files.All()) {
-    const auto path = file->at_remote ? std::nullopt : drive.nodes.PathOf(ino);
+    const bool is_unsent = file->work && file->work->IsDirty();
+    const auto path = is_unsent ? drive.nodes.PathOf(ino) : std::nullopt;
     if (path && FolderOf(*path) == folder && known.insert(std::string(NameOf(*path))).second) {
       entries.push_back({std::string(NameOf(*path)), {}});
     }

@@ -148,16 +148,16 @@ void FileSystem::DropUnsent(const std::shared_ptr<OpenFile>& file) {
 }
 
 int FileSystem::RemoveFolder(Ino folder, const std::string& name) {
+  if (HoldsUnsent(folder, name)) {
+    return ENOTEMPTY;  // at once: the place is not to be had while one of them is being sent
+  }
   std::vector<std::string> paths;
   const auto hold = drive.HoldPlaces({{folder, name}}, paths);
   if (!hold) {
     return ENOENT;
   }
-  {
-    const MutexLock guard(drive.lock);
-    if (HoldsUnsent(folder, name)) {
-      return ENOTEMPTY;
-    }
+  if (HoldsUnsent(folder, name)) {
+    return ENOTEMPTY;
   }
   const AERROR error = remote.DeleteFolder(paths[0]);
   if (error != SUCCESS) {
@@ -180,12 +180,19 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (const int error = CheckName(new_name); error != 0) {
     return error;
   }
+  const bool is_another = folder != new_folder || name != new_name;
+  if (is_another && HoldsUnsent(new_folder, new_name)) {
+    return ENOTEMPTY;  // as in RemoveFolder
+  }
   sender.GiveUpAt(folder, name, false);
   sender.GiveUpAt(new_folder, new_name, true);
   std::vector<std::string> paths;
   const auto hold = drive.HoldPlaces({{folder, name}, {new_folder, new_name}}, paths);
   if (!hold) {
     return ENOENT;
+  }
+  if (is_another && HoldsUnsent(new_folder, new_name)) {
+    return ENOTEMPTY;
   }
   std::shared_ptr<OpenFile> source;
   std::shared_ptr<OpenFile> target;
@@ -194,9 +201,6 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     source = drive.open_files.Find(folder, name);
     target = drive.open_files.Find(new_folder, new_name);
     target = target == source ? nullptr : target;
-    if (paths[0] != paths[1] && HoldsUnsent(new_folder, new_name)) {
-      return ENOTEMPTY;
-    }
   }
   if (const int error = may_replace ? 0 : CheckFree(paths[1], target != nullptr); error != 0) {
     return error;

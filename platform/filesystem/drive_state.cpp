@@ -4,9 +4,10 @@
 
 namespace tarn::fs {
 
-bool DriveState::GetPaths(const std::vector<Place>& places, std::vector<std::string>& paths) const {
+bool DriveState::GetPaths(const std::vector<Change>& changed,
+                          std::vector<std::string>& paths) const {
   paths.clear();
-  for (const Place& place : places) {
+  for (const auto& [place, haste] : changed) {
     auto path = place.name.empty() ? nodes.PathOf(place.ino) : nodes.PathOf(place.ino, place.name);
     if (!path) {
       return false;
@@ -16,19 +17,23 @@ bool DriveState::GetPaths(const std::vector<Place>& places, std::vector<std::str
   return true;
 }
 
-std::optional<PathLocks::Hold> DriveState::HoldPlaces(const std::vector<Place>& places,
+std::optional<PathLocks::Hold> DriveState::HoldPlaces(const std::vector<Change>& changed,
                                                       std::vector<std::string>& paths) {
   {
     const MutexLock guard(lock);
-    if (!GetPaths(places, paths)) {
+    if (!GetPaths(changed, paths)) {
       return std::nullopt;
     }
   }
   for (;;) {
-    PathLocks::Hold hold = changes.Take(paths);
+    std::vector<Claim> claims;
+    for (size_t i = 0; i < paths.size(); ++i) {
+      claims.push_back({paths[i], changed[i].haste});
+    }
+    PathLocks::Hold hold = changes.Take(claims);
     std::vector<std::string> paths_now;
     const MutexLock guard(lock);
-    if (!GetPaths(places, paths_now)) {
+    if (!GetPaths(changed, paths_now)) {
       return std::nullopt;
     }
     if (paths_now == paths) {

@@ -25,7 +25,11 @@ class DriveState {
 
   // The right to change some places at the remote, whose paths go to `paths`; changes that meet
   // happen one after the other. Unset when a place does not exist.
-  [[nodiscard]] std::optional<PathLocks::Hold> HoldPlaces(const std::vector<Place>& places,
+  struct Change {
+    Place place;
+    Haste haste = Haste::kNone;
+  };
+  [[nodiscard]] std::optional<PathLocks::Hold> HoldPlaces(const std::vector<Change>& changed,
                                                           std::vector<std::string>& paths)
       TARN_EXCLUDES(lock);
 
@@ -35,7 +39,7 @@ class DriveState {
   OpenFiles open_files TARN_GUARDED_BY(lock);
 
  private:
-  [[nodiscard]] bool GetPaths(const std::vector<Place>& places,
+  [[nodiscard]] bool GetPaths(const std::vector<Change>& changed,
                               std::vector<std::string>& paths) const TARN_REQUIRES(lock);
 
   PathLocks changes;

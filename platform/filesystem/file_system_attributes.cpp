@@ -107,7 +107,7 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
     return 0;
   }
   std::vector<std::string> paths;
-  const auto hold = drive.HoldPlaces({{ino, ""}}, paths);
+  const auto hold = drive.HoldPlaces({{{ino, ""}}}, paths);
   if (!hold) {
     return 0;  // a removed file that is still open
   }

@@ -72,7 +72,7 @@ int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
     return EROFS;
   }
   std::vector<std::string> paths;
-  const auto hold = drive.HoldPlaces({{folder, name}}, paths);
+  const auto hold = drive.HoldPlaces({{{folder, name}}}, paths);
   if (!hold) {
     return ENOENT;
   }
@@ -95,9 +95,8 @@ int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
 }
 
 int FileSystem::RemoveFile(Ino folder, const std::string& name) {
-  sender.GiveUpAt(folder, name, true);
   std::vector<std::string> paths;
-  const auto hold = drive.HoldPlaces({{folder, name}}, paths);
+  const auto hold = drive.HoldPlaces({{{folder, name}, Haste::kAtOnce}}, paths);
   if (!hold) {
     return ENOENT;
   }
@@ -152,7 +151,7 @@ int FileSystem::RemoveFolder(Ino folder, const std::string& name) {
     return ENOTEMPTY;  // at once: the place is not to be had while one of them is being sent
   }
   std::vector<std::string> paths;
-  const auto hold = drive.HoldPlaces({{folder, name}}, paths);
+  const auto hold = drive.HoldPlaces({{{folder, name}}}, paths);
   if (!hold) {
     return ENOENT;
   }
@@ -184,10 +183,9 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (is_another && HoldsUnsent(new_folder, new_name)) {
     return ENOTEMPTY;  // as in RemoveFolder
   }
-  sender.GiveUpAt(folder, name, false);
-  sender.GiveUpAt(new_folder, new_name, true);
   std::vector<std::string> paths;
-  const auto hold = drive.HoldPlaces({{folder, name}, {new_folder, new_name}}, paths);
+  const auto hold = drive.HoldPlaces(
+      {{{folder, name}, Haste::kUnlessQuick}, {{new_folder, new_name}, Haste::kAtOnce}}, paths);
   if (!hold) {
     return ENOENT;
   }

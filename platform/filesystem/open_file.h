@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -14,12 +13,6 @@
 #include "platform/filesystem/work_file.h"
 
 namespace tarn::fs {
-
-// One upload under way.
-struct Sending {
-  std::atomic<bool> give_up = false;   // set to have it end soon
-  std::atomic<bool> was_read = false;  // all of it: from then on the remote may have it
-};
 
 // One file that is open, or that has content which the remote lacks. All its handles see the same
 // content: that of `work` once there is one, else the remote's.
@@ -46,7 +39,6 @@ struct OpenFile {
   // What was on its way and may have come to the remote, though nobody said so: what is found there
   // may be one of these. Changed as `unsent` is.
   std::vector<WorkFile::Snapshot> attempts;
-  std::shared_ptr<Sending> sending;  // the last
   // The remote's file has changed before all of it that is needed was fetched.
   bool is_torn = false;
 

@@ -30,12 +30,25 @@ void PathLocks::Hold::Release() {
   }
 }
 
-PathLocks::Hold PathLocks::Take(std::vector<std::string> paths) {
+PathLocks::Hold PathLocks::Take(const std::vector<Claim>& claims) {
+  std::vector<std::string> paths;
+  for (const Claim& claim : claims) {
+    paths.push_back(claim.path);
+  }
   const MutexLock guard(lock);
-  const auto mine = requests.insert(requests.end(), std::move(paths));
-  while (std::any_of(requests.begin(), mine, [&](const std::vector<std::string>& earlier) {
-    return Meet(earlier, *mine);
-  })) {
+  const auto mine = requests.emplace(requests.end(), std::move(paths));
+  for (auto earlier = requests.begin(); earlier != mine; ++earlier) {
+    for (const Claim& claim : claims) {
+      const bool is_below =
+          std::any_of(earlier->paths.begin(), earlier->paths.end(),
+                      [&](const std::string& path) { return IsWithin(path, claim.path); });
+      if (is_below && earlier->haste_of_others < claim.haste) {
+        earlier->haste_of_others = claim.haste;
+      }
+    }
+  }
+  while (std::any_of(requests.begin(), mine,
+                     [&](const Request& earlier) { return Meet(earlier.paths, mine->paths); })) {
     released.wait(lock);
   }
   return {this, mine};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <list>
 #include <string>
 #include <utility>
@@ -13,6 +14,15 @@ namespace tarn::fs {
 [[nodiscard]] bool Meet(const std::vector<std::string>& some,
                         const std::vector<std::string>& others);
 
+// Which of the changes that come first are to end for the sake of one that waits for them.
+enum class Haste { kNone, kUnlessQuick, kAtOnce };
+
+// A path that is to be changed.
+struct Claim {
+  std::string path;
+  Haste haste = Haste::kNone;  // with changes at or below the path
+};
+
 // Keeps changes of the remote in an order that makes sense: two changes whose paths meet (the same
 // path, or one below the other) happen one after the other, in order of arrival; all others at the
 // same time. These are no locks of data: they are held while the remote works.
@@ -20,6 +30,13 @@ namespace tarn::fs {
 // Owns:    nothing; must outlive its holds.
 // Threads: any.
 class PathLocks {
+  struct Request {
+    explicit Request(std::vector<std::string> claimed) : paths(std::move(claimed)) {}
+
+    const std::vector<std::string> paths;
+    std::atomic<Haste> haste_of_others = Haste::kNone;
+  };
+
  public:
   // The right to change some paths, given back on destruction.
   class Hold {
@@ -31,24 +48,26 @@ class PathLocks {
     Hold& operator=(const Hold&) = delete;
     ~Hold() { Release(); }
 
+    // Whether somebody who waits for this asks its holder to end; of a hold that is not given back.
+    [[nodiscard]] Haste HasteOfOthers() const { return place->haste_of_others; }
+
    private:
     friend class PathLocks;
-    Hold(PathLocks* locks, std::list<std::vector<std::string>>::iterator request)
-        : owner(locks), place(request) {}
+    Hold(PathLocks* locks, std::list<Request>::iterator request) : owner(locks), place(request) {}
     void Release();
 
     PathLocks* owner = nullptr;
-    std::list<std::vector<std::string>>::iterator place;
+    std::list<Request>::iterator place;
   };
 
-  // Waits until no earlier request meets one of `paths`.
-  [[nodiscard]] Hold Take(std::vector<std::string> paths);
+  // Waits until no earlier request meets one of the paths.
+  [[nodiscard]] Hold Take(const std::vector<Claim>& claims);
 
  private:
   Mutex lock;
   CondVar released;
   // Every request in order of arrival, those that wait and those that hold.
-  std::list<std::vector<std::string>> requests TARN_GUARDED_BY(lock);
+  std::list<Request> requests TARN_GUARDED_BY(lock);
 };
 
 }  // namespace tarn::fs

@@ -13,29 +13,34 @@ namespace {
 constexpr int kMaxAttempts = 10;  // of one file, while others change what it meets
 constexpr std::uint64_t kQuickBytes = std::uint64_t{1} << 20;  // an upload worth waiting for
 
-// One snapshot on its way to the remote.
+// One snapshot on its way to the remote. It ends soon when somebody who wants to change its place
+// cannot wait.
 struct SnapshotSource {
-  const WorkFile::Snapshot* snapshot;
-  Sending* sending;
+  const PathLocks::Hold* hold;
+  UnsentFiles::Outgoing* outgoing;
   std::atomic<std::uint64_t>* progress;
   std::uint64_t offset = 0;
 
   static long long Read(void* context, void* buffer, long long length) {
     auto& self = *static_cast<SnapshotSource*>(context);
-    if (length < 0 || self.sending->give_up) {
+    const WorkFile::Snapshot& snapshot = self.outgoing->snapshot;
+    const std::uint64_t size = snapshot.state.size;
+    const Haste haste = self.hold->HasteOfOthers();
+    self.outgoing->is_given_up =
+        haste == Haste::kAtOnce || (haste == Haste::kUnlessQuick && size > kQuickBytes);
+    if (length < 0 || self.outgoing->is_given_up) {
       return -1;
     }
-    const size_t wanted = std::min<std::uint64_t>(static_cast<std::uint64_t>(length),
-                                                  self.snapshot->state.size - self.offset);
+    const size_t wanted =
+        std::min<std::uint64_t>(static_cast<std::uint64_t>(length), size - self.offset);
     size_t received = 0;
-    if (self.snapshot->content->Read(self.offset, buffer, wanted, received) != 0 ||
-        received < wanted) {
+    if (snapshot.content->Read(self.offset, buffer, wanted, received) != 0 || received < wanted) {
       return -1;
     }
     self.offset += received;
-    self.sending->was_read = self.sending->was_read || self.offset == self.snapshot->state.size;
-    if (self.offset > *self.snapshot->sent_bytes) {  // not what is only sent again
-      *self.snapshot->sent_bytes = self.offset;
+    self.outgoing->was_read = self.outgoing->was_read || self.offset == size;
+    if (self.offset > *snapshot.sent_bytes) {  // not what is only sent again
+      *snapshot.sent_bytes = self.offset;
       ++*self.progress;
     }
     return static_cast<long long>(received);
@@ -139,19 +144,6 @@ size_t Sender::SendAll(Clock::duration patience) {
   return GetUploads().Finish(patience, [this] { return progress.load(); });
 }
 
-void Sender::GiveUpAt(Ino folder, const std::string& name, bool all) {
-  const MutexLock guard(drive.lock);
-  const auto path = drive.nodes.PathOf(folder, name);
-  for (const auto& [ino, file] : drive.open_files.All()) {
-    if (!path || !file->sending || (!all && file->unsent.state.size <= kQuickBytes)) {
-      continue;
-    }
-    if (const auto place = drive.nodes.PathOf(ino); place && IsWithin(*place, *path)) {
-      file->sending->give_up = true;
-    }
-  }
-}
-
 AERROR Sender::SendInBackground(Ino ino) {
   FilePtr file;
   int protocol = 0;
@@ -184,7 +176,7 @@ int Sender::SendNow(const FilePtr& file) {
 AERROR Sender::Send(const FilePtr& file, What what) {
   for (int attempt = 1;; ++attempt) {
     std::vector<std::string> paths;
-    const auto hold = drive.HoldPlaces({{file->ino, ""}}, paths);
+    const auto hold = drive.HoldPlaces({{{file->ino, ""}}}, paths);
     if (!hold) {
       return SUCCESS;  // removed: nobody wants it any more
     }
@@ -194,16 +186,15 @@ AERROR Sender::Send(const FilePtr& file, What what) {
       return error;
     }
     Attributes stored;
-    error = Upload(paths[0], outgoing, stored);
-    const bool is_given_up = outgoing.sending->give_up;
-    const bool again = error != SUCCESS && !is_given_up &&
+    error = Upload(paths[0], *hold, outgoing, stored);
+    const bool again = error != SUCCESS && !outgoing.is_given_up &&
                        Remedy(file, paths[0], outgoing, error, stored) && attempt < kMaxAttempts;
     if (error == SUCCESS) {
       Stored(*file, paths[0], outgoing, stored);
       return SUCCESS;
     }
     unsent_files.NotSent(*file, outgoing);
-    if (is_given_up) {
+    if (outgoing.is_given_up) {
       return RETRY_UPLOAD;
     }
     if (!again) {
@@ -213,9 +204,10 @@ AERROR Sender::Send(const FilePtr& file, What what) {
   }
 }
 
-AERROR Sender::Upload(const std::string& path, const Outgoing& outgoing, Attributes& stored) {
+AERROR Sender::Upload(const std::string& path, const PathLocks::Hold& hold, Outgoing& outgoing,
+                      Attributes& stored) {
   const WorkFile::Snapshot& snapshot = outgoing.snapshot;
-  SnapshotSource content{&snapshot, outgoing.sending.get(), &progress};
+  SnapshotSource content{&hold, &outgoing, &progress};
   FS_SOURCE source = {};
   source.context = &content;
   source.read = &SnapshotSource::Read;
@@ -229,7 +221,7 @@ AERROR Sender::Upload(const std::string& path, const Outgoing& outgoing, Attribu
             .version = {}};
   AERROR error = remote.Upload(path, source, snapshot.state.size, &UploadEvents::OnProgress,
                                &upload_events, stored.protocol);
-  if (error != SUCCESS && outgoing.sending->give_up) {
+  if (error != SUCCESS && outgoing.is_given_up) {
     error = UPLOAD_CANCELED;
   }
   stored.version = source.version;

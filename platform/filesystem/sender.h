@@ -52,8 +52,6 @@ class Sender {
   void Hasten();                                // what has failed is tried again now
   void Stop() { GetUploads().Stop(); }          // nothing is sent any more
   [[nodiscard]] Uploads::Status GetStatus(Ino ino) const;
-  // Has uploads of files at or below the place end, those that would take long or all of them.
-  void GiveUpAt(Ino folder, const std::string& name, bool all) TARN_EXCLUDES(drive.lock);
   // Whether the remote has something under the file's name, as far as that is known or can be
   // asked. Null: a file that is not open.
   [[nodiscard]] bool HasCome(const FilePtr& file, const std::string& path)
@@ -72,8 +70,8 @@ class Sender {
   // SUCCESS: the remote has it, or there was nothing to send, or nobody wants it any more.
   // RETRY_UPLOAD: was given up, perhaps for a rename.
   [[nodiscard]] AERROR Send(const FilePtr& file, What what) TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] AERROR Upload(const std::string& path, const Outgoing& outgoing,
-                              Attributes& stored);
+  [[nodiscard]] AERROR Upload(const std::string& path, const PathLocks::Hold& hold,
+                              Outgoing& outgoing, Attributes& stored);
   void Stored(OpenFile& file, const std::string& path, const Outgoing& outgoing,
               const Attributes& stored) TARN_EXCLUDES(drive.lock);
 

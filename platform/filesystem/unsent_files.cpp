@@ -210,8 +210,7 @@ AERROR UnsentFiles::BeginSending(OpenFile& file, What what, Outgoing& outgoing) 
     outgoing.snapshot = {};
     return SUCCESS;
   }
-  file.sending = outgoing.sending;
-  outgoing.sending->was_read = outgoing.snapshot.state.size == 0;
+  outgoing.was_read = outgoing.snapshot.state.size == 0;
   outgoing.is_first_attempt = FindAttempt(file.attempts, outgoing.snapshot) == file.attempts.end();
   if (outgoing.is_first_attempt) {
     file.attempts.push_back(outgoing.snapshot);
@@ -223,7 +222,7 @@ void UnsentFiles::NotSent(OpenFile& file, const Outgoing& outgoing) {
   const MutexLock one_at_a_time(publishing);
   const MutexLock guard(drive.lock);
   auto given_up = file.attempts.end();
-  if (outgoing.is_first_attempt && !outgoing.sending->was_read) {
+  if (outgoing.is_first_attempt && !outgoing.was_read) {
     given_up = FindAttempt(file.attempts, outgoing.snapshot);
   } else if (file.attempts.size() > kMostAttempts) {
     given_up = file.attempts.begin();
@@ -257,7 +256,6 @@ void UnsentFiles::Sent(OpenFile& file, const std::string& path, const Outgoing& 
     file.at_remote = true;
     file.remote = stored;
     file.is_fresh = false;
-    file.sending.reset();
     file.DropReader();
     if (drive.nodes.Exists(file.ino)) {
       drive.nodes.KernelOf(file.ino).version = stored.version;

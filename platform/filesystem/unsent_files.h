@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -63,8 +64,9 @@ class UnsentFiles {
     std::shared_ptr<WorkFile> work;
     WorkFile::Snapshot snapshot;  // without content there is nothing to send
     std::optional<std::string> replaces;
-    std::shared_ptr<Sending> sending = std::make_shared<Sending>();
     bool is_first_attempt = false;
+    std::atomic<bool> is_given_up = false;  // somebody could not wait for its end
+    std::atomic<bool> was_read = false;     // all of it: from then on the remote may have it
   };
   // The snapshot is one of the file's attempts from now on.
   [[nodiscard]] AERROR BeginSending(OpenFile& file, What what, Outgoing& outgoing)

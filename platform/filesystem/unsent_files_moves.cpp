@@ -56,7 +56,7 @@ std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
 Ino UnsentFiles::Adopt(Journal::Unsent unsent, int protocol) {
   const Journal::Record& record = unsent.record;
   std::vector<std::string> paths;
-  const auto hold = drive.HoldPlaces({{kRootIno, record.path.substr(1)}}, paths);
+  const auto hold = drive.HoldPlaces({{{kRootIno, record.path.substr(1)}}}, paths);
   const MutexLock guard(drive.lock);
   Ino folder = kRootIno;
   std::string name(NameOf(record.path));

@@ -7,6 +7,7 @@
 #include "platform/filesystem/names.h"
 #include "platform/filesystem/nodes.h"
 #include "platform/filesystem/path_locks.h"
+#include "tests/support/service/wait.h"
 
 namespace tarn::fs {
 namespace {
@@ -55,13 +56,15 @@ TEST(NodesTest, ANodeLivesAsLongAsItIsUsedAndItsNumberIsNotGivenOutAgain) {
 TEST(PathLocksTest, ChangesThatMeetComeOneAfterTheOtherAndOthersDoNotWait) {
   PathLocks locks;
   std::atomic<int> order = 0;
-  auto upload = std::make_unique<PathLocks::Hold>(locks.Take({"/a/file"}));
+  auto upload = std::make_unique<PathLocks::Hold>(locks.Take({{"/a/file"}}));
   int rename_at = 0;
   std::thread rename([&] {
-    const auto hold = locks.Take({"/a", "/b"});
+    const auto hold = locks.Take({{"/a", Haste::kAtOnce}, {"/b"}});
     rename_at = ++order;
   });
-  const auto other = locks.Take({"/ab"});
+  const auto other = locks.Take({{"/ab"}});
+  EXPECT_TRUE(test::WaitUntil([&] { return upload->HasteOfOthers() == Haste::kAtOnce; }));
+  EXPECT_EQ(other.HasteOfOthers(), Haste::kNone);
   EXPECT_EQ(++order, 1);
   upload.reset();
   rename.join();

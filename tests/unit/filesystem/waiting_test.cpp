@@ -61,5 +61,17 @@ TEST_F(WaitingTest, RemovingAFolderWithUnsentFilesFailsAtOnceAlsoWhereTheRemoteL
   EXPECT_EQ(drive.RemoveFolder("/stuck"), 0);
 }
 
+TEST_F(WaitingTest, RemovingAndReplacingRightAfterCloseWaitForNoUpload) {
+  (void)drive.Names("/");
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(drive.WriteFile("/stuck old", std::string(2 << 20, 'x')), 0);
+    ASSERT_EQ(drive.WriteFile("/stuck", "new"), 0);
+    const auto begun = fs::Clock::now();
+    EXPECT_EQ(drive.Rename("/stuck old", "/stuck"), 0);
+    EXPECT_EQ(drive.Unlink("/stuck"), 0);
+    ASSERT_LT(fs::Clock::now() - begun, milliseconds(5000));
+  }
+}
+
 }  // namespace
 }  // namespace tarn::test

@@ -205,7 +205,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] WorkFile::Base BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length)
       TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int Truncate(const std::shared_ptr<OpenFile>& file);
-  // Lets those who have the file open keep its content, which the remote is about to lose.
+  // Lets those who have the file open keep its content, which the remote is about to lose: what can
+  // be fetched soon.
   [[nodiscard]] int Preserve(const std::shared_ptr<OpenFile>& file);
 
   DriveState drive;

@@ -14,6 +14,10 @@ namespace tarn::fs {
 namespace {
 
 constexpr std::uint64_t kWhole = std::numeric_limits<std::uint64_t>::max();
+// Of a file that is removed or replaced while somebody has it open: who does that does not wait for
+// a film.
+constexpr std::uint64_t kMostPreserved = std::uint64_t{16} << 20;
+constexpr std::chrono::seconds kTimeToPreserve{2};
 
 bool WantsToWrite(int flags) {
   return (flags & O_ACCMODE) != O_RDONLY;
@@ -210,7 +214,11 @@ WorkFile::Base FileSystem::BaseOf(const std::shared_ptr<OpenFile>& file, std::ui
   return {.read =
               [this, reader](std::uint64_t offset, void* buffer, size_t wanted, size_t& received) {
                 sender.NoteProgress();
-                return reader->Read(offset, buffer, wanted, received);
+                Bytes part;
+                const int error = reader->View(offset, wanted, part);
+                std::copy_n(part.data, part.length, static_cast<char*>(buffer));
+                received = part.length;
+                return error;
               },
           .size = std::min(length, reader->GetFile().size)};
 }
@@ -224,8 +232,8 @@ int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
   }
   std::shared_ptr<WorkFile> work;
   int error = WorkFor(file, kWhole, work);
-  error = error == 0 ? work->Complete() : error;
-  return error == ENOENT ? 0 : error;
+  error = error == 0 ? work->CompleteSoon(kMostPreserved, kTimeToPreserve) : error;
+  return error == ENOENT || error == ESTALE ? 0 : error;  // nobody can have the rest any more
 }
 
 int FileSystem::Read(std::uint64_t handle, std::uint64_t offset, size_t length,

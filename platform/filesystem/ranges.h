@@ -24,6 +24,14 @@ class Ranges {
 
   [[nodiscard]] bool IsEmpty() const { return ends.empty(); }
 
+  [[nodiscard]] std::uint64_t CountBytes() const {
+    std::uint64_t bytes = 0;
+    for (const auto& [begin, end] : ends) {
+      bytes += end - begin;
+    }
+    return bytes;
+  }
+
   // The first bytes of the set within `where`.
   [[nodiscard]] std::optional<Range> FirstIn(const Range& where) const {
     auto range = ends.upper_bound(where.begin);

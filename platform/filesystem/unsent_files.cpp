@@ -54,7 +54,7 @@ int UnsentFiles::Complete(OpenFile& file) {
   std::shared_ptr<WorkFile> work;
   {
     const MutexLock guard(drive.lock);
-    work = file.work;
+    work = drive.nodes.PathOf(file.ino) ? file.work : nullptr;  // else it goes nowhere
   }
   const int error = work && work->IsDirty() ? work->Complete() : 0;
   if (error != 0) {

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <limits>
-#include <sys/types.h>
 #include <utility>
 #include <vector>
 
@@ -12,7 +10,6 @@ namespace tarn::fs {
 
 namespace {
 
-constexpr std::uint64_t kMaxSize = std::numeric_limits<off_t>::max();
 constexpr std::uint64_t kFetchBytes = std::uint64_t{1} << 20;
 
 }  // namespace
@@ -51,13 +48,19 @@ bool WorkFile::IsComplete() const {
   return missing.IsEmpty();
 }
 
-int WorkFile::Complete() {
-  return Fetch({0, kMaxSize});
+int WorkFile::CompleteSoon(std::uint64_t at_most_bytes, Clock::duration time) {
+  {
+    const MutexLock guard(lock);
+    if (missing.CountBytes() > at_most_bytes) {
+      return 0;
+    }
+  }
+  return Fetch({0, kMaxSize}, Clock::now() + time);
 }
 
-int WorkFile::Fetch(const Range& needed) {
+int WorkFile::Fetch(const Range& needed, Clock::time_point until) {
   std::vector<char> buffer;
-  for (;;) {
+  while (Clock::now() < until) {
     std::shared_ptr<const Base> source;
     Range range;
     {
@@ -80,6 +83,7 @@ int WorkFile::Fetch(const Range& needed) {
       return error;
     }
   }
+  return 0;
 }
 
 int WorkFile::Fill(const Range& range, const char* data) {
@@ -118,7 +122,7 @@ int WorkFile::Read(std::uint64_t offset, void* buffer, size_t length, size_t& re
     size = state.size;
   }
   const size_t wanted = offset >= size ? 0 : std::min<std::uint64_t>(length, size - offset);
-  if (const int error = Fetch({offset, offset + wanted}); error != 0) {
+  if (const int error = Fetch({offset, offset + wanted}, Clock::time_point::max()); error != 0) {
     return error;
   }
   return GetContent()->Read(offset, buffer, wanted, received);  // less when it is cut meanwhile

@@ -3,10 +3,13 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
+#include <sys/types.h>
 
 #include "common/sync.h"
 #include "interfaces/fs_types.h"
+#include "platform/filesystem/attributes.h"
 #include "platform/filesystem/content.h"
 #include "platform/filesystem/ranges.h"
 
@@ -48,8 +51,10 @@ class WorkFile {
 
   // Before anybody else knows of this object: it is the remote's file.
   [[nodiscard]] int SetBase(Base remote_file);
-  // Fetches what is missing. Before a snapshot is taken.
-  [[nodiscard]] int Complete();  // ESTALE: the remote's file has changed
+  // Fetches what is missing. Before a snapshot is taken. ESTALE: the remote's file has changed.
+  [[nodiscard]] int Complete() { return Fetch({0, kMaxSize}, Clock::time_point::max()); }
+  // Fetches what is missing where that is little, and what of it comes in a short time.
+  [[nodiscard]] int CompleteSoon(std::uint64_t at_most_bytes, Clock::duration time);
   [[nodiscard]] bool IsComplete() const;
 
   [[nodiscard]] int Read(std::uint64_t offset, void* buffer, size_t length, size_t& received);
@@ -68,9 +73,11 @@ class WorkFile {
   void LetGo();  // of the descriptor, until it is used again
 
  private:
+  static constexpr std::uint64_t kMaxSize = std::numeric_limits<off_t>::max();
+
   [[nodiscard]] int WriteAt(std::uint64_t offset, const void* data, size_t length, size_t& written)
       TARN_REQUIRES(changing);
-  [[nodiscard]] int Fetch(const Range& needed);
+  [[nodiscard]] int Fetch(const Range& needed, Clock::time_point until);
   // Takes bytes of the remote's file, but where something was written meanwhile.
   [[nodiscard]] int Fill(const Range& range, const char* data) TARN_EXCLUDES(changing, lock);
   // Returns what is not needed any more, to end after the locks.

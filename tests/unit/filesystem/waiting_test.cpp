@@ -73,5 +73,41 @@ TEST_F(WaitingTest, RemovingAndReplacingRightAfterCloseWaitForNoUpload) {
   }
 }
 
+TEST_F(WaitingTest, RemovingAndReplacingDoNotWaitForWhatAnOpenFileCannotHaveSoon) {
+  for (const std::string path : {"/changed", "/replaced", "/small", "/film"}) {
+    protocol.Write(path, std::string(path == "/film" ? 64U << 20 : 4U << 20, 'x'));
+  }
+  (void)drive.Names("/");
+  const int changed = drive.Opened("/changed", O_RDONLY);
+  const int replaced = drive.Opened("/replaced", O_RDONLY);
+  const int small = drive.Opened("/small", O_RDWR);
+  const int film = drive.Opened("/film", O_RDWR);
+  for (const int file : {changed, replaced, small, film}) {
+    EXPECT_EQ(drive.ReadAt(file, 0, 2), "xx");
+  }
+  libraries.WaitIdle();
+  protocol.Write("/changed", "elsewhere");
+  protocol.Write("/replaced", "elsewhere");
+  ASSERT_EQ(drive.WriteFile("/saved", "saved"), 0);
+  ASSERT_EQ(drive.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(drive.Rename("/saved", "/replaced"), 0);
+  EXPECT_EQ(drive.Unlink("/changed"), 0);
+  EXPECT_EQ(drive.Content("/replaced"), "saved");
+  EXPECT_EQ(drive.Unlink("/small"), 0);
+  const int reads = protocol.reads;
+  EXPECT_EQ(drive.Unlink("/film"), 0);
+  EXPECT_EQ(protocol.reads, reads);
+  const std::string lost = "(errno " + std::to_string(EIO) + ")";
+  EXPECT_EQ(drive.ReadAt(changed, 3 << 20, 2), lost);
+  EXPECT_EQ(drive.ReadAt(replaced, 3 << 20, 2), lost);
+  EXPECT_EQ(drive.ReadAt(small, 3 << 20, 2), "xx");
+  EXPECT_EQ(drive.ReadAt(film, 60 << 20, 2), lost);
+  EXPECT_EQ(drive.Write(film, 0, "y"), 0);
+  for (const int file : {changed, replaced, small, film}) {
+    EXPECT_EQ(drive.Close(file), 0) << "what is written goes nowhere, so that nothing is missing";
+  }
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+}
+
 }  // namespace
 }  // namespace tarn::test

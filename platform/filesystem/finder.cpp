@@ -64,6 +64,7 @@ int Finder::FindInFolder(const std::string& path, Listings::Answer& answer) {
 }
 
 AERROR Finder::GetListing(const std::string& path, FolderContent& content) {
+  const auto outcome = std::make_shared<std::optional<AERROR>>();
   Listings::Ticket ticket = 0;
   {
     const MutexLock guard(drive.lock);
@@ -72,24 +73,36 @@ AERROR Finder::GetListing(const std::string& path, FolderContent& content) {
       if (drive.listings.Get(path, content.asked, content.entries, content.asked)) {
         return SUCCESS;
       }
-      if (listing_now.insert(path).second) {
+      const auto asked = listing_now.try_emplace(path, outcome).first->second;
+      if (asked == outcome) {
         break;
       }
-      listed.wait(drive.lock);  // somebody else asks already
+      while (!*asked) {
+        listed.wait(drive.lock);  // somebody else asks already
+      }
+      if (**asked != SUCCESS) {
+        return WithoutAnswer(**asked, path, content);
+      }
     }
     ticket = drive.listings.Begin();
   }
   const AERROR error = remote.List(path, content.entries);
   const MutexLock guard(drive.lock);
+  *outcome = error;
   listing_now.erase(path);
   listed.notify_all();
-  if (error == SUCCESS) {
-    drive.listings.AddListing(ticket, path, content.entries, content.asked);
-  } else if (error == DEVICE_NOT_READY && !remote.IsReachable() &&
-             drive.listings.Get(path, content.asked, content.entries, content.asked)) {
-    return SUCCESS;  // what was known before it was gone
+  if (error != SUCCESS) {
+    return WithoutAnswer(error, path, content);
   }
-  return error;
+  drive.listings.AddListing(ticket, path, content.entries, content.asked);
+  return SUCCESS;
+}
+
+AERROR Finder::WithoutAnswer(AERROR error, const std::string& path, FolderContent& content) {
+  const bool is_lost = error == DEVICE_NOT_READY && !remote.IsReachable();
+  const bool is_known =
+      is_lost && drive.listings.Get(path, content.asked, content.entries, content.asked);
+  return is_known ? SUCCESS : error;
 }
 
 void Finder::ListAnew(Ino folder) {

@@ -1,6 +1,8 @@
 #pragma once
 
-#include <set>
+#include <map>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/filesystem/drive_state.h"
@@ -26,7 +28,7 @@ class Finder {
   // The second name that is asked for in a folder brings the listing, which answers for all others.
   [[nodiscard]] int FindInFolder(const std::string& path, Listings::Answer& answer)
       TARN_EXCLUDES(drive.lock);
-  // Asked for once when several want it at the same time.
+  // Asked for once when several want it at the same time; they share a failure, too.
   [[nodiscard]] AERROR GetListing(const std::string& path, FolderContent& content)
       TARN_EXCLUDES(drive.lock);
   void ListAnew(Ino folder) TARN_EXCLUDES(drive.lock);
@@ -40,11 +42,17 @@ class Finder {
       TARN_EXCLUDES(drive.lock);
 
  private:
+  // What was known before the remote was gone is a listing, too.
+  [[nodiscard]] AERROR WithoutAnswer(AERROR error, const std::string& path, FolderContent& content)
+      TARN_REQUIRES(drive.lock);
+
   DriveState& drive;
   Remote& remote;
   const Clock::duration believed_for;
   CondVar listed;
-  std::set<std::string> listing_now TARN_GUARDED_BY(drive.lock);
+  // What becomes of the questions that are being asked, by path.
+  std::map<std::string, std::shared_ptr<std::optional<AERROR>>> listing_now
+      TARN_GUARDED_BY(drive.lock);
 };
 
 }  // namespace tarn::fs

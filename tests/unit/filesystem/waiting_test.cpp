@@ -109,5 +109,26 @@ TEST_F(WaitingTest, RemovingAndReplacingDoNotWaitForWhatAnOpenFileCannotHaveSoon
   EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
 }
 
+TEST_F(WaitingTest, ThoseWhoListAFolderAtTheSameTimeShareAFailure) {
+  constexpr int kListers = 8;
+  protocol.MakeFolder("/folder");
+  Drive forgetful(std::make_shared<fs::FileSystem>(milliseconds(1)));
+  forgetful.files->AddProtocol(Share(protocol));
+  fs::Stat folder;
+  ASSERT_EQ(forgetful.files->Lookup(fs::kRootIno, "folder", folder), 0);
+  protocol.latency_ms = 500;
+  protocol.failure = ACCESS_DENIED;
+  const int lists = protocol.lists;
+  std::vector<std::jthread> listers;
+  for (int i = 0; i < kListers; ++i) {
+    listers.emplace_back([&] {
+      fs::FolderContent content;
+      EXPECT_EQ(forgetful.files->ReadFolder(folder.ino, content), EACCES);
+    });
+  }
+  listers.clear();
+  EXPECT_LT(protocol.lists, lists + kListers / 2);
+}
+
 }  // namespace
 }  // namespace tarn::test

@@ -301,7 +301,8 @@ int FileSystem::Sync(std::uint64_t handle) {
   if (!open) {
     return EBADF;
   }
-  return sender.Sync(open->file);
+  const int error = sender.Sync(open->file);
+  return error == 0 || error == ENOSPC ? error : EIO;  // other errors say nothing of the content
 }
 
 // Pages of a mapping may come after the close. The kernel tells of the end of a file late, though:

@@ -130,5 +130,16 @@ TEST_F(WaitingTest, ThoseWhoListAFolderAtTheSameTimeShareAFailure) {
   EXPECT_LT(protocol.lists, lists + kListers / 2);
 }
 
+TEST_F(WaitingTest, FsyncTellsOfNoOtherFailureThanThatTheRemoteDoesNotHaveIt) {
+  (void)drive.Names("/");
+  const int file = drive.Opened("/file", O_RDWR | O_CREAT);
+  EXPECT_EQ(drive.Write(file, 0, "content"), 0);
+  for (const AERROR failure : {ACCESS_DENIED, SHARING_VIOLATION, PATH_NOT_FOUND, NOT_SUPPORTED}) {
+    protocol.refusal = failure;
+    EXPECT_EQ(drive.Sync(file), EIO) << failure;
+  }
+  EXPECT_EQ(drive.Close(file), 0);
+}
+
 }  // namespace
 }  // namespace tarn::test

@@ -134,8 +134,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int Sync(std::uint64_t handle);   // 0: the remote has it
   void Release(std::uint64_t handle);             // the last descriptor was closed
 
-  // Sends everything that the remote lacks, for as long as that makes progress: at most `patience`
-  // without any. Returns the number of files that the remote still lacks.
+  // Sends everything that the remote lacks now, for as long as that makes progress: at most
+  // `patience` without any. Returns 0, or the number of files that the remote still lacks.
   size_t SendAll(Clock::duration patience) { return sender.SendAll(patience); }
   // Of these, files that are not in the journal either.
   [[nodiscard]] size_t CountLost() const { return unsent_files.CountLost(); }

@@ -212,8 +212,9 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
 WorkFile::Base FileSystem::BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length) {
   const auto reader = readers.Get(*file);
   return {.read =
-              [this, reader](std::uint64_t offset, void* buffer, size_t wanted, size_t& received) {
-                sender.NoteProgress();
+              [reader, progress = file->progress](std::uint64_t offset, void* buffer, size_t wanted,
+                                                  size_t& received) {
+                ++*progress;
                 Bytes part;
                 const int error = reader->View(offset, wanted, part);
                 std::copy_n(part.data, part.length, static_cast<char*>(buffer));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -39,6 +40,9 @@ struct OpenFile {
   // What was on its way and may have come to the remote, though nobody said so: what is found there
   // may be one of these. Changed as `unsent` is.
   std::vector<WorkFile::Snapshot> attempts;
+  // Grows while what is to be sent moves, or what is fetched for that.
+  const std::shared_ptr<std::atomic<std::uint64_t>> progress =
+      std::make_shared<std::atomic<std::uint64_t>>(0);
   // The remote's file has changed before all of it that is needed was fetched.
   bool is_torn = false;
 

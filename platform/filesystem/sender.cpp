@@ -18,7 +18,6 @@ constexpr std::uint64_t kQuickBytes = std::uint64_t{1} << 20;  // an upload wort
 struct SnapshotSource {
   const PathLocks::Hold* hold;
   UnsentFiles::Outgoing* outgoing;
-  std::atomic<std::uint64_t>* progress;
   std::uint64_t offset = 0;
 
   static long long Read(void* context, void* buffer, long long length) {
@@ -41,7 +40,7 @@ struct SnapshotSource {
     self.outgoing->was_read = self.outgoing->was_read || self.offset == size;
     if (self.offset > *snapshot.sent_bytes) {  // not what is only sent again
       *snapshot.sent_bytes = self.offset;
-      ++*self.progress;
+      ++*self.outgoing->progress;
     }
     return static_cast<long long>(received);
   }
@@ -125,11 +124,13 @@ int Sender::Sync(const FilePtr& file) {
 
 size_t Sender::SendAll(Clock::duration patience) {
   std::vector<FilePtr> files;
+  std::vector<Uploads::Awaited> awaited;
   {
     const MutexLock guard(drive.lock);
     for (const auto& [ino, file] : drive.open_files.All()) {
       if (file->work && file->work->IsDirty() && drive.nodes.PathOf(ino)) {
         files.push_back(file);
+        awaited.push_back({ino, file->progress});
       }
     }
   }
@@ -141,7 +142,7 @@ size_t Sender::SendAll(Clock::duration patience) {
     }
     Add(file->ino);
   }
-  return GetUploads().Finish(patience, [this] { return progress.load(); });
+  return GetUploads().Finish(patience, awaited);
 }
 
 AERROR Sender::SendInBackground(Ino ino) {
@@ -159,10 +160,16 @@ AERROR Sender::SendInBackground(Ino ino) {
     return DEVICE_NOT_READY;  // not tried, so there is nothing to tell
   }
   const AERROR error = Send(file, What::kKept);
-  const MutexLock guard(drive.lock);
-  drive.open_files.DropIfUnused(file);
-  const bool is_newer = file->unsent.content && drive.nodes.PathOf(ino);
-  return error == SUCCESS && is_newer ? RETRY_UPLOAD : error;
+  bool is_newer = false;
+  {
+    const MutexLock guard(drive.lock);
+    drive.open_files.DropIfUnused(file);
+    is_newer = file->unsent.content && drive.nodes.PathOf(ino);
+  }
+  if (error == SUCCESS && is_newer) {
+    Add(ino);
+  }
+  return error;
 }
 
 int Sender::SendNow(const FilePtr& file) {
@@ -207,7 +214,7 @@ AERROR Sender::Send(const FilePtr& file, What what) {
 AERROR Sender::Upload(const std::string& path, const PathLocks::Hold& hold, Outgoing& outgoing,
                       Attributes& stored) {
   const WorkFile::Snapshot& snapshot = outgoing.snapshot;
-  SnapshotSource content{&hold, &outgoing, &progress};
+  SnapshotSource content{&hold, &outgoing};
   FS_SOURCE source = {};
   source.context = &content;
   source.read = &SnapshotSource::Read;
@@ -230,7 +237,6 @@ AERROR Sender::Upload(const std::string& path, const PathLocks::Hold& hold, Outg
     const bool is_all = !stored.is_folder && stored.size == snapshot.state.size;
     error = error == SUCCESS && !is_all ? FILE_WRITE_FAILED : error;
   }
-  progress += error == SUCCESS ? 1 : 0;
   upload_events.End(error);
   return error;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,8 +42,8 @@ class Sender {
   // What programs wrote is safe from now on: in the journal, or else at the remote.
   [[nodiscard]] int Save(const FilePtr& file) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int Sync(const FilePtr& file) TARN_EXCLUDES(drive.lock);  // at the remote
-  // Everything that the remote lacks, for as long as that makes progress: at most `patience`
-  // without any. Returns the number of files that the remote still lacks.
+  // Everything that the remote lacks now, for as long as that makes progress: at most `patience`
+  // without any. Returns 0, or the number of files that the remote still lacks.
   size_t SendAll(Clock::duration patience) TARN_EXCLUDES(drive.lock);
 
   void Add(Ino ino) { GetUploads().Add(ino); }  // it waits to be sent in the background
@@ -56,8 +55,6 @@ class Sender {
   // asked. Null: a file that is not open.
   [[nodiscard]] bool HasCome(const FilePtr& file, const std::string& path)
       TARN_EXCLUDES(drive.lock);
-  // Something that an upload waits for has moved.
-  void NoteProgress() { ++progress; }
 
  private:
   using Outgoing = UnsentFiles::Outgoing;
@@ -85,7 +82,7 @@ class Sender {
   // Unset: cannot be found out now.
   [[nodiscard]] std::optional<bool> IsAnAttempt(const OpenFile& file, const std::string& path,
                                                 const Attributes& there) TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] std::optional<bool> IsAtRemote(const std::string& path,
+  [[nodiscard]] std::optional<bool> IsAtRemote(const OpenFile& file, const std::string& path,
                                                const Attributes& attributes,
                                                const WorkFile::Snapshot& snapshot);
   // Somebody else has a file of this name: ours takes another one beside it.
@@ -98,7 +95,6 @@ class Sender {
   Finder& finder;
   UnsentFiles& unsent_files;
   const Owner owner;
-  std::atomic<std::uint64_t> progress = 0;  // grows while an upload moves
   mutable Mutex making;
   std::shared_ptr<Uploads> uploads TARN_GUARDED_BY(making);  // made when it is needed
 };

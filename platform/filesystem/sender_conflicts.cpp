@@ -62,7 +62,7 @@ bool Sender::SettleConflict(const FilePtr& file, const std::string& path, const 
     return false;
   }
   // An upload whose answer was lost, or that this process did not live to see, has come there.
-  const auto is_ours = IsAtRemote(path, there, outgoing.snapshot);
+  const auto is_ours = IsAtRemote(*file, path, there, outgoing.snapshot);
   const auto is_attempt = is_ours == false ? IsAnAttempt(*file, path, there) : is_ours;
   if (!is_attempt) {
     return false;  // not to be found out now
@@ -93,14 +93,15 @@ std::optional<bool> Sender::IsAnAttempt(const OpenFile& file, const std::string&
     attempts = file.attempts;
   }
   for (const WorkFile::Snapshot& attempt : attempts) {
-    if (const auto is_this = IsAtRemote(path, there, attempt); is_this != false) {
+    if (const auto is_this = IsAtRemote(file, path, there, attempt); is_this != false) {
       return is_this;
     }
   }
   return false;
 }
 
-std::optional<bool> Sender::IsAtRemote(const std::string& path, const Attributes& attributes,
+std::optional<bool> Sender::IsAtRemote(const OpenFile& file, const std::string& path,
+                                       const Attributes& attributes,
                                        const WorkFile::Snapshot& snapshot) {
   if (attributes.is_folder || attributes.size != snapshot.state.size) {
     return false;
@@ -118,7 +119,7 @@ std::optional<bool> Sender::IsAtRemote(const std::string& path, const Attributes
       return std::nullopt;
     }
     is_same = std::memcmp(ours.data(), theirs->data(), length) == 0;
-    ++progress;
+    ++*file.progress;
   }
   Attributes now;
   const bool is_as_asked =

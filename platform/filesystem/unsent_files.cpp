@@ -210,6 +210,7 @@ AERROR UnsentFiles::BeginSending(OpenFile& file, What what, Outgoing& outgoing) 
     outgoing.snapshot = {};
     return SUCCESS;
   }
+  outgoing.progress = file.progress;
   outgoing.was_read = outgoing.snapshot.state.size == 0;
   outgoing.is_first_attempt = FindAttempt(file.attempts, outgoing.snapshot) == file.attempts.end();
   if (outgoing.is_first_attempt) {

@@ -65,8 +65,9 @@ class UnsentFiles {
     WorkFile::Snapshot snapshot;  // without content there is nothing to send
     std::optional<std::string> replaces;
     bool is_first_attempt = false;
-    std::atomic<bool> is_given_up = false;  // somebody could not wait for its end
-    std::atomic<bool> was_read = false;     // all of it: from then on the remote may have it
+    std::shared_ptr<std::atomic<std::uint64_t>> progress;  // the file's
+    std::atomic<bool> is_given_up = false;                 // somebody could not wait for its end
+    std::atomic<bool> was_read = false;  // all of it: from then on the remote may have it
   };
   // The snapshot is one of the file's attempts from now on.
   [[nodiscard]] AERROR BeginSending(OpenFile& file, What what, Outgoing& outgoing)

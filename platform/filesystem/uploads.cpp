@@ -65,36 +65,52 @@ Uploads::Status Uploads::Get(Ino ino) {
   return file == files.end() ? Status{} : Status{file->second.state, file->second.error};
 }
 
-size_t Uploads::Finish(Clock::duration patience, const std::function<std::uint64_t()>& progress) {
+size_t Uploads::Finish(Clock::duration patience, const std::vector<Awaited>& awaited) {
   {
     const MutexLock guard(lock);
     finishing = true;
     for (auto& [ino, file] : files) {
       file.refused = false;
+      file.awaited = 0;
+    }
+    for (const Awaited& one : awaited) {
+      if (const auto file = files.find(one.ino); file != files.end()) {
+        file->second.awaited = file->second.again ? 2 : 1;
+      }
     }
   }
   Hasten();
   auto deadline = Clock::now() + patience;
-  std::uint64_t progress_before = progress();
   const MutexLock guard(lock);
-  size_t left_before = files.size();
-  while (!files.empty() && !stopped && !NothingMoreToTry()) {
+  auto left = Left(awaited);
+  while (left.first > 0 && !stopped && !NothingMoreToTry()) {
     (void)changed.wait_until(lock, deadline);
-    if (progress() != progress_before || files.size() < left_before) {
-      progress_before = progress();
-      left_before = files.size();
+    if (const auto left_now = Left(awaited); left_now != left) {
+      left = left_now;
       deadline = Clock::now() + patience;
     } else if (Clock::now() >= deadline) {
       break;
     }
   }
   finishing = false;
-  return files.size();
+  return left.first > 0 ? files.size() : 0;
+}
+
+std::pair<size_t, std::uint64_t> Uploads::Left(const std::vector<Awaited>& awaited) const {
+  std::pair<size_t, std::uint64_t> left = {};
+  for (const Awaited& one : awaited) {
+    if (const auto file = files.find(one.ino); file != files.end() && file->second.awaited > 0) {
+      ++left.first;
+      left.second += *one.progress;
+    }
+  }
+  return left;
 }
 
 bool Uploads::NothingMoreToTry() const {
-  return std::all_of(files.begin(), files.end(), [](const auto& file) {
-    return file.second.state == State::kFailed && file.second.refused;
+  return std::all_of(files.begin(), files.end(), [](const auto& entry) {
+    const File& file = entry.second;
+    return file.awaited == 0 || (file.state == State::kFailed && file.refused);
   });
 }
 
@@ -123,6 +139,7 @@ void Uploads::Sent(Ino ino, AERROR error) {
     return;  // dropped, and perhaps added anew
   }
   File& file = known->second;
+  file.awaited -= error == SUCCESS && file.awaited > 0 ? 1 : 0;
   const bool remote_is_back = error == SUCCESS && IsUnreachable(file.error);
   if (error == RETRY_UPLOAD || (error == SUCCESS && file.again)) {
     file.failures = 0;

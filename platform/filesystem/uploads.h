@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -7,6 +9,8 @@
 #include <random>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "common/sync.h"
 #include "interfaces/aerror.h"
@@ -56,11 +60,15 @@ class Uploads : public std::enable_shared_from_this<Uploads> {
   void Stop();
 
   [[nodiscard]] Status Get(Ino ino);
-  // Tries everything once more and waits until all is sent, or nothing has moved for `patience`, or
-  // what is left was refused. `progress` grows while anything moves. Returns the number of files
-  // that are left.
-  [[nodiscard]] size_t Finish(Clock::duration patience,
-                              const std::function<std::uint64_t()>& progress);
+  // A file whose present state is to be sent.
+  struct Awaited {
+    Ino ino = 0;
+    std::shared_ptr<const std::atomic<std::uint64_t>> progress;  // grows while it moves
+  };
+  // Tries everything once more and waits until these are sent as they are now, or nothing of them
+  // has moved for `patience`, or what is left of them was refused. What changes meanwhile is sent,
+  // too, but not waited for. Returns 0, or the number of all files that are left.
+  [[nodiscard]] size_t Finish(Clock::duration patience, const std::vector<Awaited>& awaited);
 
  private:
   struct File {
@@ -71,6 +79,7 @@ class Uploads : public std::enable_shared_from_this<Uploads> {
     Clock::time_point due = {};  // when failed
     bool is_last_try = false;    // begun since Finish began
     bool refused = false;        // such a try failed, by a remote that can be reached
+    int awaited = 0;             // times that it is still to be sent before Finish ends
   };
 
   void Sent(Ino ino, AERROR error) TARN_REQUIRES(lock);
@@ -83,6 +92,9 @@ class Uploads : public std::enable_shared_from_this<Uploads> {
   Clock::time_point EndPauses() TARN_REQUIRES(lock);
   void WaitForPauses();
   [[nodiscard]] bool NothingMoreToTry() const TARN_REQUIRES(lock);
+  // How many are not sent yet, and how far they have come.
+  [[nodiscard]] std::pair<size_t, std::uint64_t> Left(const std::vector<Awaited>& awaited) const
+      TARN_REQUIRES(lock);
 
   const Send send;
   const Pauses pauses;

@@ -109,6 +109,31 @@ TEST_F(WaitingTest, RemovingAndReplacingDoNotWaitForWhatAnOpenFileCannotHaveSoon
   EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
 }
 
+TEST_F(WaitingTest, UnmountingWaitsForWhatThereIsWhenItBeginsAndOnlyWhileThatMoves) {
+  (void)drive.Names("/");
+  protocol.stalls = false;
+  ASSERT_EQ(drive.WriteFile("/stuck", "first"), 0);
+  protocol.latency_ms = 10;
+  const auto end = fs::Clock::now() + kPatience;
+  std::atomic<bool> has_ended = false;
+  std::thread writer([&] {
+    DirectCalls calls(*drive.files);
+    for (int i = 0; !has_ended && fs::Clock::now() < end; ++i) {
+      EXPECT_EQ(calls.WriteFile("/log" + std::to_string(i % 20), std::to_string(i)), 0);
+    }
+  });
+  EXPECT_TRUE(WaitUntil([&] { return protocol.uploads > 20; }));
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Content("/stuck"), "first");
+  protocol.stalls = true;
+  EXPECT_EQ(drive.WriteFile("/stuck", "again"), 0);
+  EXPECT_NE(drive.files->SendAll(milliseconds(500)), 0U);
+  EXPECT_LT(fs::Clock::now(), end) << "while the other still writes";
+  has_ended = true;
+  writer.join();
+  EXPECT_EQ(drive.Unlink("/stuck"), 0);
+}
+
 TEST_F(WaitingTest, ThoseWhoListAFolderAtTheSameTimeShareAFailure) {
   constexpr int kListers = 8;
   protocol.MakeFolder("/folder");

@@ -211,6 +211,8 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (const int error = is_at_remote ? 0 : FindProtocol(new_folder, protocol); error != 0) {
     return error;
   }
+  // A move may make another version of the same content; who has the file open reads on.
+  const bool is_as_opened = is_at_remote && source && finder.IsAsOpened(*source, paths[0]);
   const auto noted = is_at_remote ? unsent_files.BeginMove(InoOf(folder, name), paths, target.get())
                                   : std::nullopt;
   if (const int error = is_at_remote ? MoveAtRemote(paths[0], paths[1]) : 0; error != 0) {
@@ -227,6 +229,9 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
       TakePlaceOf(*source, target.get(), {new_folder, new_name}, protocol);
     }
     Moved(folder, name, new_folder, new_name, paths);
+  }
+  if (is_as_opened) {
+    (void)finder.TakeNewVersion(*source, paths[1]);
   }
   unsent_files.Moved(InoOf(new_folder, new_name), is_at_remote, target ? target->id : "");
   if (target) {
@@ -308,6 +313,7 @@ void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
   }
   if (const auto ino = drive.nodes.Find(folder, name); ino) {
     drive.nodes.Move(*ino, new_folder, new_name);
+    drive.nodes.KernelOf(*ino).looked_up = {};  // under the old name, which may be of no use now
   } else if (const auto target = drive.nodes.Find(new_folder, new_name); target) {
     drive.nodes.Unlink(*target);
   }

@@ -169,6 +169,9 @@ class MemoryProtocol : public IProtocol_V2 {
       }
       all.items.erase(to);
       for (auto& [path, item] : std::exchange(all.items, {})) {
+        if (path == from && item.info.is_folder == 0) {
+          all.SetVersion(item);  // as where it is made of the time of the last change of anything
+        }
         all.items.emplace(fs::IsWithin(path, from) ? to + path.substr(std::strlen(from)) : path,
                           item);
       }

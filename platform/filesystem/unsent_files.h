@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,10 +32,12 @@ class UnsentFiles {
   // A protocol was added. Before TakeOver.
   void Identify(int protocol) TARN_EXCLUDES(drive.lock);
   // What waits in journals for a protocol is there for programs as it was. Returns the files that
-  // are to be sent. Waits for changes of their places.
+  // are to be sent. Waits for changes of their places. Files whose places cannot be told now, for a
+  // move that was cut off, come later.
   [[nodiscard]] std::vector<Ino> TakeOver(int protocol) TARN_EXCLUDES(publishing, drive.lock);
-  // Whether TakeOver is to be called again later: other processes still have what they may leave.
-  [[nodiscard]] bool MayTakeMore() const { return journal && journal->MayInherit(); }
+  // Whether TakeOver is to be called again later: for those, or because other processes still have
+  // what they may leave.
+  [[nodiscard]] bool MayTakeMore() const TARN_EXCLUDES(drive.lock);
 
   // An empty work file where the unsent ones are kept.
   [[nodiscard]] int MakeWork(std::shared_ptr<WorkFile>& work) const;
@@ -95,8 +98,16 @@ class UnsentFiles {
   // Those that are not what is in the journal go.
   static void Discard(const std::vector<WorkFile::Snapshot>& attempts,
                       const WorkFile::Snapshot& unsent);
-  // Puts right what a process that ended in the middle of a move left.
-  void Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found);
+  // Files of earlier processes that lie where it is not known what came of a move.
+  struct Unsettled {
+    std::vector<Journal::Move> moves;
+    std::vector<Journal::Unsent> files;
+  };
+  // Puts right what a process that ended in the middle of a move left. False: that cannot be done
+  // now, and is to be tried again.
+  [[nodiscard]] bool Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found);
+  // `moved` gets what is in the new place, if it has happened. Unset: cannot be found out now.
+  [[nodiscard]] std::optional<bool> HasHappened(const Journal::Move& move, Attributes& moved);
   [[nodiscard]] Ino Adopt(Journal::Unsent unsent, int protocol) TARN_EXCLUDES(drive.lock);
 
   DriveState& drive;
@@ -104,6 +115,7 @@ class UnsentFiles {
   std::unique_ptr<Journal> journal;  // set once, before the first use
   Mutex publishing;
   std::vector<std::string> identities TARN_GUARDED_BY(drive.lock);  // of the protocols
+  std::map<int, Unsettled> unsettled TARN_GUARDED_BY(drive.lock);   // by protocol
 };
 
 }  // namespace tarn::fs

@@ -1,6 +1,7 @@
 // Unsent files whose places change: with a move, or because another process has left them.
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
 #include "platform/filesystem/bindings.h"
@@ -15,6 +16,16 @@ namespace {
 bool IsSame(const Attributes& file, std::uint64_t size, const FS_TIME& modified) {
   return file.size == size && file.modified.seconds == modified.seconds &&
          file.modified.nanoseconds == modified.nanoseconds;
+}
+
+bool Concerns(const Journal::Move& move, const Journal::Unsent& unsent) {
+  return unsent.id == move.replaced_id || IsWithin(unsent.record.path, move.from) ||
+         IsWithin(unsent.record.path, move.to);
+}
+
+template <typename T>
+void Append(std::vector<T>& all, std::vector<T>& more) {
+  all.insert(all.end(), std::move_iterator(more.begin()), std::move_iterator(more.end()));
 }
 
 }  // namespace
@@ -39,8 +50,24 @@ std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
   }
   std::vector<Journal::Move> moves;
   auto found = journal->TakeOver(identity, moves);
-  for (const Journal::Move& move : moves) {
-    Settle(move, found);
+  Unsettled rest;
+  {
+    const MutexLock guard(drive.lock);
+    rest = std::exchange(unsettled[protocol], {});
+  }
+  Append(moves, rest.moves);
+  Append(found, rest.files);
+  std::erase_if(moves, [&](const Journal::Move& move) { return Settle(move, found); });
+  const auto waiting = std::stable_partition(found.begin(), found.end(), [&](const auto& unsent) {
+    return std::none_of(moves.begin(), moves.end(),
+                        [&](const auto& move) { return Concerns(move, unsent); });
+  });
+  rest = {std::move(moves), {std::move_iterator(waiting), std::move_iterator(found.end())}};
+  found.erase(waiting, found.end());
+  {
+    const MutexLock guard(drive.lock);
+    Append(unsettled[protocol].moves, rest.moves);
+    Append(unsettled[protocol].files, rest.files);
   }
   if (!found.empty()) {
     Log(LOGLEVEL_INFO, "%zu files that were not sent before are sent now", found.size());
@@ -49,6 +76,15 @@ std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
     adopted.push_back(Adopt(std::move(unsent), protocol));
   }
   return adopted;
+}
+
+bool UnsentFiles::MayTakeMore() const {
+  if (journal && journal->MayInherit()) {
+    return true;
+  }
+  const MutexLock guard(drive.lock);
+  return std::any_of(unsettled.begin(), unsettled.end(),
+                     [](const auto& rest) { return !rest.second.moves.empty(); });
 }
 
 // The file is there for programs as it was, from the first moment. Where they have changed a file
@@ -147,29 +183,52 @@ void UnsentFiles::Moved(Ino top, bool at_remote, const std::string& superseded_i
   }
 }
 
-void UnsentFiles::Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found) {
+std::optional<bool> UnsentFiles::HasHappened(const Journal::Move& move, Attributes& moved) {
   Attributes there;
+  const int from_error = ErrnoOf(remote.GetInfo(move.from, there));
+  if (from_error == 0) {
+    return false;
+  }
+  const int to_error = from_error == ENOENT ? ErrnoOf(remote.GetInfo(move.to, moved)) : from_error;
+  if (to_error != 0) {
+    return to_error == ENOENT ? std::optional(false) : std::nullopt;
+  }
+  return moved.is_folder == move.is_folder &&
+         (moved.is_folder || IsSame(moved, move.size, move.modified));
+}
+
+bool UnsentFiles::Settle(const Journal::Move& move, std::vector<Journal::Unsent>& found) {
   Attributes moved;
-  const bool has_gone = ErrnoOf(remote.GetInfo(move.from, there)) == ENOENT;
-  const bool has_come = has_gone && remote.GetInfo(move.to, moved) == SUCCESS &&
-                        moved.is_folder == move.is_folder &&
-                        (moved.is_folder || IsSame(moved, move.size, move.modified));
+  const auto has_happened = HasHappened(move, moved);
+  bool is_settled = has_happened.has_value();
   for (Journal::Unsent& unsent : found) {
-    Journal::Record& record = unsent.record;
-    if (has_come && unsent.id == move.replaced_id) {
-      journal->Remove(unsent.id, *unsent.content);
-    } else if (has_come && IsWithin(record.path, move.from)) {
-      record.path = move.to + record.path.substr(move.from.size());
-      if (!moved.is_folder && record.replaces && !record.replaces->empty()) {
-        record.replaces = moved.version;
-      }
-      (void)journal->Put(unsent.id, record, *unsent.content);  // else it is asked for once more
+    Journal::Record record = unsent.record;
+    if (has_happened != true || unsent.id == move.replaced_id ||
+        !IsWithin(record.path, move.from)) {
+      continue;
+    }
+    record.path = move.to + record.path.substr(move.from.size());
+    if (!moved.is_folder && record.replaces && !record.replaces->empty()) {
+      record.replaces = moved.version;
+    }
+    if (journal->Put(unsent.id, record, *unsent.content) == 0) {
+      unsent.record = std::move(record);
+    } else {
+      is_settled = false;
     }
   }
+  if (!is_settled) {
+    return false;
+  }
   std::erase_if(found, [&](const Journal::Unsent& unsent) {
-    return has_come && unsent.id == move.replaced_id;
+    const bool is_replaced = has_happened == true && unsent.id == move.replaced_id;
+    if (is_replaced) {
+      journal->Remove(unsent.id, *unsent.content);
+    }
+    return is_replaced;
   });
   journal->Remove(move);
+  return true;
 }
 
 }  // namespace tarn::fs

@@ -1,10 +1,12 @@
 #include "platform/filesystem/journal.h"
 
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "tests/support/service/wait.h"
 #include "tests/unit/filesystem/direct_calls.h"
@@ -12,6 +14,23 @@
 
 namespace tarn::test {
 namespace {
+
+// While it exists, nothing longer than some bytes can be written to a file by this process.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes = 1) {
+    (void)std::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit full = {bytes, before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &full);
+  }
+  ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &before); }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+  rlimit before = {};
+};
 
 class JournalTest : public testing::Test {
  protected:
@@ -23,15 +42,15 @@ class JournalTest : public testing::Test {
     return count;
   }
 
-  // Puts a new file into a journal, as "one".
+  // Puts a new file into a journal.
   static void PutOne(fs::Journal& journal, const std::string& path, const std::string& text,
-                     const std::string& remote = "memory:") {
+                     const std::string& remote = "memory:", const std::string& id = "one") {
     fs::Journal::Record record{.remote = remote, .path = path, .size = text.size(), .replaces = ""};
     std::shared_ptr<fs::Content> content;
     size_t written = 0;
     ASSERT_EQ(fs::Content::Make(journal.GetFolder(), true, content), 0);
     ASSERT_EQ(content->Write(0, text.data(), text.size(), written), 0);
-    ASSERT_EQ(journal.Put("one", record, *content), 0);
+    ASSERT_EQ(journal.Put(id, record, *content), 0);
   }
 
   TempFolder base;
@@ -152,9 +171,8 @@ TEST_F(JournalTest, WhatAnotherProcessStillHasAtTheMountIsTakenOverWhenThatHasEn
     const int reader = next.Opened("/changed", O_RDONLY);
     EXPECT_EQ(next.ReadAt(reader, 0, 10), "before");
     ending.reset();
-    EXPECT_TRUE(WaitUntil([&] {
-      return next.Content("/changed") == "ours!!" && next.Content("/new") == "new";
-    }));
+    EXPECT_TRUE(WaitUntil(
+        [&] { return next.Content("/changed") == "ours!!" && next.Content("/new") == "new"; }));
     EXPECT_EQ(next.Names("/"), (std::vector<std::string>{"changed", "new"}));
     fs::Stat stat;
     ASSERT_EQ(next.files->Lookup(fs::kRootIno, "changed", stat), 0);
@@ -210,6 +228,7 @@ TEST_F(JournalTest, AMoveThatTheProcessDidNotLiveToSeeHasHappenedOrNot) {
     {
       const auto journal = fs::Journal::Open(base.path(), "drive");
       PutOne(*journal, "/b", "ours");
+      PutOne(*journal, "/other", "other", "memory:", "three");
       ASSERT_EQ(journal->Put(fs::Journal::Move{"two", "memory:", "/a", "/b", false, source.size,
                                                source.modified, "one"}),
                 0);
@@ -217,13 +236,32 @@ TEST_F(JournalTest, AMoveThatTheProcessDidNotLiveToSeeHasHappenedOrNot) {
     if (has_happened) {
       ASSERT_EQ(protocol.Move("/a", "/b"), SUCCESS);
     }
+    protocol.failure = DEVICE_NOT_READY;
     Drive drive(protocol, base.path());
+    EXPECT_EQ(drive.Content("/other"), "other");
+    protocol.failure = SUCCESS;
+    EXPECT_TRUE(WaitUntil([&] { return FilesOnDisk() == 0; })) << "asked until it is known";
     EXPECT_EQ(drive.Content("/b"), has_happened ? "theirs" : "ours");
-    EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
     EXPECT_EQ(protocol.Content("/b"), has_happened ? "theirs" : "ours");
-    EXPECT_EQ(protocol.Paths().size(), has_happened ? 1U : 2U);
+    EXPECT_EQ(protocol.Paths().size(), has_happened ? 2U : 3U);
   }
-  EXPECT_EQ(FilesOnDisk(), 0U);
+}
+
+TEST_F(JournalTest, AMoveIsRememberedUntilTheRecordsOfItsFilesAreWritten) {
+  {
+    const auto journal = fs::Journal::Open(base.path(), "drive");
+    PutOne(*journal, "/from/file", "ours");
+    ASSERT_EQ(journal->Put(fs::Journal::Move{"two", "memory:", "/from", "/to", true, 0, {}, ""}),
+              0);
+  }
+  protocol.MakeFolder("/to");
+  {
+    const FullDisk full;
+    const Drive drive(protocol, base.path());
+  }
+  Drive drive(protocol, base.path());
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/to", "/to/file"}));
 }
 
 TEST_F(JournalTest, WhatSomebodyElseMadeOrChangedMeanwhileIsKeptAndOursBesideIt) {

@@ -96,11 +96,14 @@ class SilentProtocol : public MemoryProtocol {
  public:
   AERROR Upload(const char* path, FS_SOURCE* source, unsigned long long size, FS_PROGRESS progress,
                 void* context) override {
-    const AERROR error = MemoryProtocol::Upload(path, source, size, progress, context);
+    if (const AERROR error = MemoryProtocol::Upload(path, source, size, progress, context);
+        error != SUCCESS) {
+      return error;
+    }
     source->version[0] = '\0';
     Write(path, Content(path).substr(0, kept_bytes));
     failure = failure_then.load();
-    return error;
+    return SUCCESS;
   }
   std::atomic<size_t> kept_bytes = std::string::npos;
   std::atomic<AERROR> failure_then = SUCCESS;
@@ -118,7 +121,7 @@ TEST_F(JournalTest, AnUploadCountsOnceTheRemoteIsKnownToHaveAllOfIt) {
   EXPECT_EQ(drive.Write(file, 0, "content"), 0);
   silent.failure_then = ACCESS_DENIED;
   EXPECT_NE(drive.Sync(file), 0);
-  EXPECT_GT(FilesOnDisk(), 3U) << "the content and the record of each";
+  EXPECT_GE(FilesOnDisk(), 2U) << "the content and the record of the second at least";
   silent.failure_then = silent.failure = SUCCESS;
   EXPECT_EQ(drive.Close(cut), 0);
   EXPECT_EQ(drive.Close(file), 0);

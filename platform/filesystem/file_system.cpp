@@ -22,7 +22,7 @@ FileSystem::FileSystem(Clock::duration attribute_time_out, const Limits& limits)
       unsent_files(drive, remote),
       sender(drive, remote, events, finder, unsent_files, ShareOfThis()),
       space(remote, ShareOfThis()),
-      later([this] { return TakeOverMore(); }, kBetweenLooks) {}
+      later([this] { return PutRight(); }, kBetweenLooks) {}
 
 Owner FileSystem::ShareOfThis() {
   return [this] { return weak_from_this().lock(); };
@@ -41,7 +41,7 @@ void FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol) {
   }
   unsent_files.Identify(index);
   TakeOver(index);
-  if (unsent_files.MayTakeMore()) {
+  if (unsent_files.HasMoreToDo()) {
     later.Start();
   }
   space.Ask();
@@ -53,11 +53,12 @@ void FileSystem::TakeOver(int protocol) {
   }
 }
 
-bool FileSystem::TakeOverMore() {
+bool FileSystem::PutRight() {
+  unsent_files.WriteRecords();
   for (int i = 0; i < remote.Count(); ++i) {
     TakeOver(i);
   }
-  return unsent_files.MayTakeMore();
+  return unsent_files.HasMoreToDo();
 }
 
 void FileSystem::CloseAll() {

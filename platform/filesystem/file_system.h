@@ -150,7 +150,8 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
 
   [[nodiscard]] Owner ShareOfThis();
   void TakeOver(int protocol) TARN_EXCLUDES(drive.lock);
-  [[nodiscard]] bool TakeOverMore() TARN_EXCLUDES(drive.lock);  // true: later once more
+  // What could not be done for unsent files before. True: once more later.
+  [[nodiscard]] bool PutRight() TARN_EXCLUDES(drive.lock);
   // Called when the remote cannot be reached any more, and when it can be again.
   void ReachabilityChanged(bool is_reachable) TARN_EXCLUDES(drive.lock);
   Stat LocalStat(const OpenFile& file) const TARN_REQUIRES(drive.lock);
@@ -164,6 +165,10 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
       TARN_EXCLUDES(drive.lock);
   // The protocol that a new file in the folder goes to.
   [[nodiscard]] int FindProtocol(Ino folder, int& protocol) TARN_EXCLUDES(drive.lock);
+  // Moves a file that is at this side only, by `move`, once the journal has its new place.
+  [[nodiscard]] int MoveHere(OpenFile& source, const OpenFile* target, const Place& place,
+                             int protocol, const std::function<void()>& move)
+      TARN_EXCLUDES(drive.lock);
   void TakePlaceOf(OpenFile& source, const OpenFile* target, const Place& place, int protocol)
       TARN_REQUIRES(drive.lock);
   void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
@@ -221,7 +226,7 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   UnsentFiles unsent_files;
   Sender sender;
   KnownSpace space;
-  Repeater later;  // takes over more
+  Repeater later;  // puts right
 
   CondVar prepared;  // a work file
   HandleTable<Handle> handles TARN_GUARDED_BY(drive.lock);

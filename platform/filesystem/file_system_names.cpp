@@ -213,32 +213,60 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   }
   // A move may make another version of the same content; who has the file open reads on.
   const bool is_as_opened = is_at_remote && source && finder.IsAsOpened(*source, paths[0]);
-  const auto noted = is_at_remote ? unsent_files.BeginMove(InoOf(folder, name), paths, target.get())
-                                  : std::nullopt;
-  if (const int error = is_at_remote ? MoveAtRemote(paths[0], paths[1]) : 0; error != 0) {
-    unsent_files.EndMove(noted);
+  const auto move_here = [&] {
+    const MutexLock guard(drive.lock);
+    Moved(folder, name, new_folder, new_name, paths);
+  };
+  std::optional<Journal::Move> noted;
+  int error = is_at_remote
+                  ? unsent_files.BeginMove(InoOf(folder, name), paths, target.get(), noted)
+                  : MoveHere(*source, target.get(), {new_folder, new_name}, protocol, move_here);
+  error = error == 0 && is_at_remote ? MoveAtRemote(paths[0], paths[1]) : error;
+  if (error != 0) {
+    (void)unsent_files.EndMove(noted);
     if (target) {
       const MutexLock guard(drive.lock);
       drive.open_files.DropIfUnused(target);
     }
     return error;
   }
-  {
-    const MutexLock guard(drive.lock);
-    if (!is_at_remote) {
-      TakePlaceOf(*source, target.get(), {new_folder, new_name}, protocol);
+  std::vector<std::shared_ptr<OpenFile>> unwritten;
+  if (is_at_remote) {
+    move_here();
+    if (is_as_opened) {
+      (void)finder.TakeNewVersion(*source, paths[1]);
     }
-    Moved(folder, name, new_folder, new_name, paths);
+    unwritten = unsent_files.Moved(InoOf(new_folder, new_name), target ? target->id : "");
   }
-  if (is_as_opened) {
-    (void)finder.TakeNewVersion(*source, paths[1]);
-  }
-  unsent_files.Moved(InoOf(new_folder, new_name), is_at_remote, target ? target->id : "");
   if (target) {
     DropUnsent(target);
   }
-  unsent_files.EndMove(noted);
+  if (!unsent_files.EndMove(noted, std::move(unwritten))) {
+    later.Start();
+  }
   return 0;
+}
+
+int FileSystem::MoveHere(OpenFile& source, const OpenFile* target, const Place& place, int protocol,
+                         const std::function<void()>& move) {
+  std::optional<std::string> path;
+  bool was_at_remote = false;
+  Attributes before;
+  {
+    const MutexLock guard(drive.lock);
+    path = drive.nodes.PathOf(place.ino, place.name);
+    was_at_remote = source.at_remote;
+    before = source.remote;
+    TakePlaceOf(source, target, place, protocol);
+  }
+  const int error =
+      path ? unsent_files.Move(source, *path, target != nullptr ? target->id : "", move) : ENOENT;
+  if (error != 0) {
+    const MutexLock guard(drive.lock);
+    source.at_remote = was_at_remote;
+    source.remote = before;
+  }
+  return error;
 }
 
 int FileSystem::CheckFree(const std::string& path, bool is_open) {

@@ -127,7 +127,13 @@ int UnsentFiles::PutRecord(const OpenFile& file, const std::string& path,
   return journal->Put(file.id, record, *snapshot.content);
 }
 
-void UnsentFiles::KeepAnew(const OpenFile& file, const std::string& superseded_id) {
+void UnsentFiles::KeepAnew(const OpenFile& file) {
+  if (const int error = PutRecordAnew(file, ""); error != 0) {
+    Log(LOGLEVEL_ERROR, "the record of %s cannot be changed: %d", file.id.c_str(), error);
+  }
+}
+
+int UnsentFiles::PutRecordAnew(const OpenFile& file, const std::string& superseded_id) {
   const MutexLock one_at_a_time(publishing);
   std::optional<std::string> path;
   WorkFile::Snapshot snapshot;
@@ -136,12 +142,7 @@ void UnsentFiles::KeepAnew(const OpenFile& file, const std::string& superseded_i
     path = drive.nodes.PathOf(file.ino);
     snapshot = file.unsent;
   }
-  if (!path || !snapshot.content) {
-    return;
-  }
-  if (const int error = PutRecord(file, *path, snapshot, superseded_id); error != 0) {
-    Log(LOGLEVEL_ERROR, "the record of %s cannot be changed: %d", path->c_str(), error);
-  }
+  return path && snapshot.content ? PutRecord(file, *path, snapshot, superseded_id) : 0;
 }
 
 bool UnsentFiles::SetModified(Ino ino, const FS_TIME& time) {

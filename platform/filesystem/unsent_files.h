@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -35,9 +36,11 @@ class UnsentFiles {
   // are to be sent. Waits for changes of their places. Files whose places cannot be told now, for a
   // move that was cut off, come later.
   [[nodiscard]] std::vector<Ino> TakeOver(int protocol) TARN_EXCLUDES(publishing, drive.lock);
-  // Whether TakeOver is to be called again later: for those, or because other processes still have
-  // what they may leave.
-  [[nodiscard]] bool MayTakeMore() const TARN_EXCLUDES(drive.lock);
+  // Tries again what EndMove has left to be written.
+  void WriteRecords() TARN_EXCLUDES(publishing, drive.lock);
+  // Whether TakeOver and WriteRecords are to be called again later, also because other processes
+  // still have what they may leave.
+  [[nodiscard]] bool HasMoreToDo() const TARN_EXCLUDES(drive.lock);
 
   // An empty work file where the unsent ones are kept.
   [[nodiscard]] int MakeWork(std::shared_ptr<WorkFile>& work) const;
@@ -48,8 +51,7 @@ class UnsentFiles {
   // Puts what is complete, and not stored, into the journal. False: it cannot be kept there.
   [[nodiscard]] bool Keep(const FilePtr& file) TARN_EXCLUDES(publishing, drive.lock);
   // The file's place, or what it replaces, has changed.
-  void KeepAnew(const OpenFile& file, const std::string& superseded_id = "")
-      TARN_EXCLUDES(publishing, drive.lock);
+  void KeepAnew(const OpenFile& file) TARN_EXCLUDES(publishing, drive.lock);
   // Sets the time of a file that waits to be sent, which goes with it. False: it does not wait.
   [[nodiscard]] bool SetModified(Ino ino, const FS_TIME& time)
       TARN_EXCLUDES(publishing, drive.lock);
@@ -81,20 +83,29 @@ class UnsentFiles {
   void Sent(OpenFile& file, const std::string& path, const Outgoing& outgoing,
             const Attributes& stored) TARN_EXCLUDES(publishing, drive.lock);
 
+  // Has `move` give the file, which is at this side only, its new path once the journal has that.
+  // With an error, nothing has changed.
+  [[nodiscard]] int Move(const OpenFile& file, const std::string& path,
+                         const std::string& superseded_id, const std::function<void()>& move)
+      TARN_EXCLUDES(publishing, drive.lock);
   // Notes a move that concerns unsent files before the remote hears of it. Unset: concerns none.
-  [[nodiscard]] std::optional<Journal::Move> BeginMove(Ino source_ino,
-                                                       const std::vector<std::string>& paths,
-                                                       const OpenFile* target)
+  [[nodiscard]] int BeginMove(Ino source_ino, const std::vector<std::string>& paths,
+                              const OpenFile* target, std::optional<Journal::Move>& noted)
       TARN_EXCLUDES(drive.lock);
   // Tells the journal of the new places of a node and those below it, and of what was replaced.
-  void Moved(Ino top, bool at_remote, const std::string& superseded_id)
+  // Returns the files whose records could not be written.
+  [[nodiscard]] std::vector<FilePtr> Moved(Ino top, const std::string& superseded_id)
       TARN_EXCLUDES(publishing, drive.lock);
-  void EndMove(const std::optional<Journal::Move>& move);
+  // The note of the move stays until the records of these are written. True: it has gone.
+  bool EndMove(const std::optional<Journal::Move>& move, std::vector<FilePtr> unwritten = {})
+      TARN_EXCLUDES(drive.lock);
 
  private:
   [[nodiscard]] int PutRecord(const OpenFile& file, const std::string& path,
                               const WorkFile::Snapshot& snapshot,
                               const std::string& superseded_id = "") TARN_REQUIRES(publishing);
+  [[nodiscard]] int PutRecordAnew(const OpenFile& file, const std::string& superseded_id)
+      TARN_EXCLUDES(publishing, drive.lock);
   // Those that are not what is in the journal go.
   static void Discard(const std::vector<WorkFile::Snapshot>& attempts,
                       const WorkFile::Snapshot& unsent);
@@ -116,6 +127,8 @@ class UnsentFiles {
   Mutex publishing;
   std::vector<std::string> identities TARN_GUARDED_BY(drive.lock);  // of the protocols
   std::map<int, Unsettled> unsettled TARN_GUARDED_BY(drive.lock);   // by protocol
+  std::vector<std::pair<Journal::Move, std::vector<FilePtr>>> unwritten_moves
+      TARN_GUARDED_BY(drive.lock);
 };
 
 }  // namespace tarn::fs

@@ -78,12 +78,13 @@ std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
   return adopted;
 }
 
-bool UnsentFiles::MayTakeMore() const {
+bool UnsentFiles::HasMoreToDo() const {
   if (journal && journal->MayInherit()) {
     return true;
   }
   const MutexLock guard(drive.lock);
-  return std::any_of(unsettled.begin(), unsettled.end(),
+  return !unwritten_moves.empty() ||
+         std::any_of(unsettled.begin(), unsettled.end(),
                      [](const auto& rest) { return !rest.second.moves.empty(); });
 }
 
@@ -125,9 +126,23 @@ Ino UnsentFiles::Adopt(Journal::Unsent unsent, int protocol) {
   return file->ino;
 }
 
-std::optional<Journal::Move> UnsentFiles::BeginMove(Ino source_ino,
-                                                    const std::vector<std::string>& paths,
-                                                    const OpenFile* target) {
+int UnsentFiles::Move(const OpenFile& file, const std::string& path,
+                      const std::string& superseded_id, const std::function<void()>& move) {
+  const MutexLock one_at_a_time(publishing);
+  WorkFile::Snapshot snapshot;
+  {
+    const MutexLock guard(drive.lock);
+    snapshot = file.unsent;
+  }
+  const int error = snapshot.content ? PutRecord(file, path, snapshot, superseded_id) : 0;
+  if (error == 0) {
+    move();
+  }
+  return error;
+}
+
+int UnsentFiles::BeginMove(Ino source_ino, const std::vector<std::string>& paths,
+                           const OpenFile* target, std::optional<Journal::Move>& noted) {
   Journal::Move move;
   {
     const MutexLock guard(drive.lock);
@@ -135,12 +150,12 @@ std::optional<Journal::Move> UnsentFiles::BeginMove(Ino source_ino,
       move.replaced_id = target->id;
     }
     if (!journal || (move.replaced_id.empty() && drive.open_files.UnsentAt(source_ino).empty())) {
-      return std::nullopt;
+      return 0;
     }
   }
   Attributes source;
   if (remote.GetInfo(paths[0], source) != SUCCESS) {
-    return std::nullopt;  // neither will it be moved
+    return 0;  // neither will it be moved
   }
   {
     const MutexLock guard(drive.lock);
@@ -152,21 +167,42 @@ std::optional<Journal::Move> UnsentFiles::BeginMove(Ino source_ino,
   move.is_folder = source.is_folder;
   move.size = source.size;
   move.modified = source.modified;
-  if (const int error = journal->Put(move); error != 0) {
-    Log(LOGLEVEL_ERROR, "the move of %s cannot be noted: %d", paths[0].c_str(), error);
+  const int error = journal->Put(move);
+  if (error == 0) {
+    noted = std::move(move);
   }
-  return move;
+  return error;
 }
 
-void UnsentFiles::EndMove(const std::optional<Journal::Move>& move) {
+bool UnsentFiles::EndMove(const std::optional<Journal::Move>& move,
+                          std::vector<FilePtr> unwritten) {
+  if (move && !unwritten.empty()) {
+    const MutexLock guard(drive.lock);
+    unwritten_moves.emplace_back(*move, std::move(unwritten));
+    return false;
+  }
   if (move) {
     journal->Remove(*move);
+  }
+  return true;
+}
+
+void UnsentFiles::WriteRecords() {
+  decltype(unwritten_moves) moves;
+  {
+    const MutexLock guard(drive.lock);
+    moves.swap(unwritten_moves);
+  }
+  for (auto& [move, unwritten] : moves) {
+    std::erase_if(unwritten, [this](const FilePtr& file) { return PutRecordAnew(*file, "") == 0; });
+    (void)EndMove(move, std::move(unwritten));
   }
 }
 
 // A move may have changed the versions, too: what is still ours is to be replaced under the new
 // one.
-void UnsentFiles::Moved(Ino top, bool at_remote, const std::string& superseded_id) {
+std::vector<UnsentFiles::FilePtr> UnsentFiles::Moved(Ino top, const std::string& superseded_id) {
+  std::vector<FilePtr> unwritten;
   std::vector<std::pair<FilePtr, std::string>> moved;
   {
     const MutexLock guard(drive.lock);
@@ -174,13 +210,18 @@ void UnsentFiles::Moved(Ino top, bool at_remote, const std::string& superseded_i
   }
   for (const auto& [file, place] : moved) {
     Attributes now;
-    if (at_remote && file->at_remote && remote.GetInfo(place, now) == SUCCESS) {
+    if (file->at_remote && remote.GetInfo(place, now) == SUCCESS) {
       const MutexLock guard(drive.lock);
       const bool is_the_same = IsSame(now, file->remote.size, file->remote.modified);
       file->remote = is_the_same ? now : file->remote;
     }
-    KeepAnew(*file, file->ino == top ? superseded_id : "");
+    const int error = PutRecordAnew(*file, file->ino == top ? superseded_id : "");
+    if (error != 0) {
+      Log(LOGLEVEL_ERROR, "the record of %s cannot be changed: %d", place.c_str(), error);
+      unwritten.push_back(file);
+    }
   }
+  return unwritten;
 }
 
 std::optional<bool> UnsentFiles::HasHappened(const Journal::Move& move, Attributes& moved) {

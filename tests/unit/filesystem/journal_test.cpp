@@ -267,6 +267,34 @@ TEST_F(JournalTest, AMoveIsRememberedUntilTheRecordsOfItsFilesAreWritten) {
   EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/to", "/to/file"}));
 }
 
+TEST_F(JournalTest, ARenameOnAFullDiskFailsOrSurvivesTheProcess) {
+  const std::string long_name(200, 'x');
+  protocol.MakeFolder("/f");
+  {
+    Drive drive(protocol, base.path());
+    (void)drive.Names("/");
+    protocol.refusal = ACCESS_DENIED;
+    ASSERT_EQ(drive.WriteFile("/doc", "old"), 0);
+    ASSERT_EQ(drive.WriteFile("/tmp", "new"), 0);
+    ASSERT_EQ(drive.WriteFile("/f/" + long_name, "x"), 0);
+    {
+      const FullDisk full;
+      EXPECT_EQ(drive.Rename("/tmp", "/doc"), EFBIG);
+      EXPECT_EQ(drive.Rename("/f", "/g"), EFBIG);
+    }
+    EXPECT_EQ(drive.Content("/doc"), "old");
+    EXPECT_EQ(drive.Content("/tmp"), "new");
+    const FullDisk with_room_for_a_note(250);
+    EXPECT_EQ(drive.Rename("/f", "/g"), 0);
+  }
+  protocol.refusal = SUCCESS;
+  Drive again(protocol, base.path());
+  EXPECT_EQ(again.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/doc", "/g", "/g/" + long_name, "/tmp"}));
+  EXPECT_EQ(protocol.Content("/doc"), "old");
+  EXPECT_EQ(protocol.Content("/tmp"), "new");
+}
+
 TEST_F(JournalTest, WhatSomebodyElseMadeOrChangedMeanwhileIsKeptAndOursBesideIt) {
   Drive drive(protocol, base.path());
   for (const std::string before : {"there is none", "it is theirs"}) {

@@ -94,13 +94,14 @@ TEST_F(LimitsTest, WhatIsKnownAndCachedStaysUsableWhileTheRemoteIsGone) {
 
 TEST_F(LimitsTest, ASingleFailureDoesNotMakeAHealthyRemoteUnreachable) {
   protocol.Write("/file", "content");
+  protocol.fails_once = true;
   protocol.failure = DEVICE_NOT_READY;
+  const int infos = protocol.infos;
   fs::Attributes attributes;
   EXPECT_EQ(files->GetRemote().GetInfo("/file", attributes), DEVICE_NOT_READY);
+  EXPECT_TRUE(WaitUntil([&] { return protocol.infos > infos + 1; })) << "it is asked again";
   protocol.failure = ACCESS_DENIED;  // an answer all the same
-  const int infos = protocol.infos;
   EXPECT_EQ(files->GetRemote().GetInfo("/file", attributes), ACCESS_DENIED);
-  EXPECT_TRUE(WaitUntil([&] { return protocol.infos > infos; }));
   EXPECT_TRUE(IsReachable());
 }
 

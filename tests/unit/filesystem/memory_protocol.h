@@ -66,6 +66,7 @@ class MemoryProtocol : public IProtocol_V2 {
   std::atomic<int> latency_ms = 0;          // before every operation
   std::atomic<bool> reads_versions = true;  // a capability
   std::atomic<AERROR> failure = SUCCESS;    // of every operation, when not SUCCESS
+  std::atomic<bool> fails_once = false;     // then only of the next one
   std::atomic<AERROR> refusal = SUCCESS;    // of uploads, as where files are locked
   std::atomic<bool> loses_answers = false;  // uploads come, but fail nevertheless
   std::atomic<int> lists = 0, infos = 0, reads = 0, uploads = 0;  // operations so far
@@ -298,7 +299,10 @@ class MemoryProtocol : public IProtocol_V2 {
     const int cancels_before = cancels;
     while (wait_ms > 0 && cancels == cancels_before && cancel_came.wait_until(lock, end)) {
     }
-    return cancels == cancels_before ? failure.load() : READ_CANCELED;
+    if (cancels != cancels_before) {
+      return READ_CANCELED;
+    }
+    return fails_once ? failure.exchange(SUCCESS) : failure.load();
   }
   // An operation on the tree, which takes the remote's time and may fail before it begins.
   template <typename Operation>

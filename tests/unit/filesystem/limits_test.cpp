@@ -94,6 +94,7 @@ TEST_F(LimitsTest, WhatIsKnownAndCachedStaysUsableWhileTheRemoteIsGone) {
 
 TEST_F(LimitsTest, ASingleFailureDoesNotMakeAHealthyRemoteUnreachable) {
   protocol.Write("/file", "content");
+  libraries.WaitIdle();  // until the space was asked for
   protocol.fails_once = true;
   protocol.failure = DEVICE_NOT_READY;
   const int infos = protocol.infos;

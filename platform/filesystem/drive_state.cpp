@@ -26,7 +26,7 @@ std::optional<PathLocks::Hold> DriveState::HoldPlaces(const std::vector<Change>&
     }
   }
   for (;;) {
-    std::vector<Claim> claims;
+    std::vector<PathLocks::Claim> claims;
     for (size_t i = 0; i < paths.size(); ++i) {
       claims.push_back({paths[i], changed[i].haste});
     }

@@ -17,12 +17,6 @@ namespace tarn::fs {
 // Which of the changes that come first are to end for the sake of one that waits for them.
 enum class Haste { kNone, kUnlessQuick, kAtOnce };
 
-// A path that is to be changed.
-struct Claim {
-  std::string path;
-  Haste haste = Haste::kNone;  // with changes at or below the path
-};
-
 // Keeps changes of the remote in an order that makes sense: two changes whose paths meet (the same
 // path, or one below the other) happen one after the other, in order of arrival; all others at the
 // same time. These are no locks of data: they are held while the remote works.
@@ -38,6 +32,12 @@ class PathLocks {
   };
 
  public:
+  // A path that is to be changed.
+  struct Claim {
+    std::string path;
+    Haste haste = Haste::kNone;  // with changes at or below the path
+  };
+
   // The right to change some paths, given back on destruction.
   class Hold {
    public:

@@ -133,6 +133,7 @@ TEST_F(JournalTest, AnUploadCountsOnceTheRemoteIsKnownToHaveAllOfIt) {
 
 TEST_F(JournalTest, ANewFileIsKeptForTheProtocolOfItsFolder) {
   MemoryProtocol second;
+  MemoryProtocol third;
   second.identity = "second:";
   second.MakeFolder("/folder");
   {
@@ -145,7 +146,6 @@ TEST_F(JournalTest, ANewFileIsKeptForTheProtocolOfItsFolder) {
     fs::Stat file;
     fs::FileSystem::Opened opened;
     ASSERT_EQ(drive.files->Lookup(fs::kRootIno, "folder", folder), 0);
-    MemoryProtocol third;
     drive.files->AddProtocol(Share(third));  // so that nothing is known of the folder any more
     ASSERT_EQ(drive.files->Create(folder.ino, "made", O_WRONLY, file, opened), 0);
     EXPECT_EQ(drive.files->Flush(opened.handle), 0);

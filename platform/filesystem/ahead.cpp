@@ -153,6 +153,7 @@ void Ahead::FetchFile(Ino folder, const std::string& name) {
     const MutexLock guard(drive.lock);
     const Listings::Answer known = drive.listings.Find(*path, Clock::now());
     if (drive.nodes.PathOf(folder, name) != path || drive.open_files.Find(folder, name) ||
+        drive.open_files.HoldsUnsent(folder, name) ||
         drive.nodes.ContentOf(folder, name) != content_before ||
         known.known != Listings::Known::kPresent || known.attributes.version != expected.version) {
       return;  // changed from here meanwhile

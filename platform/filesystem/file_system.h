@@ -160,6 +160,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   // Names. `file` is null where none is open.
   [[nodiscard]] int DeleteAtRemote(const std::shared_ptr<OpenFile>& file, const std::string& path)
       TARN_EXCLUDES(drive.lock);
+  // Counts a lookup of a folder that unsent files keep; false: there is none.
+  [[nodiscard]] bool LookUpKept(Ino folder, const std::string& name, Stat& stat)
+      TARN_REQUIRES(drive.lock);
   [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
       TARN_EXCLUDES(drive.lock);

@@ -35,8 +35,12 @@ int FileSystem::GetAttributes(Ino ino, Stat& stat) {
     stat = LocalStat(*file);  // made while the remote was asked
     return 0;
   }
-  if (answer.known == Listings::Known::kAbsent ||
-      answer.attributes.is_folder != drive.nodes.IsFolder(ino)) {
+  const bool is_folder = drive.nodes.IsFolder(ino);
+  if (answer.known == Listings::Known::kAbsent || answer.attributes.is_folder != is_folder) {
+    if (is_folder && !drive.open_files.UnsentAt(ino).empty()) {
+      stat = {.ino = ino, .modified = mounted_at, .valid_for = time_out};
+      return 0;
+    }
     return ESTALE;  // the kernel looks the name up again
   }
   stat = RemoteStat(ino, answer.attributes, answer.believable);

@@ -88,6 +88,9 @@ int FileSystem::Create(Ino folder, const std::string& name, int flags, Stat& sta
     if (const auto file = drive.open_files.Find(*known); file && file->work) {
       return EEXIST;
     }
+    if (drive.open_files.HoldsUnsent(folder, name)) {
+      return EISDIR;
+    }
     drive.nodes.Unlink(*known);  // removed elsewhere
   }
   const Ino ino = drive.nodes.Ensure(folder, name, false);

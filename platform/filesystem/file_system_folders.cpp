@@ -88,8 +88,7 @@ Ino FileSystem::InoOf(Ino folder, const std::string& name) const {
 
 bool FileSystem::HoldsUnsent(Ino folder, const std::string& name) const {
   const MutexLock guard(drive.lock);
-  const auto ino = drive.nodes.Find(folder, name);
-  return ino && drive.nodes.IsFolder(*ino) && !drive.open_files.UnsentAt(*ino).empty();
+  return drive.open_files.HoldsUnsent(folder, name);
 }
 
 void FileSystem::AddUnsent(const std::string& folder, std::vector<Entry>& entries) const {
@@ -122,6 +121,9 @@ bool FileSystem::LookUpEntry(Ino folder, const Entry& entry, Clock::time_point a
   }
   const bool is_known = known.known == Listings::Known::kPresent;  // perhaps sent since
   const Attributes& attributes = is_known ? known.attributes : entry.attributes;
+  if (!attributes.is_folder && LookUpKept(folder, entry.name, stat)) {
+    return true;
+  }
   const Ino ino = drive.nodes.Ensure(folder, entry.name, attributes.is_folder);
   drive.nodes.AddLookup(ino);
   const auto valid_for = std::max(Clock::duration::zero(), asked + time_out - Clock::now());

@@ -50,6 +50,9 @@ int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
     stat = LocalStat(*file);  // made while the remote was asked
     return 0;
   }
+  if (!answer.attributes.is_folder && LookUpKept(folder, name, stat)) {
+    return 0;
+  }
   const Ino ino = drive.nodes.Ensure(folder, name, answer.attributes.is_folder);
   drive.nodes.AddLookup(ino);
   stat = RemoteStat(ino, answer.attributes, answer.believable);
@@ -57,6 +60,15 @@ int FileSystem::Lookup(Ino folder, const std::string& name, Stat& stat) {
     drive.nodes.KernelOf(ino).looked_up = Clock::now();
   }
   return 0;
+}
+
+bool FileSystem::LookUpKept(Ino folder, const std::string& name, Stat& stat) {
+  if (!drive.open_files.HoldsUnsent(folder, name)) {
+    return false;
+  }
+  stat = {.ino = *drive.nodes.Find(folder, name), .modified = mounted_at, .valid_for = time_out};
+  drive.nodes.AddLookup(stat.ino);
+  return true;
 }
 
 void FileSystem::Forget(Ino ino, std::uint64_t lookups) {

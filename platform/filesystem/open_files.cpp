@@ -73,4 +73,9 @@ std::vector<std::pair<OpenFiles::FilePtr, std::string>> OpenFiles::UnsentAt(Ino 
   return found;
 }
 
+bool OpenFiles::HoldsUnsent(Ino folder, const std::string& name) const {
+  const auto ino = nodes.Find(folder, name);
+  return ino && nodes.IsFolder(*ino) && !UnsentAt(*ino).empty();
+}
+
 }  // namespace tarn::fs

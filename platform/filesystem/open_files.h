@@ -32,6 +32,9 @@ class OpenFiles {
   [[nodiscard]] const Map& All() const { return files; }
   // What waits to be sent of a node and those below it, and where it goes.
   [[nodiscard]] std::vector<std::pair<FilePtr, std::string>> UnsentAt(Ino top) const;
+  // Whether the name is that of a folder with files below it that wait to be sent. It keeps its
+  // node, whatever the remote has there by now.
+  [[nodiscard]] bool HoldsUnsent(Ino folder, const std::string& name) const;
 
   // Nothing is open any more. What is returned is to end without the lock.
   [[nodiscard]] Map Close() { return std::exchange(files, {}); }

@@ -103,7 +103,8 @@ Ino UnsentFiles::Adopt(Journal::Unsent unsent, int protocol) {
   }
   drive.nodes.Pin(folder);
   const auto other = drive.open_files.Find(folder, name);
-  if (other && (other->work || other->preparing || other->writers > 0)) {
+  if ((other && (other->work || other->preparing || other->writers > 0)) ||
+      drive.open_files.HoldsUnsent(folder, name)) {
     name = drive.nodes.FreeConflictName(folder, name);
   } else if (const auto known = drive.nodes.Find(folder, name); known) {
     drive.nodes.Unlink(*known);  // what the kernel and readers have of it is of another content

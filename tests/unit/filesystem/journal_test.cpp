@@ -426,6 +426,32 @@ TEST_F(JournalTest, ALockedFileIsNoConflictAndWhatCannotBeSentIsNotSentAllTheTim
   EXPECT_EQ(protocol.Content("/file"), "ours");
 }
 
+TEST_F(JournalTest, AFolderWithUnsentFilesStaysThoughTheRemoteHasAFileInItsPlace) {
+  protocol.MakeFolder("/folder");
+  Drive drive(std::make_shared<fs::FileSystem>(fs::Clock::duration::zero()));
+  drive.files->UseJournal(fs::Journal::Open(base.path(), "drive"));
+  drive.files->AddProtocol(Share(protocol));
+  protocol.refusal = ACCESS_DENIED;
+  ASSERT_EQ(drive.WriteFile("/folder/new", "ours"), 0);
+  protocol.Remove("/folder");
+  protocol.Write("/folder", "theirs");
+  fs::Stat stat;
+  ASSERT_EQ(drive.files->Lookup(fs::kRootIno, "folder", stat), 0);
+  EXPECT_TRUE(stat.is_folder);
+  EXPECT_EQ(drive.files->GetAttributes(stat.ino, stat), 0);
+  fs::FileSystem::Opened opened;
+  EXPECT_EQ(drive.files->Create(fs::kRootIno, "folder", O_WRONLY, stat, opened), EISDIR);
+  const fs::Entry theirs{"folder", {.is_folder = false, .version = "theirs"}};
+  ASSERT_TRUE(drive.files->LookUpEntry(fs::kRootIno, theirs, fs::Clock::now(), stat));
+  EXPECT_TRUE(stat.is_folder);
+  EXPECT_EQ(drive.Content("/folder/new"), "ours");
+  protocol.refusal = SUCCESS;
+  EXPECT_EQ(drive.files->SendAll(kPatience), 1U) << "there is no place for it";
+  protocol.Remove("/folder");
+  EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
+  EXPECT_EQ(protocol.Content("/folder/new"), "ours");
+}
+
 TEST_F(JournalTest, AFolderMadeElsewhereUnderTheNameOfAnUnsentFileStandsBesideIt) {
   Drive drive(protocol, base.path());
   (void)drive.Names("/");

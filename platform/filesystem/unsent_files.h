@@ -33,8 +33,8 @@ class UnsentFiles {
   // A protocol was added. Before TakeOver.
   void Identify(int protocol) TARN_EXCLUDES(drive.lock);
   // What waits in journals for a protocol is there for programs as it was. Returns the files that
-  // are to be sent. Waits for changes of their places. Files whose places cannot be told now, for a
-  // move that was cut off, come later.
+  // are to be sent, the oldest first. Waits for changes of their places. Files whose places cannot
+  // be told now, for a move that was cut off, come later.
   [[nodiscard]] std::vector<Ino> TakeOver(int protocol) TARN_EXCLUDES(publishing, drive.lock);
   // Tries again what EndMove has left to be written.
   void WriteRecords() TARN_EXCLUDES(publishing, drive.lock);

@@ -23,6 +23,11 @@ bool Concerns(const Journal::Move& move, const Journal::Unsent& unsent) {
          IsWithin(unsent.record.path, move.to);
 }
 
+bool IsNewer(const Journal::Unsent& one, const Journal::Unsent& other) {
+  const auto time = [](const FS_TIME& of) { return std::pair(of.seconds, of.nanoseconds); };
+  return time(one.record.modified) > time(other.record.modified);
+}
+
 template <typename T>
 void Append(std::vector<T>& all, std::vector<T>& more) {
   all.insert(all.end(), std::move_iterator(more.begin()), std::move_iterator(more.end()));
@@ -72,9 +77,11 @@ std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
   if (!found.empty()) {
     Log(LOGLEVEL_INFO, "%zu files that were not sent before are sent now", found.size());
   }
+  std::stable_sort(found.begin(), found.end(), IsNewer);  // the newest of a name gets it
   for (Journal::Unsent& unsent : found) {
     adopted.push_back(Adopt(std::move(unsent), protocol));
   }
+  std::reverse(adopted.begin(), adopted.end());
   return adopted;
 }
 

@@ -42,10 +42,14 @@ class JournalTest : public testing::Test {
     return count;
   }
 
-  // Puts a new file into a journal.
-  static void PutOne(fs::Journal& journal, const std::string& path, const std::string& text,
-                     const std::string& remote = "memory:", const std::string& id = "one") {
-    fs::Journal::Record record{.remote = remote, .path = path, .size = text.size(), .replaces = ""};
+  // Puts a new file into a journal, newer than those before.
+  void PutOne(fs::Journal& journal, const std::string& path, const std::string& text,
+              const std::string& remote = "memory:", const std::string& id = "one") {
+    fs::Journal::Record record{.remote = remote,
+                               .path = path,
+                               .size = text.size(),
+                               .modified = {++last_modified, 0},
+                               .replaces = ""};
     std::shared_ptr<fs::Content> content;
     size_t written = 0;
     ASSERT_EQ(fs::Content::Make(journal.GetFolder(), true, content), 0);
@@ -53,6 +57,7 @@ class JournalTest : public testing::Test {
     ASSERT_EQ(journal.Put(id, record, *content), 0);
   }
 
+  long long last_modified = 0;
   TempFolder base;
   LentLibraries libraries;
   MemoryProtocol protocol;
@@ -253,6 +258,8 @@ TEST_F(JournalTest, AMoveThatTheProcessDidNotLiveToSeeHasHappenedOrNot) {
 TEST_F(JournalTest, AMoveIsRememberedUntilTheRecordsOfItsFilesAreWritten) {
   {
     const auto journal = fs::Journal::Open(base.path(), "drive");
+    PutOne(*journal, "/same", "old", "memory:", "three");
+    PutOne(*journal, "/same", "new", "memory:", "four");
     PutOne(*journal, "/from/file", "ours");
     ASSERT_EQ(journal->Put(fs::Journal::Move{"two", "memory:", "/from", "/to", true, 0, {}, ""}),
               0);
@@ -264,7 +271,8 @@ TEST_F(JournalTest, AMoveIsRememberedUntilTheRecordsOfItsFilesAreWritten) {
   }
   Drive drive(protocol, base.path());
   EXPECT_EQ(drive.files->SendAll(kPatience), 0U);
-  EXPECT_EQ(protocol.Paths(), (std::vector<std::string>{"/to", "/to/file"}));
+  EXPECT_THAT(protocol.Paths(), testing::ElementsAre("/same", testing::_, "/to", "/to/file"));
+  EXPECT_EQ(protocol.Content("/same"), "new") << "the old one stands beside it";
 }
 
 TEST_F(JournalTest, ARenameOnAFullDiskFailsOrSurvivesTheProcess) {

@@ -166,6 +166,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
       TARN_EXCLUDES(drive.lock);
+  class Parting;
+  [[nodiscard]] std::string IdOf(const OpenFile* file) const TARN_EXCLUDES(drive.lock);  // or ""
+  [[nodiscard]] FS_TIME ModifiedOf(const OpenFile& file) const TARN_EXCLUDES(drive.lock);
   // The protocol that a new file in the folder goes to.
   [[nodiscard]] int FindProtocol(Ino folder, int& protocol) TARN_EXCLUDES(drive.lock);
   // Moves a file that is at this side only, by `move`, once the journal has its new place.

@@ -89,7 +89,11 @@ int FileSystem::SetSize(Ino ino, std::uint64_t size) {
       return error;
     }
   }
-  const auto file = GetHandle(opened.handle)->file;
+  const auto open = GetHandle(opened.handle);
+  if (!open) {
+    return EBADF;  // everything was closed meanwhile
+  }
+  const auto& file = open->file;
   std::shared_ptr<WorkFile> work;
   int error = WorkFor(file, size, work);
   error = error == 0 ? work->SetSize(size) : error;

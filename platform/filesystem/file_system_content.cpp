@@ -130,7 +130,7 @@ int FileSystem::Open(Ino ino, int flags, Opened& opened) {
     if (error != 0 && !is_local) {
       return error;
     }
-    if (!is_local && WasStoredSince(ino, attributes)) {
+    if (!is_local && (!drive.nodes.Exists(ino) || WasStoredSince(ino, attributes))) {
       return ESTALE;  // the kernel asks again
     }
     file = drive.open_files.Ensure(ino);
@@ -207,24 +207,30 @@ int FileSystem::WorkFor(const std::shared_ptr<OpenFile>& file, std::uint64_t kee
   if (error == 0) {
     work->SetModified(attributes.modified);
     file->work = work;
-    work->IsComplete() ? file->DropReader() : file->reader.reset();
+    if (work->IsComplete()) {
+      file->DropReader();
+    }
   }
   return error;
 }
 
 WorkFile::Base FileSystem::BaseOf(const std::shared_ptr<OpenFile>& file, std::uint64_t length) {
-  const auto reader = readers.Get(*file);
   return {.read =
-              [reader, progress = file->progress](std::uint64_t offset, void* buffer, size_t wanted,
-                                                  size_t& received) {
-                ++*progress;
-                Bytes part;
-                const int error = reader->View(offset, wanted, part);
+              [self = weak_from_this(), of = std::weak_ptr(file)](
+                  std::uint64_t offset, void* buffer, size_t wanted, size_t& received) {
+                const auto files = self.lock();
+                const auto open = of.lock();
+                if (!files || !open) {
+                  return ESTALE;
+                }
+                ++*open->progress;
+                Bytes part;  // of the version that the file has now, which a move may have changed
+                const int error = files->readers.Get(*open)->View(offset, wanted, part);
                 std::copy_n(part.data, part.length, static_cast<char*>(buffer));
                 received = part.length;
                 return error;
               },
-          .size = std::min(length, reader->GetFile().size)};
+          .size = std::min(length, readers.Get(*file)->GetFile().size)};
 }
 
 int FileSystem::Preserve(const std::shared_ptr<OpenFile>& file) {
@@ -333,7 +339,11 @@ void FileSystem::CloseHandle(std::uint64_t handle) {
   std::optional<std::string> torn;
   {
     const MutexLock guard(drive.lock);
-    const Handle open = *handles.Find(handle);
+    const Handle* const known = handles.Find(handle);
+    if (known == nullptr) {
+      return;  // everything was closed meanwhile
+    }
+    const Handle open = *known;
     handles.Remove(handle);
     const auto& file = open.file;
     --file->handles;

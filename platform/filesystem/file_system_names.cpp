@@ -88,6 +88,12 @@ int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
   if (!hold) {
     return ENOENT;
   }
+  {
+    const MutexLock guard(drive.lock);
+    if (const auto file = drive.open_files.Find(folder, name); file && file->work) {
+      return EEXIST;  // taken over late, so that the kernel does not know of it yet
+    }
+  }
   const AERROR error = remote.CreateFolder(paths[0]);
   if (error != SUCCESS) {
     events.Failed(FS_EVENT_CREATE_DIRECTORY, error, paths[0], paths[0]);
@@ -106,6 +112,31 @@ int FileSystem::MakeFolder(Ino folder, const std::string& name, Stat& stat) {
   return 0;
 }
 
+// While the remote may lose a file, those who have it open keep what of it is on this machine.
+class FileSystem::Parting {
+ public:
+  Parting(FileSystem& of, std::shared_ptr<OpenFile> losing) : files(of), file(std::move(losing)) {
+    Mark(true);
+  }
+  ~Parting() { Mark(false); }
+  Parting(const Parting&) = delete;
+  Parting& operator=(const Parting&) = delete;
+
+ private:
+  void Mark(bool is_going) {
+    if (file) {
+      const MutexLock guard(files.drive.lock);
+      file->is_going = is_going;
+      if (!is_going) {
+        files.drive.open_files.DropIfUnused(file);
+      }
+    }
+  }
+
+  FileSystem& files;
+  const std::shared_ptr<OpenFile> file;
+};
+
 int FileSystem::RemoveFile(Ino folder, const std::string& name) {
   std::vector<std::string> paths;
   const auto hold = drive.HoldPlaces({{{folder, name}, Haste::kAtOnce}}, paths);
@@ -117,6 +148,7 @@ int FileSystem::RemoveFile(Ino folder, const std::string& name) {
     const MutexLock guard(drive.lock);
     file = drive.open_files.Find(folder, name);
   }
+  const Parting parting(*this, file);
   if (const int error = sender.HasCome(file, paths[0]) ? DeleteAtRemote(file, paths[0]) : 0;
       error != 0) {
     return error;
@@ -145,9 +177,6 @@ int FileSystem::DeleteAtRemote(const std::shared_ptr<OpenFile>& file, const std:
   events.Failed(FS_EVENT_DELETE, error, path, path);
   const MutexLock guard(drive.lock);
   drive.listings.Forget(path);
-  if (file) {
-    drive.open_files.DropIfUnused(file);
-  }
   return ErrnoOf(error);
 }
 
@@ -212,6 +241,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
     target = drive.open_files.Find(new_folder, new_name);
     target = target == source ? nullptr : target;
   }
+  const Parting parting(*this, target);
   if (const int error = may_replace ? 0 : CheckFree(paths[1], target != nullptr); error != 0) {
     return error;
   }
@@ -225,6 +255,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   }
   // A move may make another version of the same content; who has the file open reads on.
   const bool is_as_opened = is_at_remote && source && finder.IsAsOpened(*source, paths[0]);
+  const FS_TIME modified = source ? ModifiedOf(*source) : FS_TIME{};
   const auto move_here = [&] {
     const MutexLock guard(drive.lock);
     Moved(folder, name, new_folder, new_name, paths);
@@ -236,19 +267,15 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   error = error == 0 && is_at_remote ? MoveAtRemote(paths[0], paths[1]) : error;
   if (error != 0) {
     (void)unsent_files.EndMove(noted);
-    if (target) {
-      const MutexLock guard(drive.lock);
-      drive.open_files.DropIfUnused(target);
-    }
     return error;
   }
   std::vector<std::shared_ptr<OpenFile>> unwritten;
   if (is_at_remote) {
     move_here();
     if (is_as_opened) {
-      (void)finder.TakeNewVersion(*source, paths[1]);
+      (void)finder.TakeNewVersion(*source, paths[1], modified);
     }
-    unwritten = unsent_files.Moved(InoOf(new_folder, new_name), target ? target->id : "");
+    unwritten = unsent_files.Moved(InoOf(new_folder, new_name), IdOf(target.get()));
   }
   if (target) {
     DropUnsent(target);
@@ -271,14 +298,23 @@ int FileSystem::MoveHere(OpenFile& source, const OpenFile* target, const Place& 
     before = source.remote;
     TakePlaceOf(source, target, place, protocol);
   }
-  const int error =
-      path ? unsent_files.Move(source, *path, target != nullptr ? target->id : "", move) : ENOENT;
+  const int error = path ? unsent_files.Move(source, *path, IdOf(target), move) : ENOENT;
   if (error != 0) {
     const MutexLock guard(drive.lock);
     source.at_remote = was_at_remote;
     source.remote = before;
   }
   return error;
+}
+
+std::string FileSystem::IdOf(const OpenFile* file) const {
+  const MutexLock guard(drive.lock);
+  return file != nullptr ? file->id : "";
+}
+
+FS_TIME FileSystem::ModifiedOf(const OpenFile& file) const {
+  const MutexLock guard(drive.lock);
+  return file.remote.modified;
 }
 
 int FileSystem::CheckFree(const std::string& path, bool is_open) {
@@ -353,7 +389,9 @@ void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
   }
   if (const auto ino = drive.nodes.Find(folder, name); ino) {
     drive.nodes.Move(*ino, new_folder, new_name);
-    drive.nodes.KernelOf(*ino).looked_up = {};  // under the old name, which may be of no use now
+    KernelState& known = drive.nodes.KernelOf(*ino);
+    known.looked_up = {};  // what was found under the old name may be of no use now
+    known.fetched_ahead = false;
   } else if (const auto target = drive.nodes.Find(new_folder, new_name); target) {
     drive.nodes.Unlink(*target);
   }

@@ -130,13 +130,17 @@ bool Finder::IsAsOpened(const OpenFile& file, const std::string& path) {
   return now.attributes.version == file.remote.version;
 }
 
-bool Finder::TakeNewVersion(OpenFile& file, const std::string& path) {
+bool Finder::TakeNewVersion(OpenFile& file, const std::string& path,
+                            const std::optional<FS_TIME>& modified) {
   Listings::Answer now;
   if (Find(path, true, now) != 0 || now.known != Listings::Known::kPresent) {
     return false;
   }
   const MutexLock guard(drive.lock);
-  if (now.attributes.size != file.remote.size) {
+  const FS_TIME& time = now.attributes.modified;
+  const bool has_time =
+      !modified || (time.seconds == modified->seconds && time.nanoseconds == modified->nanoseconds);
+  if (now.attributes.size != file.remote.size || !has_time) {
     return false;
   }
   if (drive.nodes.Exists(file.ino) &&

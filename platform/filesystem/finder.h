@@ -36,9 +36,11 @@ class Finder {
   // Whether the remote has, under this path, what it had when the file was opened.
   [[nodiscard]] bool IsAsOpened(const OpenFile& file, const std::string& path)
       TARN_EXCLUDES(drive.lock);
-  // After a change of the file's time from here, which may mean another version of the same
-  // content: who has it open reads on. False: nothing to take was found.
-  [[nodiscard]] bool TakeNewVersion(OpenFile& file, const std::string& path)
+  // After a change of the file's time or name from here, which may mean another version of the
+  // same content: who has it open reads on. `modified`: the time that the same content has. False:
+  // nothing to take was found.
+  [[nodiscard]] bool TakeNewVersion(OpenFile& file, const std::string& path,
+                                    const std::optional<FS_TIME>& modified = std::nullopt)
       TARN_EXCLUDES(drive.lock);
 
  private:

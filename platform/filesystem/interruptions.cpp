@@ -9,7 +9,7 @@ namespace tarn::fs {
 
 namespace {
 
-constexpr int kMaxGivenUp = 64;  // half of the threads that serve
+constexpr int kMaxGivenUp = 64;  // half of the calls that one protocol takes at a time
 
 }  // namespace
 

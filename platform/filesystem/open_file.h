@@ -25,6 +25,7 @@ struct OpenFile {
   int writers = 0;  // of the handles
   std::shared_ptr<WorkFile> work;
   bool preparing = false;              // somebody is making `work`, and will tell
+  bool is_going = false;               // the remote is about to lose it, so `work` stays
   std::optional<mode_t> created_with;  // the permissions asked for, of a file that is new
   bool at_remote = false;              // the remote has something under this file's name
   Attributes remote;                   // what the remote has, as of the last open or upload

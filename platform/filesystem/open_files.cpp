@@ -36,7 +36,7 @@ void OpenFiles::DropIfUnused(const FilePtr& file) {
   if (file->preparing || is_unsent) {
     return;
   }
-  if (file->writers == 0 && linked) {
+  if (file->writers == 0 && linked && !file->is_going) {
     file->work.reset();
   }
   if (file->handles == 0 && files.erase(file->ino) != 0) {

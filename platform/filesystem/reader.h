@@ -56,7 +56,7 @@ class Reader : public std::enable_shared_from_this<Reader> {
   static constexpr size_t kMaxAheadBytes = 14 * kPieceBytes;
 
   struct File {
-    std::string key;  // for the cache: differs between files
+    std::string key;  // for the cache: differs between files and what is stored in them from here
     std::string version;
     std::uint64_t size = 0;  // bytes
     bool is_fresh = false;   // nothing of this version was given to anybody yet

@@ -119,6 +119,11 @@ std::optional<std::chrono::system_clock::time_point> Remote::UnreachableSince() 
   return first;
 }
 
+AERROR Remote::WithoutProtocols(AERROR otherwise) const {
+  const MutexLock guard(lock);
+  return closed ? DEVICE_NOT_READY : otherwise;
+}
+
 int Remote::Count() const {
   const MutexLock guard(lock);
   return static_cast<int>(protocols.size());
@@ -162,7 +167,7 @@ AERROR Remote::GetInfo(const std::string& path, Attributes& attributes) {
       return error;
     }
   }
-  return FILE_NOT_FOUND;
+  return WithoutProtocols(FILE_NOT_FOUND);
 }
 
 AERROR Remote::ListFrom(int index, const std::string& path, std::vector<Entry>& entries) {
@@ -185,7 +190,7 @@ AERROR Remote::ListFrom(int index, const std::string& path, std::vector<Entry>& 
 AERROR Remote::List(const std::string& path, std::vector<Entry>& entries) {
   entries.clear();
   const int count = Count();
-  AERROR result = count == 0 && path == "/" ? SUCCESS : FILE_NOT_FOUND;
+  AERROR result = WithoutProtocols(count == 0 && path == "/" ? SUCCESS : FILE_NOT_FOUND);
   for (int index = 0; index < count; ++index) {
     const AERROR error = ListFrom(index, path, entries);
     // A listing that lacks what one of several could not tell would look like deleted files.
@@ -235,7 +240,7 @@ AERROR Remote::FindFolder(const std::string& path, int& protocol) {
       return error;
     }
   }
-  return PATH_NOT_FOUND;
+  return WithoutProtocols(PATH_NOT_FOUND);
 }
 
 AERROR Remote::FindPlaceFor(const std::string& path, int& protocol) {
@@ -292,7 +297,7 @@ AERROR Remote::DeleteFolder(const std::string& path) {
       return error != SUCCESS ? error : DIR_NOT_EMPTY;
     }
   }
-  AERROR result = FILE_NOT_FOUND;
+  AERROR result = WithoutProtocols(FILE_NOT_FOUND);
   for (int index = 0; index < count; ++index) {
     const AERROR error = Run(index, [&](LimitedProtocol& remote) {
       return remote.Change(

@@ -22,9 +22,8 @@ namespace tarn::fs {
 //
 // Owns:    its shares of the protocols.
 // Threads: any. No lock is held while a protocol works.
-// Errors:  AERROR; FILE_NOT_FOUND without protocols, DEVICE_NOT_READY from a protocol that cannot
-// be
-//          reached, and after Close.
+// Errors:  AERROR; FILE_NOT_FOUND without protocols; DEVICE_NOT_READY from a protocol that cannot
+//          be reached, and after Close.
 class Remote {
  public:
   // `listener` is told when the first of the protocols cannot be reached any more, and when the
@@ -81,6 +80,8 @@ class Remote {
   [[nodiscard]] bool Close();
 
  private:
+  // The answer where no protocol gave one.
+  [[nodiscard]] AERROR WithoutProtocols(AERROR otherwise) const TARN_EXCLUDES(lock);
   using Protocols = std::vector<std::shared_ptr<LimitedProtocol>>;
 
   template <typename Operation>

@@ -148,10 +148,12 @@ size_t Sender::SendAll(Clock::duration patience) {
 AERROR Sender::SendInBackground(Ino ino) {
   FilePtr file;
   int protocol = 0;
+  bool is_kept = true;
   {
     const MutexLock guard(drive.lock);
     file = drive.open_files.Find(ino);
     protocol = file ? file->remote.protocol : 0;
+    is_kept = !file || file->is_kept;
   }
   if (!file) {
     return SUCCESS;
@@ -159,12 +161,16 @@ AERROR Sender::SendInBackground(Ino ino) {
   if (!remote.CanReach(protocol)) {
     return DEVICE_NOT_READY;  // not tried, so there is nothing to tell
   }
+  if (!is_kept &&
+      unsent_files.Complete(*file) != 0) {  // may take long, so before the place is held
+    return FILE_READ_FAILED;
+  }
   const AERROR error = Send(file, What::kKept);
   bool is_newer = false;
   {
     const MutexLock guard(drive.lock);
     drive.open_files.DropIfUnused(file);
-    is_newer = file->unsent.content && drive.nodes.PathOf(ino);
+    is_newer = file->work && file->unsent.content && drive.nodes.PathOf(ino);
   }
   if (error == SUCCESS && is_newer) {
     Add(ino);

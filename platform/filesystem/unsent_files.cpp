@@ -46,8 +46,12 @@ int UnsentFiles::MakeWork(std::shared_ptr<WorkFile>& work) const {
 
 bool UnsentFiles::CanKeep(const OpenFile& file) const {
   const MutexLock guard(drive.lock);
-  const auto protocol = static_cast<size_t>(file.remote.protocol);
-  return journal && protocol < identities.size() && !identities[protocol].empty();
+  return journal && !IdentityOf(file.remote.protocol).empty();
+}
+
+std::string UnsentFiles::IdentityOf(int protocol) const {
+  const auto index = static_cast<size_t>(protocol);
+  return index < identities.size() ? identities[index] : "";
 }
 
 int UnsentFiles::Complete(OpenFile& file) {
@@ -57,11 +61,9 @@ int UnsentFiles::Complete(OpenFile& file) {
     work = drive.nodes.PathOf(file.ino) ? file.work : nullptr;  // else it goes nowhere
   }
   const int error = work && work->IsDirty() ? work->Complete() : 0;
-  if (error != 0) {
-    const MutexLock guard(drive.lock);
-    file.is_kept = false;
-    file.is_torn = error == ESTALE;
-  }
+  const MutexLock guard(drive.lock);
+  file.is_kept = file.is_kept && error == 0;
+  file.is_torn = error == ESTALE;  // no longer when all of it was written anew
   return error == ESTALE ? EIO : error;
 }
 
@@ -122,7 +124,7 @@ int UnsentFiles::PutRecord(const OpenFile& file, const std::string& path,
             {std::string(NameOf(attempt.content->Path())), attempt.state.size});
       }
     }
-    record.remote = identities[static_cast<size_t>(file.remote.protocol)];
+    record.remote = IdentityOf(file.remote.protocol);
   }
   return journal->Put(file.id, record, *snapshot.content);
 }

@@ -120,6 +120,13 @@ class UnsentFiles {
   // `moved` gets what is in the new place, if it has happened. Unset: cannot be found out now.
   [[nodiscard]] std::optional<bool> HasHappened(const Journal::Move& move, Attributes& moved);
   [[nodiscard]] Ino Adopt(Journal::Unsent unsent, int protocol) TARN_EXCLUDES(drive.lock);
+  // The file that takes over what is for the path; `is_beside` is set where it has another name,
+  // because programs have changed what has that one.
+  [[nodiscard]] FilePtr MakePlaceFor(const std::string& path, bool& is_beside)
+      TARN_REQUIRES(drive.lock);
+  static void FillAdopted(OpenFile& file, const Journal::Unsent& unsent, int protocol,
+                          bool is_beside);
+  [[nodiscard]] std::string IdentityOf(int protocol) const TARN_REQUIRES(drive.lock);
 
   DriveState& drive;
   Remote& remote;

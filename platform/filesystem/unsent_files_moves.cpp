@@ -43,11 +43,10 @@ void UnsentFiles::Identify(int protocol) {
 }
 
 std::vector<Ino> UnsentFiles::TakeOver(int protocol) {
-  const auto index = static_cast<size_t>(protocol);
   std::string identity;
   {
     const MutexLock guard(drive.lock);
-    identity = index < identities.size() ? identities[index] : "";
+    identity = IdentityOf(protocol);
   }
   std::vector<Ino> adopted;
   if (!journal || identity.empty()) {
@@ -101,37 +100,61 @@ Ino UnsentFiles::Adopt(Journal::Unsent unsent, int protocol) {
   const Journal::Record& record = unsent.record;
   std::vector<std::string> paths;
   const auto hold = drive.HoldPlaces({{{kRootIno, record.path.substr(1)}}}, paths);
-  const MutexLock guard(drive.lock);
+  FilePtr file;
+  bool is_beside = false;
+  {
+    const MutexLock guard(drive.lock);
+    file = MakePlaceFor(record.path, is_beside);
+    FillAdopted(*file, unsent, protocol, is_beside);
+  }
+  if (is_beside) {
+    KeepAnew(*file);  // under the name that it has now
+  }
+  return file->ino;
+}
+
+UnsentFiles::FilePtr UnsentFiles::MakePlaceFor(const std::string& path, bool& is_beside) {
   Ino folder = kRootIno;
-  std::string name(NameOf(record.path));
-  for (size_t start = 1, end = 0; end = record.path.find('/', start), end != std::string::npos;
+  const auto beside_changed = [&](std::string name) TARN_REQUIRES(drive.lock) {
+    const auto other = drive.open_files.Find(folder, name);
+    if (!other || !(other->work || other->preparing || other->writers > 0)) {
+      return name;
+    }
+    is_beside = true;
+    return drive.nodes.FreeConflictName(folder, name);
+  };
+  for (size_t start = 1, end = 0; end = path.find('/', start), end != std::string::npos;
        start = end + 1) {
-    folder = drive.nodes.Ensure(folder, record.path.substr(start, end - start), true);
+    folder = drive.nodes.Ensure(folder, beside_changed(path.substr(start, end - start)), true);
   }
   drive.nodes.Pin(folder);
-  const auto other = drive.open_files.Find(folder, name);
-  if ((other && (other->work || other->preparing || other->writers > 0)) ||
-      drive.open_files.HoldsUnsent(folder, name)) {
+  std::string name = beside_changed(std::string(NameOf(path)));
+  if (drive.open_files.HoldsUnsent(folder, name)) {
+    is_beside = true;
     name = drive.nodes.FreeConflictName(folder, name);
   } else if (const auto known = drive.nodes.Find(folder, name); known) {
     drive.nodes.Unlink(*known);  // what the kernel and readers have of it is of another content
   }
-  const auto file = drive.open_files.Ensure(drive.nodes.Ensure(folder, name, false));
+  FilePtr file = drive.open_files.Ensure(drive.nodes.Ensure(folder, name, false));
   drive.nodes.Unpin(folder);
-  file->work = std::make_shared<WorkFile>(unsent.content, record.size, record.modified);
-  file->unsent = file->work->TakeSnapshot();
-  file->id = unsent.id;
-  file->is_kept = true;
+  return file;
+}
+
+void UnsentFiles::FillAdopted(OpenFile& file, const Journal::Unsent& unsent, int protocol,
+                              bool is_beside) {
+  const Journal::Record& record = unsent.record;
+  file.work = std::make_shared<WorkFile>(unsent.content, record.size, record.modified);
+  file.unsent = file.work->TakeSnapshot();
+  file.id = unsent.id;
+  file.is_kept = true;
   for (size_t i = 0; i < unsent.attempts.size(); ++i) {
     const WorkFile::State state{.change = 0, .size = record.attempts[i].size, .modified = {}};
-    file->attempts.push_back(
-        {.content = unsent.attempts[i], .state = state, .sent_bytes = nullptr});
+    file.attempts.push_back({.content = unsent.attempts[i], .state = state, .sent_bytes = nullptr});
   }
-  file->attempts.push_back(file->unsent);
-  file->at_remote = !record.replaces || !record.replaces->empty();
-  file->remote.version = record.replaces.value_or("");
-  file->remote.protocol = protocol;
-  return file->ino;
+  file.attempts.push_back(file.unsent);
+  file.at_remote = !is_beside && (!record.replaces || !record.replaces->empty());
+  file.remote.version = is_beside ? "" : record.replaces.value_or("");
+  file.remote.protocol = protocol;
 }
 
 int UnsentFiles::Move(const OpenFile& file, const std::string& path,
@@ -162,12 +185,12 @@ int UnsentFiles::BeginMove(Ino source_ino, const std::vector<std::string>& paths
     }
   }
   Attributes source;
-  if (remote.GetInfo(paths[0], source) != SUCCESS) {
-    return 0;  // neither will it be moved
+  if (const AERROR error = remote.GetInfo(paths[0], source); error != SUCCESS) {
+    return ErrnoOf(error);
   }
   {
     const MutexLock guard(drive.lock);
-    move.remote = identities[static_cast<size_t>(source.protocol)];
+    move.remote = IdentityOf(source.protocol);
   }
   move.id = Journal::MakeId();
   move.from = paths[0];
@@ -218,7 +241,12 @@ std::vector<UnsentFiles::FilePtr> UnsentFiles::Moved(Ino top, const std::string&
   }
   for (const auto& [file, place] : moved) {
     Attributes now;
-    if (file->at_remote && remote.GetInfo(place, now) == SUCCESS) {
+    bool is_at_remote = false;
+    {
+      const MutexLock guard(drive.lock);
+      is_at_remote = file->at_remote;
+    }
+    if (is_at_remote && remote.GetInfo(place, now) == SUCCESS) {
       const MutexLock guard(drive.lock);
       const bool is_the_same = IsSame(now, file->remote.size, file->remote.modified);
       file->remote = is_the_same ? now : file->remote;

@@ -63,6 +63,25 @@ TEST_F(FileSystemTest, OfALargeFileThatIsChangedOnlyWhatIsNeededIsFetchedBeforeI
   EXPECT_EQ(protocol.Content("/lost"), "theirs");
 }
 
+TEST_F(FileSystemTest, AFileThatIsPartlyChangedCanBeRenamedAndWrittenAnewWhereItsRestIsLost) {
+  const std::string before(5'000'000, 'a');
+  protocol.Write("/log", before);
+  const int log = drive.Opened("/log", O_RDWR);
+  EXPECT_EQ(drive.Write(log, 5'000'000, "b"), 0);
+  EXPECT_EQ(drive.Rename("/log", "/old"), 0) << "of which the remote makes another version";
+  EXPECT_EQ(drive.Close(log), 0);
+  EXPECT_TRUE(protocol.Content("/old") == before + "b");
+
+  const int lost = drive.Opened("/old", O_RDWR);
+  EXPECT_EQ(drive.Write(lost, 0, "c"), 0);
+  protocol.Write("/old", std::string(5'000'000, 'd'));
+  EXPECT_EQ(drive.Sync(lost), EIO);
+  EXPECT_EQ(drive.Truncate(lost, 1), 0);
+  protocol.refusal = ACCESS_DENIED;
+  EXPECT_NE(drive.Close(lost), 0);
+  EXPECT_TRUE(drive.Content("/old") == "c") << "it is whole again, though not at the remote";
+}
+
 TEST_F(FileSystemTest, CloseTellsThatTheRemoteTookNothingAndTheContentStaysReadable) {
   const std::string content(1'000'000, 'x');
   const int file = drive.Opened("/file", O_WRONLY | O_CREAT);

@@ -164,6 +164,16 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] bool LookUpKept(Ino folder, const std::string& name, Stat& stat)
       TARN_REQUIRES(drive.lock);
   [[nodiscard]] int CheckFree(const std::string& path, bool is_open) TARN_EXCLUDES(drive.lock);
+  struct Renaming {
+    Place from;
+    Place to;
+    std::vector<std::string> paths = {};         // of these
+    std::shared_ptr<OpenFile> source = nullptr;  // what is open there, or unsent
+    std::shared_ptr<OpenFile> target = nullptr;
+  };
+  [[nodiscard]] int RenameAtRemote(const Renaming& renaming) TARN_EXCLUDES(drive.lock);
+  // Of a file that is at this side only; happens once the journal has its new place.
+  [[nodiscard]] int RenameHere(const Renaming& renaming) TARN_EXCLUDES(drive.lock);
   [[nodiscard]] int MoveAtRemote(const std::string& from, const std::string& to)
       TARN_EXCLUDES(drive.lock);
   class Parting;
@@ -171,14 +181,9 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
   [[nodiscard]] FS_TIME ModifiedOf(const OpenFile& file) const TARN_EXCLUDES(drive.lock);
   // The protocol that a new file in the folder goes to.
   [[nodiscard]] int FindProtocol(Ino folder, int& protocol) TARN_EXCLUDES(drive.lock);
-  // Moves a file that is at this side only, by `move`, once the journal has its new place.
-  [[nodiscard]] int MoveHere(OpenFile& source, const OpenFile* target, const Place& place,
-                             int protocol, const std::function<void()>& move)
-      TARN_EXCLUDES(drive.lock);
   void TakePlaceOf(OpenFile& source, const OpenFile* target, const Place& place, int protocol)
       TARN_REQUIRES(drive.lock);
-  void Moved(Ino folder, const std::string& name, Ino new_folder, const std::string& new_name,
-             const std::vector<std::string>& paths) TARN_REQUIRES(drive.lock);
+  void Moved(const Renaming& renaming) TARN_REQUIRES(drive.lock);
   // Nobody has the file under its old name any more.
   void DropUnsent(const std::shared_ptr<OpenFile>& file) TARN_EXCLUDES(drive.lock);
 

@@ -224,22 +224,19 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (is_another && HoldsUnsent(new_folder, new_name)) {
     return ENOTEMPTY;  // as in RemoveFolder
   }
-  std::vector<std::string> paths;
-  const auto hold = drive.HoldPlaces(
-      {{{folder, name}, Haste::kUnlessQuick}, {{new_folder, new_name}, Haste::kAtOnce}}, paths);
+  Renaming renaming{.from = {folder, name}, .to = {new_folder, new_name}};
+  auto& [from, to, paths, source, target] = renaming;
+  const auto hold = drive.HoldPlaces({{from, Haste::kUnlessQuick}, {to, Haste::kAtOnce}}, paths);
   if (!hold) {
     return ENOENT;
   }
   if (is_another && HoldsUnsent(new_folder, new_name)) {
     return ENOTEMPTY;
   }
-  std::shared_ptr<OpenFile> source;
-  std::shared_ptr<OpenFile> target;
   {
     const MutexLock guard(drive.lock);
     source = drive.open_files.Find(folder, name);
-    target = drive.open_files.Find(new_folder, new_name);
-    target = target == source ? nullptr : target;
+    target = is_another ? drive.open_files.Find(new_folder, new_name) : nullptr;
   }
   const Parting parting(*this, target);
   if (const int error = may_replace ? 0 : CheckFree(paths[1], target != nullptr); error != 0) {
@@ -248,35 +245,29 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   if (const int error = target ? Preserve(target) : 0; error != 0) {
     return error;
   }
-  const bool is_at_remote = sender.HasCome(source, paths[0]);
-  int protocol = 0;
-  if (const int error = is_at_remote ? 0 : FindProtocol(new_folder, protocol); error != 0) {
-    return error;
-  }
+  return sender.HasCome(source, paths[0]) ? RenameAtRemote(renaming) : RenameHere(renaming);
+}
+
+int FileSystem::RenameAtRemote(const Renaming& renaming) {
+  const auto& [from, to, paths, source, target] = renaming;
   // A move may make another version of the same content; who has the file open reads on.
-  const bool is_as_opened = is_at_remote && source && finder.IsAsOpened(*source, paths[0]);
+  const bool is_as_opened = source && finder.IsAsOpened(*source, paths[0]);
   const FS_TIME modified = source ? ModifiedOf(*source) : FS_TIME{};
-  const auto move_here = [&] {
-    const MutexLock guard(drive.lock);
-    Moved(folder, name, new_folder, new_name, paths);
-  };
   std::optional<Journal::Move> noted;
-  int error = is_at_remote
-                  ? unsent_files.BeginMove(InoOf(folder, name), paths, target.get(), noted)
-                  : MoveHere(*source, target.get(), {new_folder, new_name}, protocol, move_here);
-  error = error == 0 && is_at_remote ? MoveAtRemote(paths[0], paths[1]) : error;
+  int error = unsent_files.BeginMove(InoOf(from.ino, from.name), paths, target.get(), noted);
+  error = error == 0 ? MoveAtRemote(paths[0], paths[1]) : error;
   if (error != 0) {
     (void)unsent_files.EndMove(noted);
     return error;
   }
-  std::vector<std::shared_ptr<OpenFile>> unwritten;
-  if (is_at_remote) {
-    move_here();
-    if (is_as_opened) {
-      (void)finder.TakeNewVersion(*source, paths[1], modified);
-    }
-    unwritten = unsent_files.Moved(InoOf(new_folder, new_name), IdOf(target.get()));
+  {
+    const MutexLock guard(drive.lock);
+    Moved(renaming);
   }
+  if (is_as_opened) {
+    (void)finder.TakeNewVersion(*source, paths[1], modified);
+  }
+  auto unwritten = unsent_files.Moved(InoOf(to.ino, to.name), IdOf(target.get()));
   if (target) {
     DropUnsent(target);
   }
@@ -286,23 +277,31 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
   return 0;
 }
 
-int FileSystem::MoveHere(OpenFile& source, const OpenFile* target, const Place& place, int protocol,
-                         const std::function<void()>& move) {
-  std::optional<std::string> path;
+int FileSystem::RenameHere(const Renaming& renaming) {
+  int protocol = 0;
+  if (const int error = FindProtocol(renaming.to.ino, protocol); error != 0) {
+    return error;
+  }
+  OpenFile& source = *renaming.source;
   bool was_at_remote = false;
   Attributes before;
   {
     const MutexLock guard(drive.lock);
-    path = drive.nodes.PathOf(place.ino, place.name);
     was_at_remote = source.at_remote;
     before = source.remote;
-    TakePlaceOf(source, target, place, protocol);
+    TakePlaceOf(source, renaming.target.get(), renaming.to, protocol);
   }
-  const int error = path ? unsent_files.Move(source, *path, IdOf(target), move) : ENOENT;
+  const std::string superseded_id = IdOf(renaming.target.get());
+  const int error = unsent_files.Move(source, renaming.paths[1], superseded_id, [&] {
+    const MutexLock guard(drive.lock);
+    Moved(renaming);
+  });
   if (error != 0) {
     const MutexLock guard(drive.lock);
     source.at_remote = was_at_remote;
     source.remote = before;
+  } else if (renaming.target) {
+    DropUnsent(renaming.target);
   }
   return error;
 }
@@ -373,8 +372,8 @@ int FileSystem::FindProtocol(Ino folder, int& protocol) {
   return error;
 }
 
-void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
-                       const std::string& new_name, const std::vector<std::string>& paths) {
+void FileSystem::Moved(const Renaming& renaming) {
+  const auto& [from, to, paths, source, target] = renaming;
   const auto now = Clock::now();
   const Listings::Answer before = drive.listings.Find(paths[0], now);
   if (before.known != Listings::Known::kPresent || before.attributes.is_folder) {
@@ -387,13 +386,13 @@ void FileSystem::Moved(Ino folder, const std::string& name, Ino new_folder,
   } else {
     drive.listings.Forget(paths[1]);
   }
-  if (const auto ino = drive.nodes.Find(folder, name); ino) {
-    drive.nodes.Move(*ino, new_folder, new_name);
+  if (const auto ino = drive.nodes.Find(from.ino, from.name); ino) {
+    drive.nodes.Move(*ino, to.ino, to.name);
     KernelState& known = drive.nodes.KernelOf(*ino);
     known.looked_up = {};  // what was found under the old name may be of no use now
     known.fetched_ahead = false;
-  } else if (const auto target = drive.nodes.Find(new_folder, new_name); target) {
-    drive.nodes.Unlink(*target);
+  } else if (const auto replaced = drive.nodes.Find(to.ino, to.name); replaced) {
+    drive.nodes.Unlink(*replaced);
   }
 }
 

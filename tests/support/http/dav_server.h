@@ -15,9 +15,9 @@ namespace tarn::test {
 class DavServer {
  public:
   enum class Kind { kApache, kNginx };
-  struct Options {        // Apache only
-    std::string login;    // "Basic" or "Digest": for user "alice", password "open sesame"
-    bool secure = false;  // with a certificate for `certified`, signed by itself
+  struct Options {           // Apache only
+    std::string login = {};  // "Basic" or "Digest": for user "alice", password "open sesame"
+    bool secure = false;     // with a certificate for `certified`, signed by itself
     std::string certified = "IP:127.0.0.1";
   };
 

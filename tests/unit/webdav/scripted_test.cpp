@@ -408,8 +408,8 @@ TEST_F(ScriptedTest, CancelEndsTransfersWithinASecondAndLaterOnesRunOverNewConne
   EXPECT_LT(Clock::now() - start, 1s);
   EXPECT_GE(cancelled, 16);
   const auto served = [&] { return Get("/slow", content) == SUCCESS ? content[0] : '0'; };
-  EXPECT_EQ(served(), '1');
-  EXPECT_EQ(served(), '2') << "kept alive";
+  const char before = served();
+  EXPECT_EQ(served(), before + 1) << "kept alive";
   EXPECT_EQ(protocol->Cancel(), SUCCESS);
   EXPECT_EQ(served(), '1') << "what is from before may be dead";
 }

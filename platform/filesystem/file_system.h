@@ -178,7 +178,6 @@ class FileSystem : public std::enable_shared_from_this<FileSystem> {
       TARN_EXCLUDES(drive.lock);
   class Parting;
   [[nodiscard]] std::string IdOf(const OpenFile* file) const TARN_EXCLUDES(drive.lock);  // or ""
-  [[nodiscard]] FS_TIME ModifiedOf(const OpenFile& file) const TARN_EXCLUDES(drive.lock);
   // The protocol that a new file in the folder goes to.
   [[nodiscard]] int FindProtocol(Ino folder, int& protocol) TARN_EXCLUDES(drive.lock);
   void TakePlaceOf(OpenFile& source, const OpenFile* target, const Place& place, int protocol)

@@ -129,7 +129,7 @@ int FileSystem::SetModified(Ino ino, const FS_TIME& time) {
   if (unsent_files.SetModified(ino, time)) {  // it was changed while this waited
     return 0;
   }
-  const bool is_as_opened = file && finder.IsAsOpened(*file, paths[0]);
+  const bool is_as_opened = file && finder.FindAsOpened(*file, paths[0]);
   const AERROR error = remote.SetModifiedTime(paths[0], time);
   if (error == NOT_SUPPORTED) {
     return 0;  // the remote keeps no times; programs that copy them are not to fail for it

@@ -251,8 +251,7 @@ int FileSystem::Rename(Ino folder, const std::string& name, Ino new_folder,
 int FileSystem::RenameAtRemote(const Renaming& renaming) {
   const auto& [from, to, paths, source, target] = renaming;
   // A move may make another version of the same content; who has the file open reads on.
-  const bool is_as_opened = source && finder.IsAsOpened(*source, paths[0]);
-  const FS_TIME modified = source ? ModifiedOf(*source) : FS_TIME{};
+  const auto as_opened = source ? finder.FindAsOpened(*source, paths[0]) : std::nullopt;
   std::optional<Journal::Move> noted;
   int error = unsent_files.BeginMove(InoOf(from.ino, from.name), paths, target.get(), noted);
   error = error == 0 ? MoveAtRemote(paths[0], paths[1]) : error;
@@ -264,8 +263,8 @@ int FileSystem::RenameAtRemote(const Renaming& renaming) {
     const MutexLock guard(drive.lock);
     Moved(renaming);
   }
-  if (is_as_opened) {
-    (void)finder.TakeNewVersion(*source, paths[1], modified);
+  if (as_opened) {
+    (void)finder.TakeNewVersion(*source, paths[1], as_opened->modified);
   }
   auto unwritten = unsent_files.Moved(InoOf(to.ino, to.name), IdOf(target.get()));
   if (target) {
@@ -309,11 +308,6 @@ int FileSystem::RenameHere(const Renaming& renaming) {
 std::string FileSystem::IdOf(const OpenFile* file) const {
   const MutexLock guard(drive.lock);
   return file != nullptr ? file->id : "";
-}
-
-FS_TIME FileSystem::ModifiedOf(const OpenFile& file) const {
-  const MutexLock guard(drive.lock);
-  return file.remote.modified;
 }
 
 int FileSystem::CheckFree(const std::string& path, bool is_open) {

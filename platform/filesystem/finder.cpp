@@ -121,13 +121,14 @@ void Finder::ListAnew(Ino folder) {
   }
 }
 
-bool Finder::IsAsOpened(const OpenFile& file, const std::string& path) {
+std::optional<Attributes> Finder::FindAsOpened(const OpenFile& file, const std::string& path) {
   Listings::Answer now;
   if (Find(path, true, now) != 0 || now.known != Listings::Known::kPresent) {
-    return false;
+    return std::nullopt;
   }
   const MutexLock guard(drive.lock);
-  return now.attributes.version == file.remote.version;
+  const bool is_same = now.attributes.version == file.remote.version;
+  return is_same ? std::optional(now.attributes) : std::nullopt;
 }
 
 bool Finder::TakeNewVersion(OpenFile& file, const std::string& path,

@@ -33,8 +33,9 @@ class Finder {
       TARN_EXCLUDES(drive.lock);
   void ListAnew(Ino folder) TARN_EXCLUDES(drive.lock);
 
-  // Whether the remote has, under this path, what it had when the file was opened.
-  [[nodiscard]] bool IsAsOpened(const OpenFile& file, const std::string& path)
+  // What the remote has under this path, if it is what it had when the file was opened.
+  [[nodiscard]] std::optional<Attributes> FindAsOpened(const OpenFile& file,
+                                                       const std::string& path)
       TARN_EXCLUDES(drive.lock);
   // After a change of the file's time or name from here, which may mean another version of the
   // same content: who has it open reads on. `modified`: the time that the same content has. False:

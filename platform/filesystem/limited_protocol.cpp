@@ -11,7 +11,7 @@ namespace tarn::fs {
 
 namespace {
 
-constexpr int kMaxThreads = 128;      // as many as requests that are served at a time
+constexpr int kMaxThreads = 128;      // who comes then waits for one of them, within its limit
 constexpr int kMaxLeftBehind = 64;    // with more, nothing new is begun
 constexpr size_t kMaxLeftProbes = 3;  // a module that returns from none of so many never will
 

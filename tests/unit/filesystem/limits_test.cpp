@@ -115,6 +115,8 @@ TEST_F(LimitsTest, AChangeLeftBehindKeepsOthersFromItsPlaceUntilItHasEnded) {
   EXPECT_FALSE(remote.Close()) << "the module still works";
   protocol.SetHanging(false);
   EXPECT_TRUE(WaitUntil([&] { return remote.Close(); }));
+  fs::Attributes attributes;
+  EXPECT_EQ(remote.GetInfo("/folder", attributes), DEVICE_NOT_READY) << "and not: is not there";
   EXPECT_EQ(protocol.Paths(), std::vector<std::string>{"/folder"}) << "it happened after all";
 }
 

@@ -183,7 +183,8 @@ TEST_F(JournalTest, WhatAnotherProcessStillHasAtTheMountIsTakenOverWhenThatHasEn
         [&] { return next.Content("/changed") == "ours!!" && next.Content("/new") == "new"; }));
     EXPECT_EQ(next.Names("/"), (std::vector<std::string>{"changed", "new"}));
     fs::Stat stat;
-    EXPECT_EQ(next.MakeFolder("/new"), EEXIST) << "what the kernel does not know of stays";
+    EXPECT_EQ(next.files->MakeFolder(fs::kRootIno, "new", stat), EEXIST)
+        << "though the kernel does not know of it yet";
     ASSERT_EQ(next.files->Lookup(fs::kRootIno, "changed", stat), 0);
     EXPECT_NE(stat.ino, known.ino) << "the kernel has old pages of that";
     next.Close(reader);
